@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "CGlobalInfoImpl.h"
+#include "CTouImpl.h"
+#include "Config.h"
+#include "Singleton.h"
+
+/// The application: command line, options summary, start-up order. Made once by `main`, used on
+/// the main thread only.
+class CKivApp {
+  public:
+    CKivApp(std::string globalInfoFile, std::string bootFile, std::string configFile,
+            std::string dbFile, std::string touDir);
+
+    /// Parses the command line and loads what it names. @return 0, or -1 on failure; bad options,
+    /// -h and -V end the process.
+    int Init(int argc, char* const* argv);
+    /// Wires the services together, logs the start event and sleeps for ever.
+    [[noreturn]] void Run();
+
+    static void PrintVersion();
+    void PrintOptions() const;
+    /// Sets the verbose switch of this and every other class but `EventFilter`.
+    static void SetAllVerbose(bool verbose);
+
+    static bool m_verbose;
+
+  private:
+    friend struct CKivAppPeer;
+
+    int ParseArgs(int argc, char* const* argv);
+    bool ParseBootFile(const char* path);
+    void start();
+    void recordOperatingTime() const;
+    void askForPendingWork() const;
+    static void printUsage(const char* program);
+
+    std::string m_globalInfoFile;
+    std::string m_bootFile;
+    std::string m_configFile;
+    std::string m_dbFile;
+    std::string m_touDir;
+    Config m_config;
+    Singleton<CGlobalInfoImpl> m_globalInfo;
+    Singleton<CTouImpl> m_tou;
+};

@@ -1,0 +1,113 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "JsonObject.h"
+
+/// The daemon's working configuration: fetched from the server, mirrored in a persistent file,
+/// read through locked getters (docs/configuration.md has the document).
+///
+/// Reached through `Singleton<ConfigImpl>` or the facade `Config`. `Refresh` runs on the upload
+/// thread, getters on any. The recursive lock guards every field; it is never held across HTTP, a
+/// file write, the time manager, a scheduling call or the callback.
+class ConfigImpl {
+  public:
+    ConfigImpl();
+
+    /// Remembers the path and reads the persistent file; a missing or unreadable one is replaced
+    /// by the default document.
+    void Load(std::string path);
+    /// Copies the document into the fields; absent members keep or clear theirs, key by key.
+    void parseConfig(const JsonObject& doc);
+    /// Replaces the persistent file (atomically). A failed write gets an error line.
+    void saveConfig(const JsonObject& doc);
+    void saveAndParseConfig(const JsonObject& doc);
+
+    /// Fetches the configuration if it is needed or forced, at most once in 600 s, and asks for
+    /// the next check. @return whether it is current or an answer was received.
+    bool Refresh(bool force);
+    bool isDownloadRequired();
+    bool configIsExpired();
+    /// Whether a server's answer was ever taken over.
+    bool IsValid() const;
+    /// Asks for a refresh when this configuration expires, or in 600 s where that is not known.
+    void scheduleExpiryCheck();
+    /// Whether `dbSize` (bytes) is above "min-size".
+    bool MinimumSizeReached(long dbSize) const;
+    /// `callback` runs after every answer that parsed, on the refreshing thread, without the lock.
+    void RegisterCallback(std::function<void()> callback);
+
+    std::string GetPath() const;
+    bool GetTouAccepted() const;         ///< "kiv_tou": consent is on record
+    std::int64_t GetExpiryTou() const;   ///< seconds
+    std::string GetEventFilter() const;  ///< JSON text
+    std::string GetFileFilter() const;   ///< JSON text
+    std::int64_t GetMaxDelay() const;    ///< seconds
+    std::int32_t GetMaxSize() const;     ///< bytes
+    std::int32_t GetMinSize() const;     ///< bytes
+    std::string GetFirehoseEndpoint() const;
+    std::string GetS3Endpoint() const;
+    std::string GetFirehoseStream() const;
+    std::string GetS3Bucket() const;
+    std::string GetIV() const;               ///< hexadecimal
+    std::string GetAccessKeyId() const;      ///< hexadecimal cipher text
+    std::string GetSecretAccessKey() const;  ///< hexadecimal cipher text
+    std::string GetSessionToken() const;     ///< hexadecimal cipher text
+    std::string GetLastModified() const;
+    std::int32_t GetUtcTime() const;      ///< UTC seconds of the answer in force
+    std::int32_t GetLastAttempt() const;  ///< UTC seconds of the last download attempt
+
+    /// Who runs a refresh after a delay: scheduler(delay in ms, force). The upload side installs
+    /// itself here; without one nothing is scheduled. Guarded by a mutex of its own, which is held
+    /// during the call.
+    using RefreshScheduler = std::function<void(long, bool)>;
+    static void SetRefreshScheduler(RefreshScheduler scheduler);
+
+    static void SetVerbose(bool verbose);
+    static bool GetVerbose();
+
+  private:
+    friend struct ConfigImplPeer;
+
+    template <typename Field>
+    Field read(const Field& field) const {
+        std::unique_lock<std::recursive_mutex> lock(m_lock);
+        return field;
+    }
+    static std::int32_t currentUtcSeconds();
+    static void scheduleRefresh(long long delayMs, bool force);
+    JsonObject defaultDocument() const;
+    void parseThresholds(const JsonObject& doc);
+    void parseCloudTargets(const JsonObject& doc);
+    void parseCredentials(const JsonObject& doc);
+    bool attemptIsTooRecent(std::int32_t now);
+    void recordAttempt(std::int32_t utcSeconds);
+    bool giveUp(std::int32_t now);
+    bool takeAnswer(const std::string& body, const std::string& date, std::int32_t now);
+
+    std::string m_path;
+    bool m_touAccepted = false;
+    std::int64_t m_expiryTou = 600;
+    std::string m_eventFilter = "{}";
+    std::string m_fileFilter = "{}";
+    std::int64_t m_maxDelay = 3500;
+    std::int32_t m_maxSize = 131072;
+    std::int32_t m_minSize = 16384;
+    std::string m_firehoseEndpoint;
+    std::string m_s3Endpoint;
+    std::string m_firehoseStream;
+    std::string m_s3Bucket;
+    std::string m_iv;
+    std::string m_accessKeyId;
+    std::string m_secretAccessKey;
+    std::string m_sessionToken;
+    std::string m_lastModified;
+    std::int32_t m_utcTime = 0;
+    std::int32_t m_lastAttempt = 0;
+    std::int64_t m_lastAttemptKernelMs = -1;  ///< monotonic stamp of the last attempt; -1: none
+    std::function<void()> m_callback;
+    mutable std::recursive_mutex m_lock;  ///< guards everything above
+};

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <pthread.h>
+
+#include "DB.h"
+#include "EventFilter.h"
+#include "JsonObject.h"
+#include "Singleton.h"
+#include "TimeReference.h"
+#include "UploadImpl.h"
+
+/// The intake: receives events from the POSIX message queue "/kiv_queue" (docs/event-message.md),
+/// keeps those that consent and filters allow, completes them, and stores them in batches.
+///
+/// Reached through `Singleton<GatewayImpl>`. Two threads: "GatewayThread" receives and calls
+/// `Log`, "GatewayLogThread" stores. Both use the instance they were started by. They can be
+/// cancelled only in `mq_receive` and in the idle sleep. Lock order: m_QueueMutex, then
+/// `DB::m_PruneLock`.
+class GatewayImpl {
+  public:
+    GatewayImpl();
+    /// Cancels and joins the threads; the queue is closed and unlinked, waiting events discarded.
+    ~GatewayImpl();
+    GatewayImpl(const GatewayImpl&) = delete;
+    GatewayImpl& operator=(const GatewayImpl&) = delete;
+
+    /// Opens the store; messages are taken from then on.
+    void Init(std::string dbPath);
+    /// Handles one message: checks, filters, completes and queues the event, then posts the
+    /// sender's semaphore. Never throws.
+    void Log(std::string message);
+
+    /// The moment of the latest accepted event; null when there was none.
+    static std::unique_ptr<TimeReference> latestEvent();
+
+    static void SetVerbose(bool verbose);
+    static bool GetVerbose();
+
+    static std::deque<JsonObject> m_Queue;  ///< completed events waiting to be stored
+    static std::mutex m_QueueMutex;         ///< guards m_Queue
+
+  private:
+    friend struct GatewayImplPeer;
+
+    static void* receiveEntry(void* gateway);
+    static void* storeEntry(void* gateway);
+    void receive();
+    void store();
+    bool storeWaitingEvents();
+    void waitForInit();
+    std::string handleMessage(const std::string& message);
+    void handleEvent(JsonObject event, const std::string& typeText);
+    void registerFile(JsonObject& event, const std::string& url, const JsonObject& info);
+    void completeAndQueue(JsonObject event, const std::string& typeText);
+    static void postSemaphore(const std::string& name);
+
+    Singleton<UploadImpl> m_upload;
+    std::atomic<bool> m_initialized{false};
+    std::unique_ptr<EventFilter> m_eventFilter;
+    std::unique_ptr<EventFilter> m_fileFilter;
+    std::mutex m_logMutex;   ///< one message at a time in the filters
+    std::mutex m_initMutex;  ///< guards the wait for Init
+    std::condition_variable m_initDone;
+    std::string m_queueName = "/kiv_queue";
+    pthread_t m_receiver{};
+    pthread_t m_storer{};
+    bool m_receiverStarted = false;
+    bool m_storerStarted = false;
+    std::unique_ptr<DB> m_db;
+
+    static std::mutex m_latestMutex;  ///< guards m_latestEvent
+    static std::unique_ptr<TimeReference> m_latestEvent;
+};

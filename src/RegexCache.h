@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+/// Compiled regular expressions (ECMAScript grammar), kept by their text.
+///
+/// Compiled with libstdc++'s polynomial executor where it can take the pattern: the default one
+/// overflows the stack on long subjects and takes exponential time on nested repeats. Bounded;
+/// guarded by a mutex of its own; usable from any thread.
+class RegexCache {
+  public:
+    /// Whether `text` as a whole matches `pattern`. A pattern longer than 1024 characters, or a
+    /// subject longer than 512 for one with back-references, gives false and an error line.
+    /// @throws std::regex_error when the pattern does not compile or matching gives up
+    static bool matches(const std::string& pattern, const std::string& text);
+};

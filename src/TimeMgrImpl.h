@@ -1,0 +1,89 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <thread>
+
+#include "JsonObject.h"
+#include "TimeReference.h"
+#include "UtcTime.h"
+
+class DB;
+
+/// Where a UTC time comes from; a greater value is trusted more.
+enum TimeSource : int { TimeSourceInvalid = -1, TimeSourceSystem = 0, TimeSourceWeb = 1 };
+
+/// Writes the source's name.
+std::ostream& operator<<(std::ostream& out, TimeSource source);
+
+/// The application clock: UTC as last set by the best time source, carried on by the monotonic
+/// clock; the system clock while it was never set. Any thread.
+std::chrono::system_clock::time_point kivAppNow();
+
+/// Turns time references into UTC. For each cycle and source it stores the UTC milliseconds of
+/// kernel time 0, and it sets the application clock from the best source so far.
+///
+/// Reached through `Singleton<TimeMgrImpl>`; inactive until `setDBPath`. All operations from any
+/// thread. Lock order: `DB::m_PruneLock`, then m_mutex.
+class TimeMgrImpl {
+  public:
+    ~TimeMgrImpl();
+
+    /// Opens the store at `path` and starts watching the middleware's time; an empty path stops.
+    void setDBPath(const std::string& path);
+    /// Starts or stops (cancels and joins) the thread that watches the middleware's time.
+    void setAutoUpdateSystemTime(bool on);
+    /// A source reports that the moment `ref` is `utc`; changes of up to a minute are ignored,
+    /// `utc` 0 forgets.
+    void setTime(TimeSource source, const TimeReference& ref, UtcTimeMs utc);
+    /// The UTC of `ref` by that source; 0 when unknown.
+    UtcTimeMs getTime(TimeSource source, const TimeReference& ref) const;
+    /// By web time if known, else by system time, else 0.
+    UtcTimeMs getTime(const TimeReference& ref = TimeReference()) const;
+    /// The best source that knows the cycle of `ref`.
+    TimeSource getPreferredTimeSource(const TimeReference& ref) const;
+    /// [{"src": name, "utc": ms}, ...] for the two sources.
+    JsonObject getAllTimesAsJson(const TimeReference& ref) const;
+    /// Whether `time` (UTC seconds) can be now: not 0, and the boot that it implies later than
+    /// 2016-07-31T23:59:59Z and than the build time plus 60 s.
+    bool isSystemTimeAcceptable(unsigned long long time) const;
+    /// Called, on the thread that stores, when a start time cannot be stored.
+    void setErrorCallback(std::function<void()> callback);
+
+    /// Sets the application clock; the device's own clock is not touched.
+    static void setSystemTime(UtcTimeMs utc);
+    static const char* getTimeSourceAsString(int source);
+
+    /// Announces that the start-up will call `setDBPath`, for `waitForDBPath`.
+    static void expectDBPath();
+    /// Waits until an announced `setDBPath` has happened (true), or `limit` has passed. Returns
+    /// at once where none was announced.
+    static bool waitForDBPath(std::chrono::milliseconds limit);
+
+    static void SetVerbose(bool verbose) { m_verbose = verbose; }
+    static bool GetVerbose() { return m_verbose; }
+    static bool m_verbose;
+
+  private:
+    friend struct TimeMgrImplPeer;
+
+    static void checkSystemTime(TimeMgrImpl* manager);
+    void checkSystemTimeThread();
+    void watchPipe(int fd);
+    void handleMiddlewareTime(const std::string& text, long long& previousTime,
+                              TimeReference& previousRef);
+    bool hasDatabase() const;
+
+    std::string m_dbPath;
+    std::unique_ptr<DB> m_db;
+    std::thread m_checker;
+    std::int32_t m_currentSource = TimeSourceInvalid;
+    mutable std::mutex m_mutex;  ///< guards m_db, m_dbPath, m_currentSource, m_errorCallback
+    std::mutex m_checkerMutex;   ///< guards m_checker: start, stop and join
+    std::function<void()> m_errorCallback;
+};

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <queue>
+#include <thread>
+#include <vector>
+
+#include "Semaphore.h"
+
+/// Calls handlers after a delay, each once, on one thread of its own ("TimerQueueThread").
+///
+/// Handlers run one at a time in the order of their due times, with no lock held: they may add
+/// and cancel items of the same queue. They must be short: a handler posts, it does not work.
+/// `add` and `cancel` may be called from any thread. The destructor calls every pending handler
+/// with `cancelled` true and joins the thread; it must not run on that thread.
+class TimerQueue : private Semaphore {
+  public:
+    /// handler(cancelled, first argument, second argument)
+    using Handler = std::function<void(bool, unsigned int, int)>;
+
+    TimerQueue();
+    ~TimerQueue();
+    TimerQueue(const TimerQueue&) = delete;
+    TimerQueue& operator=(const TimerQueue&) = delete;
+
+    /// Calls `handler` after `milliseconds`. @return the item's id: 1, 2, 3, ..., never reused.
+    std::uint64_t add(long long milliseconds, unsigned int firstArgument, int secondArgument,
+                      Handler handler);
+    /// Has the pending item called at once, on the queue's thread, with `cancelled` true and its
+    /// own arguments. @return false when no such item is pending (always for 0).
+    bool cancel(std::uint64_t id);
+
+  private:
+    struct WorkItem {
+        std::chrono::steady_clock::time_point end;
+        std::uint64_t id = 0;  ///< 0: cancelled
+        std::uint32_t firstArgument = 0;
+        std::int32_t secondArgument = 0;
+        Handler handler;  ///< empty once the item has been cancelled in place
+
+        bool operator>(const WorkItem& other) const { return end > other.end; }
+    };
+
+    /// The priority queue with its container in reach, so that `cancel` can scan and the work can
+    /// move items out.
+    class Items
+        : public std::priority_queue<WorkItem, std::vector<WorkItem>, std::greater<WorkItem>> {
+      public:
+        std::vector<WorkItem>& storage() { return c; }
+        WorkItem takeTop();
+        void reorder();
+    };
+
+    void run();
+    void checkWork();
+    void dropDiscardedItems();
+
+    std::thread m_thread;
+    bool m_finish = false;  ///< used on the queue's thread only
+    std::uint64_t m_lastId = 0;
+    std::mutex m_queueMutex;  ///< guards m_items and m_lastId
+    Items m_items;
+};

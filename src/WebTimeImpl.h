@@ -1,0 +1,25 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+/// Obtains the UTC time of the current cycle from a web server's Date header and hands it to the
+/// time manager. Reached through `Singleton<WebTimeImpl>`; used on the upload thread.
+class WebTimeImpl {
+  public:
+    /// Makes sure that web time is known for the current cycle: asks the server only while it is
+    /// not. @return whether it was known already; the call that fetches it returns false.
+    bool getWebTime();
+    /// UTC seconds as last read from the time manager; 0 when unknown.
+    long long getWebTimeValue();
+
+    static void SetVerbose(bool verbose);
+    static bool GetVerbose();
+
+    static std::atomic<std::int64_t> m_WebTime;  ///< UTC seconds; 0 when unknown
+
+  private:
+    static void takeTimeFromServer();
+    static void setTimeFromDate(const std::string& date);
+};
