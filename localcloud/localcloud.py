@@ -1,0 +1,101 @@
+#!/usr/bin/python3
+"""A cloud on this machine: everything that kivApp speaks to, on loopback.
+
+HTTPS: configuration, terms of use, time, the stream service (PutRecord) and the
+object service (PutObject, GetObject). HTTP: geolocation and control. README.md
+says what it checks, what it keeps and how to make it misbehave.
+"""
+
+import argparse
+import json
+import os
+import signal
+import sys
+import threading
+
+from certificates import Certificates
+from configuration import Services, ServicesFileError
+from scenario import ControlError, Scenario
+from server import HttpServer, HttpsServer, LocalCloud
+from store import Store
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+DEFAULT_SERVICES = os.path.join(os.path.dirname(HERE), "services", "local.json")
+
+
+def port_number(text):
+    number = int(text)
+    if not 0 <= number <= 65535:
+        raise ValueError(text)
+    return number
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(
+        description="Run the services that kivApp speaks to on this machine (loopback only).",
+        epilog='Prints "ready https=PORT http=PORT control=URL ca=FILE" when it can be used.',
+    )
+    parser.add_argument("--state", metavar="DIR", required=True,
+                        help="directory for its CA and for what arrives; made when missing")
+    parser.add_argument("--services", metavar="FILE", default=DEFAULT_SERVICES,
+                        help="addresses and keys of the services (default: services/local.json)")
+    parser.add_argument("--https-port", metavar="PORT", type=port_number,
+                        help="instead of the services file's; 0: any free port")
+    parser.add_argument("--http-port", metavar="PORT", type=port_number,
+                        help="instead of the services file's; 0: any free port")
+    parser.add_argument("--scenario", metavar="FILE",
+                        help="a control document (JSON) to follow from the start")
+    parser.add_argument("--verbose", action="store_true", help="print a line for every request")
+    return parser.parse_args()
+
+
+def told_scenario(path):
+    scenario = Scenario()
+    if path:
+        with open(path, encoding="utf-8") as file:
+            scenario.apply(json.load(file))
+    return scenario
+
+
+def listen(options):
+    """Both listeners, bound to their ports."""
+    state = os.path.abspath(options.state)
+    services = Services(options.services)
+    scenario = told_scenario(options.scenario)
+    store = Store(state)
+    cloud = LocalCloud(services, scenario, store, Certificates(state), options.verbose)
+    ports = [
+        services.https_port if options.https_port is None else options.https_port,
+        services.http_port if options.http_port is None else options.http_port,
+    ]
+    https = HttpsServer(ports[0], cloud)
+    plain = HttpServer(ports[1], cloud)
+    cloud.gateway.endpoint = "https://localhost:%d" % https.port
+    return https, plain
+
+
+def main():
+    options = parse_arguments()
+    try:
+        https, plain = listen(options)
+    except (OSError, ValueError, ServicesFileError, ControlError) as error:
+        print("localcloud: %s" % error, file=sys.stderr)
+        return 1
+    stop = threading.Event()
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, lambda *_: stop.set())
+    for server in (https, plain):
+        threading.Thread(target=server.serve_forever, args=(0.1,), daemon=True).start()
+    print(
+        "ready https=%d http=%d control=http://127.0.0.1:%d/control ca=%s"
+        % (https.port, plain.port, plain.port, https.cloud.certificates.ca_file),
+        flush=True,
+    )
+    stop.wait()
+    https.server_close()
+    plain.server_close()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
