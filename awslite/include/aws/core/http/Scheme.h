@@ -1,0 +1,9 @@
+#pragma once
+
+namespace Aws {
+namespace Http {
+
+enum class Scheme { HTTP, HTTPS };
+
+}  // namespace Http
+}  // namespace Aws

@@ -1,0 +1,9 @@
+#pragma once
+
+#include <string>
+
+namespace Aws {
+
+using String = std::string;
+
+}  // namespace Aws
