@@ -42,9 +42,14 @@ class AwsWrapperImpl {
     struct Sdk;     ///< the SDK's options, rate limiter and time stamp
     struct Upload;  ///< everything that the child needs, read before the fork
 
-    bool waitForChild(int child);
-    static bool runChild(const Upload& upload);
+    Upload prepareUpload(const std::string& objectName, const std::string& localPath);
+    static bool waitForChild(int child);
+    static void limitChild();
     static void killTimedOutChild(int signal);
+    static bool runChild(const Upload& upload);
+    [[noreturn]] static void endChild(bool success);
+    static bool putObject(const Upload& upload);
+    bool getObject(const std::string& objectName, const std::string& localPath);
     static bool appendToTestFile(const std::string& path, const char* list,
                                  const std::string& text);
 

@@ -31,10 +31,17 @@ class CKivApp {
   private:
     friend struct CKivAppPeer;
 
+    struct Running;
+    struct Switches;
+
     int ParseArgs(int argc, char* const* argv);
+    void applyOption(int letter, const char* program, Switches& given);
+    void readGivenBootFile(Switches& given);
+    void readGivenGlobalInfo(Switches& given);
     bool ParseBootFile(const char* path);
-    void start();
+    std::unique_ptr<Running> start();
     void recordOperatingTime() const;
+    static void logStartEvent(Running& running);
     void askForPendingWork() const;
     static void printUsage(const char* program);
 

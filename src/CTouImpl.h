@@ -31,9 +31,12 @@ class CTouImpl {
   private:
     friend struct CTouImplPeer;
 
-    long readServerVersion() const;
-    void parseConsent(const std::string& text, long serverVersion);
+    std::string readConsentFile();
+    std::int64_t readServerVersion() const;
+    void parseConsent(const std::string& text, std::int64_t serverVersion);
+    void dropServerAnswer() const;
     void announce(const std::string& url, bool mandatory, const std::string& answer) const;
+    void write(const std::string& name, const std::string& text) const;
 
     std::atomic<bool> m_accepted{false};
     bool m_fileExists = false;

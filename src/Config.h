@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "ConfigImpl.h"
+#include "Services.h"
 #include "Singleton.h"
 
 /// A holder of the configuration for the span of one call (or the whole run), together with the
@@ -19,6 +21,9 @@ class Config {
     static constexpr const char* defaultFilter = "{}";
     static constexpr const char* defaultBucket = "norvane-ddump/kiv-test";
     static constexpr const char* defaultStream = "kiv-eventsrc-stream-test";
+
+    static std::string defaultFirehoseEndpoint() { return Services::defaultFirehoseEndpoint(); }
+    static std::string defaultS3Endpoint() { return Services::defaultS3Endpoint(); }
 
     static constexpr const char* keyKivTou = "kiv_tou";
     static constexpr const char* keyExpiryTou = "expiry_tou";

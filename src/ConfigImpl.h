@@ -87,6 +87,10 @@ class ConfigImpl {
     void recordAttempt(std::int32_t utcSeconds);
     bool giveUp(std::int32_t now);
     bool takeAnswer(const std::string& body, const std::string& date, std::int32_t now);
+    static void stamp(JsonObject& doc, const std::string& date);
+    void countAsFresh(std::int32_t serverTime);
+    void callBack() const;
+    std::int64_t secondsLeft(std::int32_t now) const;
 
     std::string m_path;
     bool m_touAccepted = false;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -40,8 +41,11 @@ class Credentials : public Aws::Auth::AWSCredentialsProvider {
     friend struct CredentialsPeer;
 
     static int chosenEnvironment();
+    /// Ends the process through OpenSSL's die routine unless `condition` holds.
+    static void assertHolds(bool condition, const char* assertion, int line);
 
-    static int m_KivServerEnv;  ///< 0 production, 1 development, 2 acceptance
+    static std::mutex m_environmentLock;  ///< guards the two members below
+    static int m_KivServerEnv;            ///< 0 production, 1 development, 2 acceptance
     static bool m_environmentChecked;
     static const std::string Keysource;
     static std::vector<signed char> m_touUrlTable[3];

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -11,8 +10,11 @@
 #include <vector>
 
 #include "EventSet.h"
+#include "PrunerThreads.h"
 
 struct sqlite3;
+class EventPruner;
+class SqlStatement;
 
 /// One connection to the event store: an SQLite 3 file (`user_version` 2) with the tables Events,
 /// Files, TimeOffsets, OpTimes and Location (docs/database.md).
@@ -132,30 +134,49 @@ class DB {
         void operator()(sqlite3* connection) const;
     };
     using PruneGuard = std::unique_lock<std::recursive_mutex>;
-    struct Victims;
-    struct Pruners;
+    enum class OnFailure { Record, ReportOnly };
 
     static int execCallback(void* prefix, int columns, char** values, char** names);
+    /// Writes the verbose line "Take lock for <operation>", then takes m_PruneLock.
     static PruneGuard lockFor(const char* operation);
-    bool execute(const std::string& sql, const char* failureText, bool recordFailure = true);
+
+    // Everything below is called with m_PruneLock held, except where it says otherwise.
+    bool openConnection(const std::string& path);
+    void recreate(const std::string& path);  // deletes the file, opens a new one
+    int limitPages();
     int readPragma(const char* pragma) const;
-    bool limitPages();
     void createTables();
     void migrate();
     void setUserVersion();
-    bool hasQuoteInTexts(const std::string& type, const std::string& data) const;
-    long insertEvent(const NewEvent& event);
+
+    /// Runs `sql`; a failure gets its line and, unless told otherwise, is recorded.
+    /// @return SQLite's result code
+    int execute(const std::string& sql, const char* failureText,
+                OnFailure onFailure = OnFailure::Record);
+    void reportFailure(const char* failureText, const char* message, OnFailure onFailure);
+    bool begin(const char* statement);
+    bool executeOrRollBack(const std::string& sql, const char* failureText);
+    bool commit();
+    void rollBack();
+    std::string lastErrorOfConnection() const;
+
+    long storeEvent(const NewEvent& event);  // without the lock, or with it
+    bool insertEvent(const NewEvent& event);
     bool refuseQuotedEvent(const std::string& statement);
-    void startPrunerAbove(long total);
-    static void letWaitingPrunerGoFirst();
-    Victims selectVictims(long total, long limit);
-    std::string overflowEvent(const Victims& victims) const;
-    void replaceVictims(const Victims& victims);
+    bool storeInOneTransaction(const std::vector<NewEvent>& events, std::size_t& taken,
+                               long& total);
+    void startPrunerAbove(long total);  // without the lock
+
+    bool replaceOldestEvents(long limit);
+    void replaceByOverflowEvent(const EventPruner& victims);
+
+    bool hasRow(SqlStatement& query, const char* table) const;
+    std::int64_t readNumber(SqlStatement& query, const char* table) const;  // 0 without a row
 
     std::string m_path;
     std::unique_ptr<sqlite3, CloseConnection> m_connection;
     std::int32_t m_maxDatabaseSize = 3145728;  ///< bytes
     std::int32_t m_pruneThreshold = 131072;    ///< bytes of events above which an insert prunes
     std::int32_t m_pruneTarget = 94208;        ///< bytes of events that pruning leaves
-    std::shared_ptr<Pruners> m_pruners;        ///< threads of this object still running
+    PrunerThreads m_pruners;                   ///< gone first: they use what is above
 };

@@ -11,7 +11,8 @@
 /// The bound stream must outlive the object.
 class DbgOut {
   public:
-    explicit DbgOut(std::ostream& out) : m_out(out) {}
+    /// Constant initialisation: globals are ready before any static initialiser runs.
+    explicit constexpr DbgOut(std::ostream& out) : m_out(out) {}
 
     /// Writes the prefix: monotonic milliseconds, process id, kernel thread id.
     void PrintPrefix();

@@ -1,12 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "SqlStatement.h"
-
-struct sqlite3;
 
 /// A cursor over stored events, oldest first, on a database connection of its own; reached as
 /// `DB::EventSet`. It remembers the ROWID of every event it handed out. Copies share the cursor
@@ -31,17 +28,26 @@ class EventSet {
     /// The marked rows, in the order handed out.
     std::vector<long>& getReturnedRows() { return m_marked; }
 
-    bool isOpen() const { return m_open; }
-    bool isActive() const { return m_active; }
+    /// Whether the connection was opened and the rows have not run out; `close` leaves it set.
+    bool isOpen() const;
+    /// Whether rows may still be read.
+    bool isActive() const;
 
   private:
-    void end();
+    friend class DB;
+
+    struct Cursor;
+    struct Cursors;
+
+    static Cursors& cursors();
+    /// Tells every living set that pruning deleted `rows`. Marks of these no longer count: SQLite
+    /// may give their ROWIDs to new events.
+    static void rowsWerePruned(const std::vector<std::int64_t>& rows);
+    /// The marked rows without those that pruning has deleted since they were handed out.
+    std::vector<long> marksStillStored() const;
+    void open(const std::string& path, const std::string& query);
+    void mark(std::int64_t row);
 
     std::vector<long> m_marked;
-    std::shared_ptr<sqlite3> m_connection;
-    std::shared_ptr<SqlStatement>
-        m_statement;  ///< declared behind, so finalized before, the connection
-    int m_openResult = 0;
-    bool m_open = false;
-    bool m_active = false;
+    std::shared_ptr<Cursor> m_cursor;  ///< null for an empty path or query
 };

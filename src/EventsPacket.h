@@ -15,7 +15,7 @@ class EventsPacket {
     explicit EventsPacket(int maxSize);
 
     /// Adds one stored event. @param time its UTC. @return false when the packet is full or the
-    /// event could not be rendered; the packet is then as before (but for the comma flag).
+    /// event could not be rendered; the packet is then as before.
     bool AddEvent(std::string event, UtcTimeMs time);
     bool IsEmpty() const { return m_size == 0; }
     /// Closes the record and puts it to the stream; an empty packet is not sent. @return success
@@ -24,7 +24,7 @@ class EventsPacket {
   private:
     friend struct EventsPacketPeer;
 
-    bool openSession(int bootCount, int standbyCount, UtcTimeMs time, std::string& piece);
+    bool openSession(int bootCount, int standbyCount, UtcTimeMs time, std::string& piece) const;
     static void flatten(JsonObject& event);
     static std::string render(JsonObject& event, UtcTimeMs time);
 

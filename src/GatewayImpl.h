@@ -51,14 +51,16 @@ class GatewayImpl {
 
     static void* receiveEntry(void* gateway);
     static void* storeEntry(void* gateway);
-    void receive();
-    void store();
-    bool storeWaitingEvents();
+    bool receive();  ///< false when the queue cannot be served; otherwise ends by cancellation
     void waitForInit();
-    std::string handleMessage(const std::string& message);
-    void handleEvent(JsonObject event, const std::string& typeText);
+    void store();
+    bool storeBatch();      ///< whether there was anything to store
+    long storeFromFront();  ///< with m_QueueMutex held; the store's total size, bytes
+    std::string handleMessage(const std::string& message);  ///< the semaphore to post, or ""
+    void handleEvent(JsonObject event);
+    bool takeAnnouncedFile(JsonObject& event);  ///< whether the event travels as a file's facts
     void registerFile(JsonObject& event, const std::string& url, const JsonObject& info);
-    void completeAndQueue(JsonObject event, const std::string& typeText);
+    static void completeAndQueue(JsonObject event, const std::string& typeText);
     static void postSemaphore(const std::string& name);
 
     Singleton<UploadImpl> m_upload;
@@ -68,12 +70,13 @@ class GatewayImpl {
     std::mutex m_logMutex;   ///< one message at a time in the filters
     std::mutex m_initMutex;  ///< guards the wait for Init
     std::condition_variable m_initDone;
-    std::string m_queueName = "/kiv_queue";
     pthread_t m_receiver{};
     pthread_t m_storer{};
     bool m_receiverStarted = false;
     bool m_storerStarted = false;
     std::unique_ptr<DB> m_db;
+
+    static std::string m_queueName;  ///< "/kiv_queue"; not changed while a gateway lives
 
     static std::mutex m_latestMutex;  ///< guards m_latestEvent
     static std::unique_ptr<TimeReference> m_latestEvent;

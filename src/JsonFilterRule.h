@@ -31,6 +31,10 @@ class JsonFilterRule {
     static bool m_verbose;
 
   private:
+    bool matchAllKeys(const JsonObject& event) const;
+    bool matchWithJsonObject(const JsonObject& value, const JsonObject& ruleValue) const;
+    bool anyElementMatches(const JsonObject& array, const JsonObject& ruleValue) const;
+
     JsonObject m_rule;
 };
 

@@ -19,7 +19,8 @@ class LocationInfo {
     /// With the environment variable "LOC_NETWORK" set to anything but "true": a fixed place,
     /// nothing asked. On the upload thread, without locks held.
     static std::shared_ptr<LocationInfo> getLocation();
-    /// What is known without the network: this run's location, else the stored one, else null.
+    /// What is known without the network: this run's location, else the fixed place where
+    /// geolocation is off, else the stored one, else null.
     static std::shared_ptr<LocationInfo> getKnownLocation();
 
     /// {"lat", "lng", "ip", "city", "region", "country-code", "country", "continent"}; a null
@@ -42,10 +43,13 @@ class LocationInfo {
   private:
     friend struct LocationInfoPeer;
 
+    static std::shared_ptr<LocationInfo> currentLocation();
     static std::shared_ptr<LocationInfo> readStored();
+    static std::shared_ptr<LocationInfo> askProvider();  ///< null when the request failed
     static std::shared_ptr<LocationInfo> fromAnswer(const std::string& body);
     static void storeInBackground(const LocationInfo& info);
     static std::shared_ptr<LocationInfo> remember(std::shared_ptr<LocationInfo> info);
+    static std::string dbPath();
 
     double m_lng;
     double m_lat;

@@ -50,14 +50,25 @@ class NetworkHelper : public url_data {
     friend struct NetworkHelperPeer;
     struct Request;
 
+    /// What ends a request as failed.
+    struct Limits {
+        long connectMs;            ///< until the connection stands
+        long lowSpeed;             ///< bytes/s; a transfer below it ...
+        long lowSpeedSeconds;      ///< ... for so long ends
+        std::size_t bodyBytes;     ///< of one response
+        std::size_t headersBytes;  ///< of one response, all lines together
+    };
+
     void clearResults();
+    void setOptions(Request& request);
     bool performWithResolvedAddress(Request& request);
-    bool succeed(const char* url) const;
+    bool succeed() const;
 
     std::function<void()> m_callback;
     bool m_callbackPending = true;
     std::int32_t m_pollIntervalMs = 60000;
 
+    static Limits m_limits;                 ///< constant while requests run
     static std::mutex m_NetworkStatusLock;  ///< guards the two members below
     static bool m_NetworkAvailable;
     static std::int32_t m_TimeAtLastNetworkPoll;  ///< monotonic ms, low 32 bits; 0 = never

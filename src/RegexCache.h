@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 /// Compiled regular expressions (ECMAScript grammar), kept by their text.
@@ -13,4 +14,13 @@ class RegexCache {
     /// subject longer than 512 for one with back-references, gives false and an error line.
     /// @throws std::regex_error when the pattern does not compile or matching gives up
     static bool matches(const std::string& pattern, const std::string& text);
+
+  private:
+    friend struct RegexCachePeer;
+
+    static constexpr std::size_t kMaxPatterns = 64;  ///< how many are kept
+
+    static bool holds(const std::string& pattern);
+    static std::size_t size();
+    static void clear();
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -8,6 +9,9 @@
 #include <ostream>
 #include <string>
 #include <thread>
+#include <vector>
+
+#include <time.h>
 
 #include "JsonObject.h"
 #include "TimeReference.h"
@@ -32,7 +36,10 @@ std::chrono::system_clock::time_point kivAppNow();
 /// thread. Lock order: `DB::m_PruneLock`, then m_mutex.
 class TimeMgrImpl {
   public:
+    TimeMgrImpl();
     ~TimeMgrImpl();
+    TimeMgrImpl(const TimeMgrImpl&) = delete;
+    TimeMgrImpl& operator=(const TimeMgrImpl&) = delete;
 
     /// Opens the store at `path` and starts watching the middleware's time; an empty path stops.
     void setDBPath(const std::string& path);
@@ -71,19 +78,49 @@ class TimeMgrImpl {
 
   private:
     friend struct TimeMgrImplPeer;
+    friend std::chrono::system_clock::time_point kivAppNow();
+
+    /// The application clock as last set; all zero before.
+    struct AppClock {
+        timespec utc;
+        timespec monotonic;  ///< CLOCK_MONOTONIC at the setting
+    };
+    class StoreLock;
 
     static void checkSystemTime(TimeMgrImpl* manager);
     void checkSystemTimeThread();
-    void watchPipe(int fd);
+    void startChecker();
+    void endPause(bool stops);
+    static int openPipe();
+    void pauseBeforeReopening();
+    void watchPipe(int fd, std::vector<char>& buffer, long long& previousTime);
     void handleMiddlewareTime(const std::string& text, long long& previousTime,
                               TimeReference& previousRef);
+    void takeMiddlewareTime(long long previousTime, long long newTime);
     bool hasDatabase() const;
+    void closeDatabase();
+    void openDatabase(const std::string& path);
+    void setClockFrom(TimeSource source, UtcTimeMs utc);
+    void forgetStartTime(TimeSource source, const TimeReference& ref);
+    void changeTime(TimeSource source, const TimeReference& ref, std::int64_t oldTime,
+                    std::int64_t newTime);
+    static void announceDBPathSet();
+
+    static std::string m_pipePath;          ///< the middleware's named pipe
+    static std::mutex m_appClockMutex;      ///< guards m_appClock; a leaf
+    static AppClock m_appClock;             ///< written by setSystemTime only
+    static std::mutex m_gateMutex;          ///< guards m_dbPathExpected
+    static std::condition_variable m_gate;  ///< signalled when m_dbPathExpected falls
+    static bool m_dbPathExpected;           ///< announced, and not set yet
 
     std::string m_dbPath;
     std::unique_ptr<DB> m_db;
     std::thread m_checker;
     std::int32_t m_currentSource = TimeSourceInvalid;
-    mutable std::mutex m_mutex;  ///< guards m_db, m_dbPath, m_currentSource, m_errorCallback
-    std::mutex m_checkerMutex;   ///< guards m_checker: start, stop and join
+    mutable std::mutex m_mutex;      ///< guards m_db, m_dbPath, m_currentSource, m_errorCallback
+    std::mutex m_checkerMutex;       ///< guards m_checker: start, stop and join
+    std::mutex m_wakeMutex;          ///< guards m_checkerStops
+    std::condition_variable m_wake;  ///< signalled when m_checkerStops rises
+    bool m_checkerStops = false;     ///< ends the checker's pause between two openings
     std::function<void()> m_errorCallback;
 };

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <queue>
 #include <thread>
 #include <vector>
@@ -36,6 +36,10 @@ class TimerQueue : private Semaphore {
 
   private:
     struct WorkItem {
+        WorkItem() = default;
+        WorkItem(WorkItem&&) = default;
+        WorkItem& operator=(WorkItem&&) = default;
+
         std::chrono::steady_clock::time_point end;
         std::uint64_t id = 0;  ///< 0: cancelled
         std::uint32_t firstArgument = 0;
@@ -57,7 +61,8 @@ class TimerQueue : private Semaphore {
 
     void run();
     void checkWork();
-    void dropDiscardedItems();
+    /// Drops cancelled leftovers from the top; the due time of the next item, if there is one.
+    std::optional<std::chrono::steady_clock::time_point> nextDeadline();
 
     std::thread m_thread;
     bool m_finish = false;  ///< used on the queue's thread only

@@ -13,6 +13,10 @@
 #include "TimerQueue.h"
 #include "UploadMessageQueue.h"
 
+namespace AwsWrapper {
+class EventsPacket;
+}
+
 /// Everything on the sending side: the upload thread that runs one job at a time, its message
 /// queue, the timer queue behind delayed requests, and the store it uploads from.
 ///
@@ -80,13 +84,18 @@ class UploadImpl {
     struct FilesPass;
 
     void uploadThread();
+    void runJob(int id, long param);
     void schedule(std::uint64_t& timer, long long delayMs, int id, long param);
-    bool uploadIsPermitted(bool webTimeKnown) const;
+    static bool uploadIsPermitted();
+    static bool canUpload(bool webTimeKnown);
     static std::int64_t nowSeconds();
     bool failedLessThanAMinuteAgo(std::int64_t now) const;
+    DB::EventSet packStoredEvents(AwsWrapper::EventsPacket& packet);
     int recordFailedSend(std::int64_t now, const char* reason);
-    int finishSentPacket(const DB::EventSet& events, std::int64_t now);
+    int scheduleAfterSend();
     bool uploadNextFile(FilesPass& pass);
+    static std::int64_t secondsUntilRetry(const DB::PendingUpload& file);
+    bool uploadFile(const DB::PendingUpload& file);
 
     static unsigned int registerInstance(UploadImpl* upload);
     static void forgetInstance(unsigned int instance);

@@ -18,6 +18,8 @@ class UploadMessageQueue {
     Message pop();
 
   private:
+    friend struct UploadMessageQueuePeer;
+
     std::mutex m_mutex;  ///< guards m_messages; never held while a job runs
     std::condition_variable m_arrived;
     std::deque<Message> m_messages;

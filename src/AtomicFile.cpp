@@ -1,0 +1,153 @@
+#include "AtomicFile.h"
+
+#include <filesystem>
+#include <mutex>
+#include <system_error>
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kMaxLinks = 40;  // as the kernel's own limit
+constexpr mode_t kNewFileMode = 0644;
+
+/// Guards the names of the temporary files: each target has one fixed name, so that power cuts
+/// leave at most one file behind.
+std::mutex replaceMutex;
+
+class Descriptor {
+  public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    ~Descriptor() { close(); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    bool isOpen() const { return m_fd >= 0; }
+    int get() const { return m_fd; }
+
+    /// @return false, with errno, when the last of the data could not be written.
+    bool close() {
+        if (m_fd < 0) return true;
+        const int fd = m_fd;
+        m_fd = -1;
+        return ::close(fd) == 0 || errno == EINTR;
+    }
+
+  private:
+    int m_fd;
+};
+
+/// "cannot <action> <path>: <reason of errno>"
+std::string failure(const char* action, const fs::path& path) {
+    const int reason = errno;
+    return std::string("cannot ") + action + " " + path.string() + ": " +
+           std::generic_category().message(reason);
+}
+
+/// Where the file really is: the end of a chain of links, which need not exist.
+fs::path behindLinks(fs::path path) {
+    std::error_code error;
+    for (int links = 0; links < kMaxLinks && fs::is_symlink(path, error); ++links) {
+        const fs::path target = fs::read_symlink(path, error);
+        if (error) break;
+        path = path.parent_path() / target;
+    }
+    return path;
+}
+
+bool writeAll(int fd, const std::string& text) {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return false;
+        done += static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+/// What cannot be synced at all (a device, some directories) is as safe as it gets.
+bool syncToDisk(int fd) {
+    return ::fsync(fd) == 0 || errno == EINVAL || errno == ENOTSUP;
+}
+
+/// Gives the new file the owner and the mode of the one that it replaces.
+bool takeOverAttributes(int fd, const struct stat* old) {
+    if (old != nullptr && ::fchown(fd, old->st_uid, old->st_gid) != 0) {
+        // Only root may give files away; readers go by the mode.
+    }
+    return ::fchmod(fd, old != nullptr ? old->st_mode & 07777 : kNewFileMode) == 0;
+}
+
+std::string fillTemporary(Descriptor& file, const fs::path& temporary, const struct stat* old,
+                          const std::string& text) {
+    if (!takeOverAttributes(file.get(), old)) return failure("set the mode of", temporary);
+    if (!writeAll(file.get(), text)) return failure("write", temporary);
+    if (!syncToDisk(file.get())) return failure("sync", temporary);
+    if (!file.close()) return failure("close", temporary);
+    return "";
+}
+
+std::string syncDirectory(const fs::path& directory) {
+    const Descriptor entry(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!entry.isOpen()) return failure("open the directory", directory);
+    if (!syncToDisk(entry.get())) return failure("sync the directory", directory);
+    return "";
+}
+
+int openInPlace(const fs::path& path) {
+    // Without O_NONBLOCK a named pipe would hold the caller for ever. O_CREAT only where it is
+    // needed: in a sticky directory it is refused for other users' files.
+    constexpr int flags = O_WRONLY | O_TRUNC | O_CLOEXEC | O_NONBLOCK;
+    const int fd = ::open(path.c_str(), flags);
+    if (fd >= 0 || errno != ENOENT) return fd;
+    return ::open(path.c_str(), flags | O_CREAT, kNewFileMode);
+}
+
+std::string writeInPlace(const fs::path& path, const std::string& text) {
+    Descriptor file(openInPlace(path));
+    if (!file.isOpen()) return failure("open", path);
+    if (!writeAll(file.get(), text)) return failure("write", path);
+    if (!syncToDisk(file.get())) return failure("sync", path);
+    if (!file.close()) return failure("close", path);
+    return "";
+}
+
+int makeTemporary(const fs::path& temporary) {
+    ::unlink(temporary.c_str());  // left by a power cut
+    return ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+}  // namespace
+
+std::string AtomicFile::replace(const std::string& path, const std::string& text) {
+    const std::lock_guard<std::mutex> lock(replaceMutex);
+    const fs::path target = behindLinks(path);
+    const fs::path directory = target.has_parent_path() ? target.parent_path() : fs::path(".");
+    const fs::path temporary = directory / ("." + target.filename().string() + ".new");
+
+    struct stat old {};
+    const bool exists = ::stat(target.c_str(), &old) == 0;
+    const bool replaceable = target.has_filename() && (!exists || S_ISREG(old.st_mode));
+    if (!replaceable) return writeInPlace(target, text);
+    Descriptor file(makeTemporary(temporary));
+    if (!file.isOpen()) return writeInPlace(target, text);
+
+    const std::string problem = fillTemporary(file, temporary, exists ? &old : nullptr, text);
+    if (!problem.empty()) {
+        ::unlink(temporary.c_str());
+        return problem;
+    }
+    if (::rename(temporary.c_str(), target.c_str()) != 0) {
+        // The file is a mount point, or somebody else's in a sticky directory.
+        ::unlink(temporary.c_str());
+        return writeInPlace(target, text);
+    }
+    return syncDirectory(directory);
+}

@@ -1,0 +1,302 @@
+#include "CKivApp.h"
+
+#include "AwsWrapperImpl.h"
+#include "BuildInfo.h"
+#include "CBootCountInfo.h"
+#include "Credentials.h"
+#include "DB.h"
+#include "DBToken.h"
+#include "DbgOut.h"
+#include "EventSessionHeader.h"
+#include "GatewayImpl.h"
+#include "JsonFilter.h"
+#include "JsonFilterRule.h"
+#include "JsonObject.h"
+#include "LocationInfo.h"
+#include "NetworkHelper.h"
+#include "PimAppVersion.h"
+#include "TimeMgrImpl.h"
+#include "UploadImpl.h"
+
+#include <cstdlib>
+#include <iostream>
+#include <utility>
+
+#include <getopt.h>
+#include <signal.h>
+#include <unistd.h>
+
+bool CKivApp::m_verbose = false;
+
+namespace {
+
+constexpr char kTag[] = "CKivApp: ";
+constexpr char kShortOptions[] = "hvsd:b:g:c:e:t:T:V";
+constexpr option kLongOptions[] = {{"help", no_argument, nullptr, 'h'},
+                                   {"verbose", no_argument, nullptr, 'v'},
+                                   {"silent", no_argument, nullptr, 's'},
+                                   {"bootfile", required_argument, nullptr, 'b'},
+                                   {"globalinfofile", required_argument, nullptr, 'g'},
+                                   {"configfile", required_argument, nullptr, 'c'},
+                                   {"dbfile", required_argument, nullptr, 'e'},
+                                   {"toudir", required_argument, nullptr, 't'},
+                                   {"testmode", required_argument, nullptr, 'T'},
+                                   {"version", no_argument, nullptr, 'V'},
+                                   {nullptr, 0, nullptr, 0}};
+
+[[noreturn]] void refuse(const char* text) {
+    cerrdbg << kTag << text << std::endl;
+    std::exit(-1);
+}
+
+template <typename Value>
+void printOption(const char* label, const Value& value) {
+    coutdbg << kTag << label << value << std::endl;
+}
+
+/// The text before the last slash of either kind; the whole text when it has none.
+std::string directoryOf(const std::string& path) {
+    return path.substr(0, path.find_last_of("/\\"));
+}
+
+/// SIGALRM belongs to the main thread, where it ends a hung upload child: threads started while
+/// this lives inherit a mask that blocks it.
+class AlarmBlocked {
+  public:
+    AlarmBlocked() { change(SIG_BLOCK); }
+    ~AlarmBlocked() { change(SIG_UNBLOCK); }
+    AlarmBlocked(const AlarmBlocked&) = delete;
+    AlarmBlocked& operator=(const AlarmBlocked&) = delete;
+
+  private:
+    static void change(int how) {
+        sigset_t alarm;
+        ::sigemptyset(&alarm);
+        ::sigaddset(&alarm, SIGALRM);
+        ::pthread_sigmask(how, &alarm, nullptr);
+    }
+};
+
+}  // namespace
+
+/// The services that live until the process ends, in the order of their start: each is ready
+/// before the next one is made.
+struct CKivApp::Running {
+    struct Upload : Singleton<UploadImpl> {
+        explicit Upload(const std::string& dbFile) { (*this)->Init(dbFile); }
+    };
+    struct Gateway : Singleton<GatewayImpl> {
+        explicit Gateway(const std::string& dbFile) { (*this)->Init(dbFile); }
+    };
+
+    explicit Running(const std::string& dbFile) : upload(dbFile), gateway(dbFile) {}
+
+    Upload upload;
+    Gateway gateway;
+    Singleton<TimeMgrImpl> timeManager;
+};
+
+/// What the command line asked for beside the paths.
+struct CKivApp::Switches {
+    bool verbose = false;
+    bool silent = false;
+    bool bootFileRead = false;
+    bool globalInfoRead = false;
+};
+
+CKivApp::CKivApp(std::string globalInfoFile, std::string bootFile, std::string configFile,
+                 std::string dbFile, std::string touDir)
+    : m_globalInfoFile(std::move(globalInfoFile)),
+      m_bootFile(std::move(bootFile)),
+      m_configFile(std::move(configFile)),
+      m_dbFile(std::move(dbFile)),
+      m_touDir(std::move(touDir)) {}
+
+int CKivApp::Init(int argc, char* const* argv) {
+    if (ParseArgs(argc, argv) != 0) {
+        cerrdbg << kTag << "Error parsing arguments\n";
+        return -1;
+    }
+    if (m_verbose) coutdbg << kTag << "Initializing...\n";
+    return 0;
+}
+
+int CKivApp::ParseArgs(int argc, char* const* argv) {
+    Switches given;
+    ::optind = 0;  // start from scratch, whatever was parsed before
+    for (int letter;
+         (letter = ::getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1;) {
+        applyOption(letter, argv[0], given);
+    }
+    if (given.verbose && given.silent) refuse("Both verbose and silent option specified!");
+    if (given.verbose || given.silent) SetAllVerbose(given.verbose);
+    if (!given.globalInfoRead) m_globalInfo->Load(m_globalInfoFile);
+    if (!given.bootFileRead) ParseBootFile(m_bootFile.c_str());
+    m_tou->Load(m_touDir);
+    m_config->Load(m_configFile);
+    return 0;
+}
+
+void CKivApp::applyOption(int letter, const char* program, Switches& given) {
+    switch (letter) {
+        case 'h':
+            printUsage(program);
+            std::exit(0);
+        case 'v':
+            given.verbose = true;
+            break;
+        case 's':
+            given.silent = true;
+            break;
+        case 'b':
+            readGivenBootFile(given);
+            break;
+        case 'g':
+            readGivenGlobalInfo(given);
+            break;
+        case 'c':
+            m_configFile = ::optarg;
+            break;
+        case 'e':
+            m_dbFile = ::optarg;
+            break;
+        case 't':
+            m_touDir = ::optarg;
+            break;
+        case 'T':
+            AwsWrapperImpl::SetTestMode(::optarg);
+            break;
+        case 'V':
+            PrintVersion();
+            std::exit(0);
+        case 'd':  // taken and ignored, for start scripts that still give it
+            break;
+        default:
+            refuse("Unknown option");
+    }
+}
+
+void CKivApp::readGivenBootFile(Switches& given) {
+    if (ParseBootFile(::optarg))
+        given.bootFileRead = true;
+    else
+        cerrdbg << kTag << "Cannot read bootinfo file " << ::optarg << std::endl;
+}
+
+void CKivApp::readGivenGlobalInfo(Switches& given) {
+    m_globalInfo->Load(::optarg);
+    if (!m_globalInfo->getDeviceId().empty())
+        given.globalInfoRead = true;
+    else
+        cerrdbg << kTag << "Cannot read globalinfo file " << ::optarg << std::endl;
+}
+
+bool CKivApp::ParseBootFile(const char* path) {
+    CBootCountInfo counts;
+    counts.LoadFile(path);
+    if (counts.getBootCount() == 0 || counts.getStandbyCount() == 0) return false;
+    m_globalInfo->setBootCounts(counts.getBootCount(), counts.getStandbyCount());
+    return true;
+}
+
+void CKivApp::printUsage(const char* program) {
+    std::cout << "Usage: " << program << " [OPTIONS]\n"
+              << "    -h, --help                      Print this help and exits\n"
+              << "    -v, --verbose                   Switch on verbose mode\n"
+              << "    -s, --silent                    Switch on silent mode\n"
+              << "    -b, --bootfile <filename>       Set the bootfile to the given path\n"
+              << "    -g, --globalinfofile <filename> Set the globalinfofile to the given path\n"
+              << "    -c, --configfile <filename>     Set the configfile to the given path\n"
+              << "    -e, --dbfile <filename>         Set the dbfile to the given path\n"
+              << "    -t, --toudir <path>             Set the Tou directory to the given path\n"
+              << "    -T, --testmode <path>           Set Aws in testmode and log to the file in "
+                 "given path\n"
+              << "    -V, --version                   Show the version\n"
+              << std::endl;
+}
+
+void CKivApp::PrintVersion() {
+    std::cout << "kivApp version: " << BuildInfo::revisionText() << std::endl
+              << "Build date: " << BuildInfo::buildTimeText() << std::endl;
+}
+
+void CKivApp::PrintOptions() const {
+    const Singleton<CGlobalInfoImpl> info;
+    const Config config;
+    const Singleton<CTouImpl> tou;
+    coutdbg << kTag << "Options summary:\n";
+    printOption("verbose                  : ", m_verbose);
+    printOption("Config file path         : ", m_configFile);
+    printOption("DB file path             : ", m_dbFile);
+    printOption("Boot-cycle               : ", info->getBootCount());
+    printOption("Standby-cycle            : ", info->getStandbyCount());
+    printOption("SWVersion                : ", info->getSwVersion());
+    printOption("DeviceId                 : ", info->getDeviceId());
+    printOption("TOU accepted in TV       : ", tou->isAccepted() ? "true" : "false");
+    printOption("TOU version in TV        : ", tou->getVersion());
+    printOption("Config EventAgeThreshold : ", config->GetMaxDelay());
+    printOption("Config GetExpiryPeriod   : ", config->GetExpiryTou());
+}
+
+void CKivApp::SetAllVerbose(bool verbose) {
+    m_verbose = verbose;
+    AwsWrapperImpl::SetVerbose(verbose);
+    ConfigImpl::SetVerbose(verbose);
+    Credentials::SetVerbose(verbose);
+    DB::setVerbose(verbose);
+    GatewayImpl::SetVerbose(verbose);
+    CGlobalInfoImpl::SetVerbose(verbose);
+    JsonFilter::m_verbose = verbose;
+    JsonFilterRule::m_verbose = verbose;
+    LocationInfo::SetVerbose(verbose);
+    NetworkHelper::SetVerbose(verbose);
+    TimeMgrImpl::m_verbose = verbose;
+    UploadImpl::SetVerbose(verbose);
+    CTouImpl::SetVerbose(verbose);
+    DBToken::SetVerbose(verbose);
+}
+
+void CKivApp::Run() {
+    const std::unique_ptr<Running> running = start();
+    for (;;) ::pause();
+}
+
+std::unique_ptr<CKivApp::Running> CKivApp::start() {
+    const AlarmBlocked untilAllThreadsRun;
+    const std::string directory = directoryOf(m_configFile);
+    DBToken::setDBUUIDPath(directory);
+    recordOperatingTime();
+    LocationInfo::setDbPath(m_dbFile);
+    EventSessionHeader::setDbPath(m_dbFile);
+    PimAppVersion::setPimVersionPath(directory);
+    TimeMgrImpl::expectDBPath();
+    auto running = std::make_unique<Running>(m_dbFile);
+    running->timeManager->setDBPath(m_dbFile);
+    running->timeManager->setErrorCallback([this] { askForPendingWork(); });
+    logStartEvent(*running);
+    return running;
+}
+
+void CKivApp::recordOperatingTime() const {
+    const Singleton<CGlobalInfoImpl> info;
+    DB db;
+    db.open(m_dbFile, true);
+    db.setOpTime(static_cast<long>(info->getBootCount()),
+                 static_cast<long>(info->getStandbyCount()),
+                 static_cast<unsigned int>(info->getOpMinutes()));
+}
+
+void CKivApp::logStartEvent(Running& running) {
+    JsonObject event;
+    event.Pack("{s:s}", "event-type", "kiv.start");
+    running.gateway->Log(event.dumpAsString());
+}
+
+void CKivApp::askForPendingWork() const {
+    const Singleton<UploadImpl> upload;
+    upload->ScheduleRefreshConfig(false);
+    if (Config()->MinimumSizeReached(DB::m_TotalEventSize)) upload->ScheduleEventsUpload();
+    DB db;
+    db.open(m_dbFile, false);
+    if (db.getNumberOfFiles() != 0) upload->ScheduleFilesUpload();
+}

@@ -1,0 +1,170 @@
+#include "CTouImpl.h"
+
+#include "AtomicFile.h"
+#include "Credentials.h"
+#include "DbgOut.h"
+#include "JsonObject.h"
+#include "NetworkHelper.h"
+
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <sstream>
+#include <system_error>
+#include <vector>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include <unistd.h>
+
+namespace {
+
+const char* const kTag = "TOU:";
+
+const char* const kConsentFile = "current_tou.txt";
+const char* const kAnnouncementFile = "show_new_tou.txt";
+const char* const kServerAnswerFile = "tou_server_answer.txt";
+
+std::atomic<bool> verboseFlag{false};
+
+std::vector<std::string> wordsOf(const std::string& text) {
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
+
+/// The whole word as a 32-bit integer; 0 when it is none.
+std::int32_t toInt32(const std::string& word) {
+    using Limits = std::numeric_limits<std::int32_t>;
+    char* end = nullptr;
+    errno = 0;
+    const long long value = std::strtoll(word.c_str(), &end, 10);
+    const bool inRange = errno == 0 && value >= Limits::min() && value <= Limits::max();
+    const bool whole = end != word.c_str() && end == word.c_str() + word.size();
+    return inRange && whole ? static_cast<std::int32_t>(value) : 0;
+}
+
+/// Enough of a server's answer for an error line.
+std::string beginning(const std::string& text) {
+    constexpr std::size_t enough = 200;
+    return text.size() <= enough ? text : text.substr(0, enough) + "...";
+}
+
+/// The server's answer as an object; a null handle, with an error line, when there is none.
+JsonObject fetchAnswer() {
+    const Credentials credentials;
+    const std::string url = credentials.getTouUrl();
+    NetworkHelper request;
+    if (!request.UrlRequest(url, true, credentials.getLambdaKey())) return JsonObject();
+    const JsonObject answer = JsonObject::parse(request.data);
+    if (answer.isNull()) {
+        cerrdbg << kTag << "ToU server answer is no JSON: " << beginning(request.data) << std::endl;
+        return JsonObject();
+    }
+    const std::string refusal = answer.optString("errorMessage");
+    if (refusal.empty()) return answer;
+    cerrdbg << kTag << "ToU server error: " << refusal << std::endl;
+    return JsonObject();
+}
+
+}  // namespace
+
+void CTouImpl::SetVerbose(bool verbose) {
+    verboseFlag = verbose;
+}
+
+bool CTouImpl::GetVerbose() {
+    return verboseFlag;
+}
+
+void CTouImpl::Load(const std::string& directory) {
+    m_accepted = false;
+    m_fileExists = false;
+    m_version = 0;
+    m_directory = directory;
+    const std::string text = readConsentFile();
+    parseConsent(text, readServerVersion());
+}
+
+bool CTouImpl::ReLoad() {
+    if (!m_fileExists) Load(m_directory);
+    return m_fileExists;
+}
+
+std::string CTouImpl::readConsentFile() {
+    std::ifstream file(m_directory + kConsentFile, std::ios::binary);
+    if (!file.is_open()) return "";
+    m_fileExists = true;
+    std::ostringstream text;
+    text << file.rdbuf();
+    if (GetVerbose()) coutdbg << kTag << "TOU file content: " << text.str() << std::endl;
+    return text.str();
+}
+
+std::int64_t CTouImpl::readServerVersion() const {
+    const JsonObject answer = JsonObject::loadFile(m_directory + kServerAnswerFile);
+    if (!answer.isNull()) return answer.optInteger("version", 0);
+    if (GetVerbose()) coutdbg << kTag << "No TOU last server answer found" << std::endl;
+    return 0;
+}
+
+void CTouImpl::parseConsent(const std::string& text, std::int64_t serverVersion) {
+    const std::vector<std::string> words = wordsOf(text);
+    if (words.size() < 3) {
+        cerrdbg << kTag << "TOU file wrong format: " << text << std::endl;
+        return;
+    }
+    if (words[0] != "CUL-TOU") {
+        cerrdbg << kTag << "TOU file wrong acceptance name: " << text << std::endl;
+        return;
+    }
+    const std::int32_t version = toInt32(words[1]);
+    m_version = version;
+    if (version < 1) {
+        cerrdbg << kTag << "TOU version invalid: " << version << std::endl;
+    } else {
+        m_accepted = words[2] == "TRUE" && serverVersion <= version;
+        if (GetVerbose()) {
+            coutdbg << kTag << "TOU accepted is " << m_accepted << " for version " << version
+                    << std::endl;
+        }
+    }
+    if (serverVersion <= version) dropServerAnswer();
+}
+
+void CTouImpl::dropServerAnswer() const {
+    const std::string path = m_directory + kServerAnswerFile;
+    if (::unlink(path.c_str()) == 0 || errno == ENOENT) return;
+    const std::error_code reason(errno, std::generic_category());
+    cerrdbg << kTag << "File " << path << " cannot be deleted: " << reason.message() << std::endl;
+}
+
+bool CTouImpl::Refresh() {
+    const JsonObject answer = fetchAnswer();
+    if (answer.isNull()) return false;
+    const long long version = answer.optInteger("version", 0);
+    const bool mandatory = answer.getObject("mandatory").isTrue();
+    const std::string url = answer.optString("url");
+    if (GetVerbose()) {
+        coutdbg << kTag << " tou version=" << version << ", url=" << url
+                << ", mandatory=" << (mandatory ? "true" : "false") << std::endl;
+    }
+    if (version <= 0 || url.empty()) {
+        cerrdbg << kTag << "ToU server answer names no version or no url: "
+                << beginning(answer.getStringRep()) << std::endl;
+        return false;
+    }
+    if (version > m_version) announce(url, mandatory, answer.getStringRep());
+    return true;
+}
+
+void CTouImpl::announce(const std::string& url, bool mandatory, const std::string& answer) const {
+    if (GetVerbose()) coutdbg << kTag << "writing show_new_tou.txt with URL" << std::endl;
+    write(kAnnouncementFile, url);
+    if (mandatory) write(kServerAnswerFile, answer);
+}
+
+void CTouImpl::write(const std::string& name, const std::string& text) const {
+    if (AtomicFile::replace(m_directory + name, text).empty()) return;
+    cerrdbg << kTag << "File " << name << " cannot be created" << std::endl;
+}

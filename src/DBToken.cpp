@@ -1,0 +1,86 @@
+#include "DBToken.h"
+
+#include "AtomicFile.h"
+#include "DbgOut.h"
+
+#include <atomic>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+#include <uuid/uuid.h>
+
+namespace {
+
+constexpr char kTokenKey[] = "db-uuid";
+
+std::atomic<bool> s_verbose{false};
+
+bool isUuid(const std::string& text) {
+    uuid_t parsed;
+    return uuid_parse(text.c_str(), parsed) == 0;
+}
+
+}  // namespace
+
+std::mutex DBToken::mMutex;
+std::string DBToken::mFileName;
+JsonObject DBToken::mUUIDObject;
+
+void DBToken::setDBUUIDPath(std::string dir) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mFileName = std::move(dir) + "/dbuuid.json";
+}
+
+void DBToken::loadDBUUIDFile(bool forceNew) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    load(forceNew);
+}
+
+void DBToken::updateDBUUID(std::string uuid) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    update(uuid);
+}
+
+std::string DBToken::current() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (mUUIDObject.isNull()) load(false);
+    return mUUIDObject.optString(kTokenKey);
+}
+
+std::string DBToken::randomUuid() {
+    std::ifstream in("/proc/sys/kernel/random/uuid");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!text.empty()) text.pop_back();
+    return text;
+}
+
+void DBToken::load(bool forceNew) {
+    mUUIDObject = JsonObject::loadFile(mFileName);
+    if (!mUUIDObject.isObject()) mUUIDObject = JsonObject();
+    if (!forceNew && isUuid(mUUIDObject.optString(kTokenKey))) return;
+    const std::string token = randomUuid();
+    if (mUUIDObject.isNull()) mUUIDObject = JsonObject::createObject();
+    if (GetVerbose()) {
+        coutdbg << "kivDBUUID: "
+                << "loadDBUUIDFile : new UUID created: " << token << std::endl;
+    }
+    update(token);
+}
+
+void DBToken::update(const std::string& uuid) {
+    if (mUUIDObject.optString(kTokenKey) == uuid) return;
+    if (mUUIDObject.isNull()) mUUIDObject = JsonObject::createObject();
+    mUUIDObject.set(kTokenKey, uuid);
+    // Without a path the token lives in memory only. A file that cannot be written is made up for
+    // by the next start, which makes another token.
+    if (!mFileName.empty()) AtomicFile::replace(mFileName, mUUIDObject.dumpAsString());
+}
+
+void DBToken::SetVerbose(bool verbose) {
+    s_verbose = verbose;
+}
+
+bool DBToken::GetVerbose() {
+    return s_verbose;
+}

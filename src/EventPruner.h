@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "JsonObject.h"
+
+struct sqlite3;
+class SqlStatement;
+
+/// Chooses what pruning removes from the event store and describes the "logging.overflow" event
+/// that takes its place. It only reads; `DB` runs the transactions. A short-lived value, used
+/// under `DB::m_PruneLock` on the connection of its `DB`.
+class EventPruner {
+  public:
+    /// The stored order of events.
+    struct Moment {
+        std::int64_t bootCount = 0;
+        std::int64_t standbyCount = 0;
+        std::int64_t kernelTime = 0;  ///< milliseconds
+        bool operator<(const Moment& other) const;
+    };
+
+    /// Selects the oldest events, as many as bring `total` bytes to at most `limit`. Statements
+    /// that fail select nothing. `connection` may be null and must outlive the object.
+    EventPruner(sqlite3* connection, long total, long limit);
+
+    /// The ROWIDs of the selected events, oldest first.
+    const std::vector<std::int64_t>& rows() const { return m_rows; }
+    /// The bytes that deleting them frees.
+    long freed() const { return m_freed; }
+    /// The moment of the oldest one, which becomes that of the overflow event.
+    const Moment& lowest() const { return m_lowest; }
+    /// The event that names the range of the selected ones; ranges that pruned overflow events
+    /// among them name are handed on.
+    JsonObject overflowEvent() const;
+
+    static const char* overflowType() { return "logging.overflow"; }
+
+    /// The rows of a per-cycle table that belong to a cycle without stored events, except those
+    /// of the table's newest and of the running cycle.
+    static std::vector<std::int64_t> rowsOfForgottenCycles(sqlite3* connection,
+                                                           const std::string& table);
+
+  private:
+    using Cycle = std::pair<std::int64_t, std::int64_t>;  // boot count, standby count
+
+    void take(const SqlStatement& event);
+    void takeOverRanges(sqlite3* connection);
+    static Cycle newestCycle(sqlite3* connection, const std::string& table);
+
+    std::vector<std::int64_t> m_rows;
+    long m_freed = 0;
+    Moment m_lowest;
+    Moment m_highest;
+};

@@ -1,0 +1,138 @@
+#include "EventSet.h"
+
+#include "DB.h"
+#include "DbgOut.h"
+#include "SqlStatement.h"
+
+#include <algorithm>
+#include <mutex>
+#include <set>
+
+#include <sqlite3.h>
+
+namespace {
+
+struct CloseConnection {
+    void operator()(sqlite3* connection) const { sqlite3_close(connection); }
+};
+
+}  // namespace
+
+struct EventSet::Cursor {
+    std::unique_ptr<sqlite3, CloseConnection> connection;
+    SqlStatement statement;  ///< declared behind, so finalized before, the connection
+    int openResult = SQLITE_OK;
+    bool open = false;
+    bool active = false;
+    std::set<std::int64_t> prunedRows;  ///< guarded by Cursors::mutex
+
+    void end() {
+        statement = SqlStatement();
+        connection.reset();
+        active = false;
+    }
+};
+
+/// The cursors of all living sets.
+struct EventSet::Cursors {
+    std::mutex mutex;  ///< guards the list and every cursor's prunedRows; a leaf
+    std::vector<std::weak_ptr<Cursor>> living;
+
+    void add(const std::shared_ptr<Cursor>& cursor) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        living.erase(std::remove_if(living.begin(), living.end(),
+                                    [](const auto& known) { return known.expired(); }),
+                     living.end());
+        living.push_back(cursor);
+    }
+};
+
+EventSet::Cursors& EventSet::cursors() {
+    static Cursors all;
+    return all;
+}
+
+EventSet::EventSet(const std::string& path, const std::string& query) {
+    if (path.empty() || query.empty()) return;
+    m_cursor = std::make_shared<Cursor>();
+    cursors().add(m_cursor);
+    open(path, query);
+}
+
+EventSet::~EventSet() = default;
+
+void EventSet::open(const std::string& path, const std::string& query) {
+    sqlite3* connection = nullptr;
+    m_cursor->openResult = sqlite3_open(path.c_str(), &connection);
+    m_cursor->connection.reset(connection);
+    if (m_cursor->openResult != SQLITE_OK) {
+        m_cursor->connection.reset();
+        return;
+    }
+    sqlite3_limit(connection, SQLITE_LIMIT_ATTACHED, 0);
+    m_cursor->open = true;
+    m_cursor->statement = SqlStatement(connection, query);
+    m_cursor->active = m_cursor->statement.columnCount() == 2;
+}
+
+std::string EventSet::getNextAndMark() {
+    std::string text;
+    if (!isActive()) return text;
+    const int result = m_cursor->statement.step();
+    if (result == SQLITE_ROW) {
+        mark(m_cursor->statement.columnInt64(0));
+        text = m_cursor->statement.columnText(1);
+    } else if (result == SQLITE_DONE || result == SQLITE_ERROR) {
+        m_cursor->end();
+        m_cursor->open = false;
+    }
+    return text;
+}
+
+void EventSet::mark(std::int64_t row) {
+    m_marked.push_back(static_cast<long>(row));
+    // Nothing can be deleted while the cursor reads: a deletion noted for this ROWID was that of
+    // an earlier event, before the first step, and this row is a new one.
+    const std::lock_guard<std::mutex> lock(cursors().mutex);
+    m_cursor->prunedRows.erase(row);
+}
+
+void EventSet::unmarkLast() {
+    if (!m_marked.empty()) {
+        m_marked.pop_back();
+    } else if (DB::getVerbose()) {
+        cerrdbg << "kivDB: "
+                << "no event to remove" << std::endl;
+    }
+}
+
+void EventSet::close() {
+    if (isOpen()) m_cursor->end();
+}
+
+bool EventSet::isOpen() const {
+    return m_cursor != nullptr && m_cursor->open;
+}
+
+bool EventSet::isActive() const {
+    return m_cursor != nullptr && m_cursor->active;
+}
+
+void EventSet::rowsWerePruned(const std::vector<std::int64_t>& rows) {
+    Cursors& all = cursors();
+    const std::lock_guard<std::mutex> lock(all.mutex);
+    for (const auto& living : all.living) {
+        const std::shared_ptr<Cursor> cursor = living.lock();
+        if (cursor != nullptr) cursor->prunedRows.insert(rows.begin(), rows.end());
+    }
+}
+
+std::vector<long> EventSet::marksStillStored() const {
+    std::vector<long> rows = m_marked;
+    if (m_cursor == nullptr) return rows;
+    const std::lock_guard<std::mutex> lock(cursors().mutex);
+    rows.erase(std::remove_if(rows.begin(), rows.end(),
+                              [this](long row) { return m_cursor->prunedRows.count(row) != 0; }),
+               rows.end());
+    return rows;
+}

@@ -1,0 +1,364 @@
+#include "NetworkHelper.h"
+
+#include "BuildInfo.h"
+#include "CGlobalInfoImpl.h"
+#include "CTouImpl.h"
+#include "DbgOut.h"
+#include "KernelTime.h"
+#include "PimAppVersion.h"
+#include "Services.h"
+#include "Singleton.h"
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+
+#include <strings.h>
+#include <sys/socket.h>
+
+#include <curl/curl.h>
+
+namespace {
+
+const char* const kTag = "kivNetwork:";
+
+std::atomic<bool> verboseFlag{false};
+
+struct CurlDelete {
+    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+struct ListDelete {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+struct PipeClose {
+    void operator()(FILE* pipe) const { ::pclose(pipe); }
+};
+using CurlHandle = std::unique_ptr<CURL, CurlDelete>;
+using TextList = std::unique_ptr<curl_slist, ListDelete>;
+
+/// Appends a copy of `text`; the list stays as it is when there is no memory.
+void append(TextList& list, const std::string& text) {
+    curl_slist* longer = curl_slist_append(list.get(), text.c_str());
+    if (longer == nullptr) return;
+    static_cast<void>(list.release());
+    list.reset(longer);
+}
+
+/// One field line without blank behind the colon. Line ends would begin a line of their own and
+/// are left out. libcurl drops a field without value unless it is written "Name;".
+void appendHeader(TextList& list, const std::string& name, std::string value) {
+    value.erase(
+        std::remove_if(value.begin(), value.end(), [](char c) { return c == '\r' || c == '\n'; }),
+        value.end());
+    const bool empty = value.find_first_not_of(" \t\v\f") == std::string::npos;
+    append(list, empty ? name + ";" : name + ":" + value);
+}
+
+std::string currentTou() {
+    const Singleton<CTouImpl> tou;
+    return tou->isAccepted() ? std::to_string(tou->getVersion()) : "-1";
+}
+
+void appendDeviceHeaders(TextList& list, const std::string& mac) {
+    const Singleton<CGlobalInfoImpl> info;
+    appendHeader(list, "X-swversion", info->getSwVersion());
+    appendHeader(list, "X-CTN", info->getCtn());
+    appendHeader(list, "X-platform", info->getComponent());
+    appendHeader(list, "Accept-Language", info->getMenuLanguage() + "-" + info->getCountry());
+    appendHeader(list, "X-mac", mac);
+    appendHeader(list, "X-serial", info->getSerial());
+    appendHeader(list, "X-kivversion", BuildInfo::revisionText());
+    appendHeader(list, "X-pimversion", PimAppVersion::current().version);
+    appendHeader(list, "X-currentTou", currentTou());
+}
+
+/// Sets an option; a refusal is written and the transfer left to show what it means.
+template <typename Value>
+void setOption(CURL* handle, CURLoption option, Value value) {
+    const CURLcode code = curl_easy_setopt(handle, option, value);
+    if (code == CURLE_OK) return;
+    cerrdbg << kTag << " Option " << static_cast<int>(option)
+            << " refused, curl_easy_setopt() failed: " << curl_easy_strerror(code) << std::endl;
+}
+
+/// A socket that commands started meanwhile do not inherit.
+curl_socket_t openSocket(void*, curlsocktype, curl_sockaddr* address) {
+    return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+/// libcurl's set-up, once and before the first handle of any thread.
+void initializeCurl() {
+    [[maybe_unused]] static const CURLcode done = curl_global_init(CURL_GLOBAL_ALL);
+}
+
+/// Whether `host` may stand in a shell command.
+bool isHostName(const std::string& host) {
+    const auto belongs = [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte >= 0x80 || std::isalnum(byte) != 0 || c == '.' || c == '-' || c == '_' ||
+               c == ':';
+    };
+    return !host.empty() && host[0] != '-' && std::all_of(host.begin(), host.end(), belongs);
+}
+
+/// What the command prints; nothing when it cannot be started.
+std::string outputOf(const std::string& command) {
+    try {
+        return Exec(command.c_str());
+    } catch (const std::runtime_error& error) {
+        cerrdbg << kTag << "Command " << command << " not started: " << error.what() << std::endl;
+        return "";
+    }
+}
+
+std::string ping(const std::string& host) {
+    if (!isHostName(host)) return "";
+    return outputOf("ping -c 1 " + host);
+}
+
+bool beginsWith(const std::string& text, const std::string& beginning) {
+    return text.compare(0, beginning.size(), beginning) == 0;
+}
+
+/// The address that `ifconfig` prints behind "HWaddr "; "" when it prints none.
+std::string macIn(const std::string& output) {
+    constexpr std::size_t labelLength = 7;
+    constexpr std::size_t macLength = 17;  // six pairs and their colons
+    const std::size_t at = output.find("HWaddr ");
+    if (at == std::string::npos || at == 0) return "";
+    if (output.size() < at + labelLength + macLength) return "";
+    return output.substr(at + labelLength, macLength);
+}
+
+}  // namespace
+
+struct NetworkHelper::Request {
+    explicit Request(std::string where)
+        : url(std::move(where)),
+          start(KernelTime::getTimeMonotonicAsInt64()),
+          curl(curl_easy_init()) {}
+
+    std::int64_t elapsedMs() const { return KernelTime::getTimeMonotonicAsInt64() - start; }
+
+    const std::string url;
+    const std::int64_t start;  ///< monotonic ms
+    TextList headers;
+    TextList pinned;  ///< the address to use instead of resolving the name
+    CurlHandle curl;  ///< declared behind, so freed before, the lists that it uses
+};
+
+NetworkHelper::Limits NetworkHelper::m_limits = {30000, 1, 60, 1024 * 1024, 64 * 1024};
+std::mutex NetworkHelper::m_NetworkStatusLock;
+bool NetworkHelper::m_NetworkAvailable = false;
+std::int32_t NetworkHelper::m_TimeAtLastNetworkPoll = 0;
+std::mutex NetworkHelper::m_MacLock;
+std::string NetworkHelper::m_MacAddress;
+
+void NetworkHelper::SetVerbose(bool verbose) {
+    verboseFlag = verbose;
+}
+
+bool NetworkHelper::GetVerbose() {
+    return verboseFlag;
+}
+
+bool NetworkHelper::UrlRequest(std::string url, bool deviceHeaders, std::string apiKey) {
+    clearResults();
+    initializeCurl();
+    Request request(std::move(url));
+    if (request.curl == nullptr) {
+        cerrdbg << kTag << " No curl handler, curl_easy_init() failed: "
+                << curl_easy_strerror(CURLE_FAILED_INIT) << std::endl;
+        return false;
+    }
+    if (GetVerbose()) {
+        coutdbg << kTag << " Request Server URL: " << request.url << "..." << std::endl;
+    }
+    if (!apiKey.empty()) appendHeader(request.headers, "x-api-key", apiKey);
+    if (deviceHeaders) appendDeviceHeaders(request.headers, GetMac());
+    setOptions(request);
+    const CURLcode result = curl_easy_perform(request.curl.get());
+    coutdbg << kTag << " Request Server URL " << request.url << " took " << request.elapsedMs()
+            << "ms" << std::endl;
+    if (result == CURLE_OK) return succeed();
+    if (result == CURLE_COULDNT_RESOLVE_HOST) return performWithResolvedAddress(request);
+    cerrdbg << kTag
+            << " Error from server, curl_easy_perform() failed: " << curl_easy_strerror(result)
+            << std::endl;
+    return false;
+}
+
+void NetworkHelper::clearResults() {
+    static_cast<url_data&>(*this) = url_data();
+}
+
+void NetworkHelper::setOptions(Request& request) {
+    CURL* curl = request.curl.get();
+    url_data* results = this;
+    setOption(curl, CURLOPT_URL, request.url.c_str());
+    setOption(curl, CURLOPT_HTTPHEADER, request.headers.get());
+    setOption(curl, CURLOPT_HEADERFUNCTION, &NetworkHelper::headerCallback);
+    setOption(curl, CURLOPT_HEADERDATA, results);
+    setOption(curl, CURLOPT_WRITEFUNCTION, &NetworkHelper::dataCallback);
+    setOption(curl, CURLOPT_WRITEDATA, results);
+    if (const char* bundle = std::getenv("CURL_CA_BUNDLE")) {
+        setOption(curl, CURLOPT_CAINFO, bundle);
+    }
+    setOption(curl, CURLOPT_NOSIGNAL, 1L);  // no alarms: threads run requests
+    setOption(curl, CURLOPT_CONNECTTIMEOUT_MS, m_limits.connectMs);
+    setOption(curl, CURLOPT_LOW_SPEED_LIMIT, m_limits.lowSpeed);
+    setOption(curl, CURLOPT_LOW_SPEED_TIME, m_limits.lowSpeedSeconds);
+    setOption(curl, CURLOPT_OPENSOCKETFUNCTION, &openSocket);
+#if LIBCURL_VERSION_NUM >= 0x075500
+    setOption(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+#else
+    setOption(curl, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
+#endif
+}
+
+bool NetworkHelper::succeed() const {
+    if (GetVerbose()) coutdbg << kTag << " Got answer from server " << data << std::endl;
+    return true;
+}
+
+bool NetworkHelper::performWithResolvedAddress(Request& request) {
+    const bool verbose = GetVerbose();
+    const std::string domain = StringExtractBetween(request.url, "//", "/");
+    if (verbose) coutdbg << kTag << "Trying to resolve DOMAIN " << domain << std::endl;
+    const std::string answer = ping(domain);
+    if (verbose) coutdbg << kTag << "Ping got answer: " << answer << std::endl;
+    const std::string ip = StringExtractBetween(answer, "(", ")");
+    if (verbose) coutdbg << kTag << "IP is : " << ip << std::endl;
+    if (ip.empty()) {
+        if (verbose) coutdbg << kTag << "IP is invalid, returning false..." << std::endl;
+        return false;
+    }
+    const std::string port = beginsWith(request.url, "https://") ? ":443:" : ":80:";
+    if (verbose) coutdbg << kTag << "PORT is : " << port << std::endl;
+
+    append(request.pinned, domain + port + ip);
+    setOption(request.curl.get(), CURLOPT_RESOLVE, request.pinned.get());
+    clearResults();
+    const CURLcode result = curl_easy_perform(request.curl.get());
+    coutdbg << kTag << "Request Server URL " << request.url << " extended to "
+            << request.elapsedMs() << "ms" << std::endl;
+    if (result == CURLE_OK) return succeed();
+    cerrdbg << kTag
+            << " No answer from server, curl_easy_perform() failed: " << curl_easy_strerror(result)
+            << std::endl;
+    return false;
+}
+
+std::size_t NetworkHelper::dataCallback(char* ptr, std::size_t size, std::size_t nmemb,
+                                        url_data* d) {
+    const std::size_t length = size * nmemb;
+    if (length > m_limits.bodyBytes - std::min(d->data.size(), m_limits.bodyBytes)) return 0;
+    d->data.append(ptr, length);
+    return length;
+}
+
+std::size_t NetworkHelper::headerCallback(char* ptr, std::size_t size, std::size_t nmemb,
+                                          url_data* d) {
+    const std::size_t length = size * nmemb;
+    d->headerBytes += length;
+    if (d->headerBytes > m_limits.headersBytes) return 0;
+    // Over HTTP/2 the name comes in lower case.
+    const std::string name = "Date: ";
+    if (length < name.size() || ::strncasecmp(ptr, name.c_str(), name.size()) != 0) return length;
+    d->date.assign(ptr + name.size(), length - name.size());
+    d->date.erase(std::remove_if(d->date.begin(), d->date.end(),
+                                 [](char c) { return c == '\r' || c == '\n'; }),
+                  d->date.end());
+    return length;
+}
+
+bool NetworkHelper::IsNetworkAvailable(bool force) {
+    const std::lock_guard<std::mutex> lock(m_NetworkStatusLock);
+    // Both are the low 32 bits of the clock: the distance is right across their overflow.
+    const auto now = static_cast<std::uint32_t>(KernelTime::getTimeMonotonicAsInt64());
+    const auto sinceLastPoll =
+        static_cast<std::int32_t>(now - static_cast<std::uint32_t>(m_TimeAtLastNetworkPoll));
+    if (!force && m_TimeAtLastNetworkPoll != 0 && m_pollIntervalMs >= sinceLastPoll) {
+        if (GetVerbose()) coutdbg << kTag << "No ping needed" << std::endl;
+        return m_NetworkAvailable;
+    }
+    const std::string host = Services::connectivityHost();
+    const std::string output = outputOf("ping -c 1 " + host);
+    if (GetVerbose()) coutdbg << kTag << "ping result : " << output << std::endl;
+    const bool available = beginsWith(output, "PING " + host);
+    if (available && m_callback && m_callbackPending) {
+        m_callback();
+        m_callbackPending = false;
+    }
+    m_NetworkAvailable = available;
+    m_TimeAtLastNetworkPoll = static_cast<std::int32_t>(now);
+    return available;
+}
+
+std::string NetworkHelper::GetDNS(const std::string& resolvConf) {
+    std::string servers;
+    std::ifstream file(resolvConf);
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream words(line);
+        std::string key;
+        std::string value;
+        if (!(words >> key >> value)) break;
+        if (key != "nameserver") continue;
+        if (!servers.empty()) servers += ",";
+        servers += value;
+    }
+    if (GetVerbose()) coutdbg << kTag << "DNS list is : " << servers << std::endl;
+    return servers;
+}
+
+std::string NetworkHelper::GetMac() {
+    {
+        const std::lock_guard<std::mutex> lock(m_MacLock);
+        if (!m_MacAddress.empty()) return m_MacAddress;
+    }
+    // Two threads may ask at the same time; both find the same.
+    const std::string mac = macIn(outputOf("ifconfig eth0"));
+    if (mac.empty()) return "";
+    if (GetVerbose()) coutdbg << kTag << "MAC is : " << mac << std::endl;
+    const std::lock_guard<std::mutex> lock(m_MacLock);
+    m_MacAddress = mac;
+    return m_MacAddress;
+}
+
+void NetworkHelper::RegisterCallback(std::function<void()> cb) {
+    m_callback = std::move(cb);
+}
+
+std::string Exec(const char* command) {
+    // "e": what another thread starts meanwhile does not inherit this end of the pipe.
+    const std::unique_ptr<FILE, PipeClose> pipe(::popen(command, "re"));
+    if (pipe == nullptr) throw std::runtime_error("popen() failed!");
+    std::string output;
+    char buffer[128];
+    while (std::fgets(buffer, sizeof buffer, pipe.get()) != nullptr) output += buffer;
+    return output;
+}
+
+std::string StringExtractBetween(std::string s, const std::string& from, const std::string& to) {
+    const std::size_t first = s.find_first_of(from);
+    if (first == std::string::npos) return s;
+    s.erase(0, first + from.size());
+    const std::size_t last = s.find_first_of(to);
+    if (last != std::string::npos) s.erase(last);
+    return s;
+}
+
+bool StringReplace(std::string& s, const std::string& what, const std::string& with) {
+    const std::size_t at = s.find(what);
+    if (at == std::string::npos) return false;
+    s.replace(at, what.size(), with);
+    return true;
+}

@@ -1,0 +1,45 @@
+#include "PimAppVersion.h"
+
+#include "AtomicFile.h"
+
+#include <utility>
+
+std::mutex PimAppVersion::mMutex;
+std::string PimAppVersion::mFileName;
+JsonObject PimAppVersion::mVersionObject;
+
+void PimAppVersion::setPimVersionPath(std::string dir) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mFileName = std::move(dir) + "/pimversion.json";
+    load();
+}
+
+void PimAppVersion::loadPimVersionFile() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    load();
+}
+
+void PimAppVersion::updatePimVersion(std::string version, std::string buildDate) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (mVersionObject.isNull()) load();
+    if (mVersionObject.optString("pim-version") == version) return;
+
+    if (mVersionObject.set("pim-version", version) != 0 ||
+        mVersionObject.set("pim-builddate", buildDate) != 0) {
+        return;  // no UTF-8: nothing that a file could hold
+    }
+    AtomicFile::replace(mFileName, mVersionObject.dumpAsString());
+}
+
+PimAppVersion::Version PimAppVersion::current() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (mVersionObject.isNull()) load();
+    return {mVersionObject.optString("pim-version"), mVersionObject.optString("pim-builddate")};
+}
+
+void PimAppVersion::load() {
+    mVersionObject = JsonObject::loadFile(mFileName);
+    if (!mVersionObject.isObject()) {
+        mVersionObject.Pack("{s:s, s:s}", "pim-version", "", "pim-builddate", "");
+    }
+}

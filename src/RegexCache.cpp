@@ -1,0 +1,136 @@
+#include "RegexCache.h"
+
+#include "DbgOut.h"
+
+#include <list>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <unordered_map>
+#include <utility>
+
+namespace {
+
+const char* const kTag = "RegexCache: ";
+
+constexpr std::size_t kMaxPatternLength = 1024;
+constexpr std::size_t kMaxBacktrackedLength = 512;
+
+struct Compiled {
+    std::regex regex;
+    bool backtracks;  ///< time and stack grow with the subject: only short ones are tried
+};
+
+using SharedPattern = std::shared_ptr<const Compiled>;
+
+/// Patterns by their text, the latest used first.
+class PatternStore {
+  public:
+    explicit PatternStore(std::size_t limit) : m_limit(limit) {}
+
+    SharedPattern find(const std::string& text) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto known = m_places.find(text);
+        if (known == m_places.end()) return nullptr;
+        m_entries.splice(m_entries.begin(), m_entries, known->second);
+        return known->second->second;
+    }
+
+    void keep(const std::string& text, SharedPattern pattern) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_places.count(text) != 0) return;
+        m_entries.emplace_front(text, std::move(pattern));
+        m_places[text] = m_entries.begin();
+        if (m_entries.size() <= m_limit) return;
+        m_places.erase(m_entries.back().first);
+        m_entries.pop_back();
+    }
+
+    bool holds(const std::string& text) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_places.count(text) != 0;
+    }
+
+    std::size_t size() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_entries.size();
+    }
+
+    void clear() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_places.clear();
+        m_entries.clear();
+    }
+
+  private:
+    using Entries = std::list<std::pair<std::string, SharedPattern>>;
+
+    const std::size_t m_limit;
+    std::mutex m_mutex;  ///< guards the two members below
+    Entries m_entries;
+    std::unordered_map<std::string, Entries::iterator> m_places;
+};
+
+PatternStore& store(std::size_t limit) {
+    static PatternStore patterns(limit);
+    return patterns;
+}
+
+SharedPattern compile(const std::string& pattern) {
+    using std::regex_constants::ECMAScript;
+#ifdef __GLIBCXX__
+    try {
+        return std::make_shared<const Compiled>(
+            Compiled{std::regex(pattern, ECMAScript | std::regex_constants::__polynomial), false});
+    } catch (const std::regex_error& error) {
+        // This is how the polynomial executor refuses a back-reference.
+        if (error.code() != std::regex_constants::error_complexity) throw;
+    }
+#endif
+    return std::make_shared<const Compiled>(Compiled{std::regex(pattern, ECMAScript), true});
+}
+
+SharedPattern compiled(const std::string& pattern, PatternStore& patterns) {
+    SharedPattern known = patterns.find(pattern);
+    if (known == nullptr) {
+        known = compile(pattern);
+        patterns.keep(pattern, known);
+    }
+    return known;
+}
+
+/// As much of a pattern as an error line needs.
+std::string beginning(const std::string& pattern) {
+    constexpr std::size_t enough = 64;
+    return pattern.size() <= enough ? pattern : pattern.substr(0, enough) + "...";
+}
+
+}  // namespace
+
+bool RegexCache::matches(const std::string& pattern, const std::string& text) {
+    if (pattern.size() > kMaxPatternLength) {
+        cerrdbg << kTag << "Pattern of " << pattern.size() << " characters is too long (limit "
+                << kMaxPatternLength << "): " << beginning(pattern) << std::endl;
+        return false;
+    }
+    const SharedPattern expression = compiled(pattern, store(kMaxPatterns));
+    if (expression->backtracks && text.size() > kMaxBacktrackedLength) {
+        cerrdbg << kTag << "Text of " << text.size() << " characters is too long (limit "
+                << kMaxBacktrackedLength
+                << ") for a pattern with back-references: " << beginning(pattern) << std::endl;
+        return false;
+    }
+    return std::regex_match(text, expression->regex);
+}
+
+bool RegexCache::holds(const std::string& pattern) {
+    return store(kMaxPatterns).holds(pattern);
+}
+
+std::size_t RegexCache::size() {
+    return store(kMaxPatterns).size();
+}
+
+void RegexCache::clear() {
+    store(kMaxPatterns).clear();
+}

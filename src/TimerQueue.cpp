@@ -1,0 +1,149 @@
+#include "TimerQueue.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include <cstdio>
+
+#include <pthread.h>
+#include <signal.h>
+
+using SteadyTime = std::chrono::steady_clock::time_point;
+
+namespace {
+
+constexpr SteadyTime kDueAtOnce{};
+
+// Delays beyond the range of the clock end at its ends.
+SteadyTime dueAfter(long long delayMs) {
+    using std::chrono::duration_cast;
+    using std::chrono::milliseconds;
+
+    const SteadyTime now = std::chrono::steady_clock::now();
+    if (delayMs >= duration_cast<milliseconds>(SteadyTime::max() - now).count()) {
+        return SteadyTime::max();
+    }
+    if (delayMs <= duration_cast<milliseconds>(kDueAtOnce - now).count()) return kDueAtOnce;
+    return now + milliseconds(delayMs);
+}
+
+// SIGALRM guards the uploads of files and belongs to the main thread.
+void leaveAlarmsToTheMainThread() {
+    sigset_t alarms;
+    ::sigemptyset(&alarms);
+    ::sigaddset(&alarms, SIGALRM);
+    ::pthread_sigmask(SIG_BLOCK, &alarms, nullptr);
+}
+
+}  // namespace
+
+TimerQueue::WorkItem TimerQueue::Items::takeTop() {
+    std::pop_heap(c.begin(), c.end(), comp);
+    WorkItem item = std::move(c.back());
+    c.pop_back();
+    return item;
+}
+
+void TimerQueue::Items::reorder() {
+    std::make_heap(c.begin(), c.end(), comp);
+}
+
+TimerQueue::TimerQueue() {
+    m_thread = std::thread(&TimerQueue::run, this);
+}
+
+TimerQueue::~TimerQueue() {
+    {
+        const std::lock_guard<std::mutex> lock(m_queueMutex);
+        for (WorkItem& item : m_items.storage()) {
+            if (item.id == 0) continue;
+            item.end = kDueAtOnce;
+            item.id = 0;
+        }
+        m_items.reorder();
+    }
+    notify();
+    add(0, 0, 0, [this](bool, unsigned int, int) { m_finish = true; });
+    m_thread.join();
+}
+
+std::uint64_t TimerQueue::add(long long milliseconds, unsigned int firstArgument,
+                              int secondArgument, Handler handler) {
+    WorkItem item;
+    item.end = dueAfter(milliseconds);
+    item.firstArgument = firstArgument;
+    item.secondArgument = secondArgument;
+    item.handler = std::move(handler);
+
+    std::unique_lock<std::mutex> lock(m_queueMutex);
+    const std::uint64_t id = ++m_lastId;
+    item.id = id;
+    m_items.push(std::move(item));
+    lock.unlock();
+
+    notify();
+    return id;
+}
+
+bool TimerQueue::cancel(std::uint64_t id) {
+    if (id == 0) return false;
+
+    std::unique_lock<std::mutex> lock(m_queueMutex);
+    auto& items = m_items.storage();
+    const auto found = std::find_if(items.begin(), items.end(), [id](const WorkItem& item) {
+        return item.id == id && item.handler;
+    });
+    if (found == items.end()) return false;
+
+    WorkItem cancelled;
+    cancelled.end = kDueAtOnce;
+    cancelled.firstArgument = found->firstArgument;
+    cancelled.secondArgument = found->secondArgument;
+    cancelled.handler = std::exchange(found->handler, nullptr);
+    m_items.push(std::move(cancelled));
+    lock.unlock();
+
+    notify();
+    return true;
+}
+
+void TimerQueue::run() {
+    // One character too long for Linux, which then keeps the old name.
+    ::pthread_setname_np(::pthread_self(), "TimerQueueThread");
+    leaveAlarmsToTheMainThread();
+
+    while (!m_finish) {
+        if (const std::optional<SteadyTime> deadline = nextDeadline()) {
+            waitUntil(*deadline);
+        } else {
+            wait();
+        }
+        checkWork();
+    }
+
+    const std::lock_guard<std::mutex> lock(m_queueMutex);
+    if (!m_items.empty()) {
+        std::printf("KIV Timer queue is not empty (%d)\n", static_cast<int>(m_items.size()));
+    }
+}
+
+std::optional<SteadyTime> TimerQueue::nextDeadline() {
+    const std::lock_guard<std::mutex> lock(m_queueMutex);
+    while (!m_items.empty() && !m_items.top().handler) m_items.pop();
+    if (m_items.empty()) return std::nullopt;
+    return m_items.top().end;
+}
+
+void TimerQueue::checkWork() {
+    std::unique_lock<std::mutex> lock(m_queueMutex);
+    while (!m_items.empty() && std::chrono::steady_clock::now() >= m_items.top().end) {
+        WorkItem item = m_items.takeTop();
+        lock.unlock();
+        if (item.handler) {
+            item.handler(item.id == 0, item.firstArgument, item.secondArgument);
+            item.handler = nullptr;  // what it holds goes without the lock, too
+        }
+        lock.lock();
+    }
+}

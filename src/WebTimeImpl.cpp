@@ -1,0 +1,71 @@
+#include "WebTimeImpl.h"
+
+#include "Credentials.h"
+#include "DbgOut.h"
+#include "NetworkHelper.h"
+#include "Singleton.h"
+#include "TimeMgrImpl.h"
+#include "TimeReference.h"
+#include "UtcTime.h"
+
+#include <cstdio>
+
+namespace {
+
+constexpr const char* kLogPrefix = "kivwebtime: ";
+
+std::atomic<bool> verboseFlag{false};
+
+}  // namespace
+
+std::atomic<std::int64_t> WebTimeImpl::m_WebTime{0};
+
+bool WebTimeImpl::getWebTime() {
+    {
+        const TimeReference now;
+        const Singleton<TimeMgrImpl> timeManager;
+        m_WebTime = timeManager->getTime(TimeSourceWeb, now) / 1000;
+    }
+    if (m_WebTime == 0) takeTimeFromServer();
+    // Not read again: the call that obtains the time still says that it was not known.
+    return m_WebTime != 0;
+}
+
+long long WebTimeImpl::getWebTimeValue() {
+    return m_WebTime;
+}
+
+void WebTimeImpl::takeTimeFromServer() {
+    if (verboseFlag) {
+        coutdbg << kLogPrefix << " trying to get time from server... " << std::endl;
+    }
+    const Credentials credentials;
+    NetworkHelper request;
+    if (!request.UrlRequest(credentials.getWebTimeUrl(), false, credentials.getLambdaKey())) {
+        cerrdbg << kLogPrefix << "Time could not be retrieved from server" << std::endl;
+    } else if (request.date.empty()) {
+        cerrdbg << kLogPrefix << "No time received" << std::endl;
+    } else {
+        setTimeFromDate(request.date);
+    }
+}
+
+void WebTimeImpl::setTimeFromDate(const std::string& date) {
+    if (verboseFlag) {
+        std::printf("%s Setting time from the date received from server being:  %s\n", kLogPrefix,
+                    date.c_str());
+    }
+    const std::int32_t seconds = UtcTime(date).seconds();
+    const Singleton<TimeMgrImpl> timeManager;
+    if (!timeManager->isSystemTimeAcceptable(static_cast<unsigned long long>(seconds))) return;
+    timeManager->setTime(TimeSourceWeb, TimeReference(),
+                         UtcTimeMs(static_cast<std::int64_t>(seconds) * 1000));
+}
+
+void WebTimeImpl::SetVerbose(bool verbose) {
+    verboseFlag = verbose;
+}
+
+bool WebTimeImpl::GetVerbose() {
+    return verboseFlag;
+}
