@@ -134,7 +134,8 @@ std::string AtomicFile::replace(const std::string& path, const std::string& text
 
     struct stat old {};
     const bool exists = ::stat(target.c_str(), &old) == 0;
-    const bool replaceable = target.has_filename() && (!exists || S_ISREG(old.st_mode));
+    const bool missing = !exists && errno == ENOENT;
+    const bool replaceable = target.has_filename() && (missing || (exists && S_ISREG(old.st_mode)));
     if (!replaceable) return writeInPlace(target, text);
     Descriptor file(makeTemporary(temporary));
     if (!file.isOpen()) return writeInPlace(target, text);

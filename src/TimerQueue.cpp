@@ -45,10 +45,6 @@ TimerQueue::WorkItem TimerQueue::Items::takeTop() {
     return item;
 }
 
-void TimerQueue::Items::reorder() {
-    std::make_heap(c.begin(), c.end(), comp);
-}
-
 TimerQueue::TimerQueue() {
     m_thread = std::thread(&TimerQueue::run, this);
 }
@@ -56,12 +52,11 @@ TimerQueue::TimerQueue() {
 TimerQueue::~TimerQueue() {
     {
         const std::lock_guard<std::mutex> lock(m_queueMutex);
+        // The order holds without more: items that were cancelled before are due at once, too.
         for (WorkItem& item : m_items.storage()) {
-            if (item.id == 0) continue;
             item.end = kDueAtOnce;
             item.id = 0;
         }
-        m_items.reorder();
     }
     notify();
     add(0, 0, 0, [this](bool, unsigned int, int) { m_finish = true; });

@@ -56,7 +56,6 @@ class TimerQueue : private Semaphore {
       public:
         std::vector<WorkItem>& storage() { return c; }
         WorkItem takeTop();
-        void reorder();
     };
 
     void run();

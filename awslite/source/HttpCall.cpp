@@ -16,7 +16,8 @@ namespace {
 using Aws::Client::ClientConfiguration;
 using Aws::Utils::RateLimits::RateLimiterInterface;
 
-constexpr size_t kMaxTextBytes = 1024 * 1024;
+constexpr size_t kMaxTextBytes = 1U << 20;
+constexpr size_t kMaxHeaderBytes = 1U << 16;
 
 struct CurlFree {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
@@ -62,6 +63,21 @@ struct Exchange {
     const ClientConfiguration& configuration;
     HttpAnswer answer;
     std::int64_t sent = 0;
+    size_t headerBytes = 0;
+
+    size_t takeHeader(const char* line, size_t size) {
+        static constexpr char name[] = "x-amzn-errortype:";
+        static constexpr size_t nameSize = sizeof name - 1;
+        headerBytes += size;
+        if (headerBytes > kMaxHeaderBytes) return 0;
+        if (size > nameSize && ::strncasecmp(line, name, nameSize) == 0) {
+            std::string& type = answer.errorType;
+            type.assign(line + nameSize, size - nameSize);
+            type.erase(0, type.find_first_not_of(" \t"));
+            type.erase(type.find_last_not_of(" \t\r\n") + 1);
+        }
+        return size;
+    }
 
     size_t take(const char* data, size_t size) {
         if (request.answerStream == nullptr) {
@@ -125,16 +141,8 @@ int onSeek(void* exchange, curl_off_t offset, int origin) {
 }
 
 size_t onHeader(char* data, size_t size, size_t count, void* exchange) {
-    static constexpr char name[] = "x-amzn-errortype:";
-    static constexpr size_t nameSize = sizeof name - 1;
-    const size_t length = size * count;
-    if (length > nameSize && ::strncasecmp(data, name, nameSize) == 0) {
-        std::string& type = static_cast<Exchange*>(exchange)->answer.errorType;
-        type.assign(data + nameSize, length - nameSize);
-        type.erase(0, type.find_first_not_of(" \t"));
-        type.erase(type.find_last_not_of(" \t\r\n") + 1);
-    }
-    return length;
+    return guarded([&] { return static_cast<Exchange*>(exchange)->takeHeader(data, size * count); },
+                   size_t{0});
 }
 
 bool append(HeaderList& list, const std::string& line) {
@@ -149,7 +157,10 @@ bool append(HeaderList& list, const std::string& line) {
 HeaderList headerList(const HttpRequest& request) {
     HeaderList list;
     for (const auto& [name, value] : request.headers) {
-        if (!append(list, value.empty() ? name + ';' : name + ": " + value)) return nullptr;
+        std::string line = name;
+        line += value.empty() ? ";" : ": ";
+        line += value;
+        if (!append(list, line)) return nullptr;
     }
     const bool asks = request.expectContinue && request.bodySize > 0;
     if (!append(list, asks ? "Expect: 100-continue" : "Expect:")) return nullptr;
@@ -278,7 +289,7 @@ bool headersAreSound(const HttpRequest& request) {
 }
 
 HttpAnswer performRequest(const HttpRequest& request, const ClientConfiguration& configuration) {
-    Exchange exchange{request, configuration, {}, 0};
+    Exchange exchange{request, configuration, {}, 0, 0};
     Easy easy;
     const CURLcode code = transfer(easy, request, exchange);
     if (code == CURLE_OK) {

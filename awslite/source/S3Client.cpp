@@ -10,7 +10,6 @@ namespace S3 {
 
 namespace {
 
-using Auth::AWSCredentials;
 using Awslite::HttpAnswer;
 using Awslite::HttpRequest;
 using Client::ClientConfiguration;
@@ -19,6 +18,8 @@ using Model::GetObjectResult;
 using Model::PutObjectOutcome;
 using Model::PutObjectResult;
 using Policy = Client::AWSAuthV4Signer::PayloadSigningPolicy;
+
+constexpr size_t kMaxDocumentBytes = 1U << 16;
 
 /// A bucket and a key that name an object; without them a call would mean something else.
 template <typename Request>
@@ -80,7 +81,7 @@ bool signsPayload(const HttpRequest& http, Policy policy) {
 
 /// The document of a refusal, at most 64 KiB of it; "" when the stream cannot be read.
 String readBack(IOStream& stream) {
-    String document(64 * 1024, '\0');
+    String document(kMaxDocumentBytes, '\0');
     stream.clear();
     stream.seekg(0, std::ios::beg);
     stream.read(&document[0], static_cast<std::streamsize>(document.size()));

@@ -1,0 +1,4 @@
+#include "support/KivTest.h"
+#include "support/PimAppVersionPeer.h"
+
+static const KivTest::Reset resetPimAppVersion([] { PimAppVersionPeer::forget(); });
