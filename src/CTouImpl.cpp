@@ -37,9 +37,8 @@ std::vector<std::string> wordsOf(const std::string& text) {
 std::int32_t toInt32(const std::string& word) {
     using Limits = std::numeric_limits<std::int32_t>;
     char* end = nullptr;
-    errno = 0;
     const long long value = std::strtoll(word.c_str(), &end, 10);
-    const bool inRange = errno == 0 && value >= Limits::min() && value <= Limits::max();
+    const bool inRange = value >= Limits::min() && value <= Limits::max();
     const bool whole = end != word.c_str() && end == word.c_str() + word.size();
     return inRange && whole ? static_cast<std::int32_t>(value) : 0;
 }

@@ -1,0 +1,111 @@
+#include "EventFilter.h"
+
+#include "support/KivTest.h"
+#include "support/OutputCapture.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class EventFilterTest : public KivTest {
+  protected:
+    static JsonObject json(const std::string& text) {
+        const JsonObject value = JsonObject::parse(text);
+        EXPECT_FALSE(value.isNull()) << text;
+        return value;
+    }
+
+    static bool keeps(const std::string& filter, const std::string& event) {
+        return EventFilter(json(filter)).matches(json(event));
+    }
+};
+
+TEST_F(EventFilterTest, KeepsEverythingWithoutRules) {
+    EXPECT_TRUE(keeps("{}", R"({"event-type":"a"})"));
+    EXPECT_TRUE(keeps("{}", "{}"));
+    EXPECT_TRUE(EventFilter(JsonObject()).matches(json("{}")));
+}
+
+TEST_F(EventFilterTest, KeepsOnlyWhatIncludeMatches) {
+    const std::string filter = R"({"include":[{"event-type":"a"},{"event-type":"b"}]})";
+    EXPECT_TRUE(keeps(filter, R"({"event-type":"a"})"));
+    EXPECT_TRUE(keeps(filter, R"({"event-type":"b"})"));
+    EXPECT_FALSE(keeps(filter, R"({"event-type":"c"})"));
+}
+
+TEST_F(EventFilterTest, DropsWhatExcludeMatches) {
+    const std::string filter = R"({"exclude":[{"event-type":"a"}]})";
+    EXPECT_FALSE(keeps(filter, R"({"event-type":"a"})"));
+    EXPECT_TRUE(keeps(filter, R"({"event-type":"b"})"));
+    EXPECT_TRUE(keeps(filter, "{}"));
+}
+
+TEST_F(EventFilterTest, KeepsWhatIncludeMatchesAndExcludeDoesNot) {
+    const std::string filter = R"({"include":[{"t":"a"}],"exclude":[{"x":1}]})";
+    EXPECT_TRUE(keeps(filter, R"({"t":"a","x":2})"));
+    EXPECT_FALSE(keeps(filter, R"({"t":"a","x":1})"));
+    EXPECT_FALSE(keeps(filter, R"({"t":"b","x":2})"));
+    EXPECT_FALSE(keeps(filter, R"({"t":"b","x":1})"));
+}
+
+TEST_F(EventFilterTest, DoesNotAskExcludeAboutWhatIncludeRejected) {
+    const std::string complaining = R"([{"x":{"$and":1}}])";
+    OutputCapture capture;
+    EXPECT_FALSE(
+        keeps(R"({"include":[{"t":"a"}],"exclude":)" + complaining + "}", R"({"t":"b","x":1})"));
+    EXPECT_EQ(capture.err(), "");
+    EXPECT_TRUE(
+        keeps(R"({"include":[{"t":"a"}],"exclude":)" + complaining + "}", R"({"t":"a","x":1})"));
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "JsonFilterRule: evalAndOperator rhs not an array: 1\n");
+}
+
+TEST_F(EventFilterTest, MatchesNothingByRulesThatAreNoArray) {
+    EXPECT_FALSE(keeps(R"({"include":{"t":"a"}})", R"({"t":"a"})"));
+    EXPECT_TRUE(keeps(R"({"exclude":{"t":"a"}})", R"({"t":"a"})"));
+    EXPECT_FALSE(keeps(R"({"include":null})", R"({"t":"a"})"));
+    EXPECT_TRUE(keeps(R"({"exclude":null})", R"({"t":"a"})"));
+    EXPECT_FALSE(keeps(R"({"include":[]})", R"({"t":"a"})"));
+    EXPECT_TRUE(keeps(R"({"exclude":[]})", R"({"t":"a"})"));
+}
+
+TEST_F(EventFilterTest, KeepsEverythingByAConfigurationThatIsNoObject) {
+    EXPECT_TRUE(keeps("[]", R"({"t":"a"})"));
+    EXPECT_TRUE(keeps(R"(["include"])", R"({"t":"a"})"));
+}
+
+TEST_F(EventFilterTest, OutlivesTheConfigurationItWasMadeFrom) {
+    JsonObject config = json(R"({"include":[{"t":"a"}]})");
+    const EventFilter filter(config);
+    config = JsonObject();
+    EXPECT_TRUE(filter.matches(json(R"({"t":"a"})")));
+    EXPECT_FALSE(filter.matches(json(R"({"t":"b"})")));
+}
+
+TEST_F(EventFilterTest, TracesWhenVerbose) {
+    EventFilter::m_verbose = true;
+    OutputCapture capture;
+    keeps(R"({"include":[{"t":"a"}],"exclude":[]})", R"({"t":"a"})");
+    keeps("{}", R"({"t":"a"})");
+    capture.stop();
+    EXPECT_EQ(
+        capture.outWithoutPrefixes(),
+        "EventFilter: Match {\"t\": \"a\"} with include filter [{\"t\": \"a\"}] and exclude "
+        "filter []\n"
+        "EventFilter: Match {\"t\": \"a\"} with include filter (invalid json obj) and exclude "
+        "filter (invalid json obj)\n");
+    EXPECT_EQ(capture.err(), "");
+}
+
+TEST_F(EventFilterTest, IsSilentByDefault) {
+    OutputCapture capture;
+    keeps(R"({"include":[{"t":"a"}],"exclude":[{"t":"a"}]})", R"({"t":"a"})");
+    capture.stop();
+    EXPECT_EQ(capture.out(), "");
+    EXPECT_EQ(capture.err(), "");
+}
+
+}  // namespace

@@ -1,0 +1,98 @@
+#include "NetworkHelper.h"
+
+#include "support/NetworkHooks.h"
+#include "support/OutputCapture.h"
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include <cstddef>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+std::ptrdiff_t openDescriptors() {
+    const std::filesystem::directory_iterator entries("/proc/self/fd");
+    return std::distance(begin(entries), end(entries));
+}
+
+TEST(ExecTest, GivesTheStandardOutput) {
+    EXPECT_EQ(Exec("printf 'a\\nb'"), "a\nb");
+    EXPECT_EQ(Exec("true"), "");
+    EXPECT_EQ(Exec("echo out; false"), "out\n");
+    EXPECT_EQ(Exec("exit 3"), "");
+}
+
+TEST(ExecTest, DoesNotTakeTheStandardError) {
+    OutputCapture capture;
+    EXPECT_EQ(Exec("echo wrong >&2; echo right"), "right\n");
+    capture.stop();
+    EXPECT_EQ(capture.err(), "wrong\n");
+}
+
+TEST(ExecTest, TakesOutputLongerThanItsBuffer) {
+    std::string expected;
+    for (int i = 1; i <= 200; ++i) expected += std::to_string(i) + " ";
+    EXPECT_EQ(Exec("seq -s ' ' 1 200 | tr '\\n' ' '"), expected);
+}
+
+TEST(ExecTest, ThrowsWhenTheCommandDoesNotStart) {
+    NetworkHooks hooks;
+    hooks.failPopen();
+    try {
+        Exec("true");
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "popen() failed!");
+    }
+}
+
+TEST(ExecTest, LeavesNoDescriptorOpen) {
+    Exec("true");
+    const std::ptrdiff_t before = openDescriptors();
+    for (int i = 0; i < 3; ++i) Exec("echo x");
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(StringExtractBetweenTest, CutsOutWhatStandsBetween) {
+    EXPECT_EQ(StringExtractBetween("https://host/path", "//", "/"), "host");
+    EXPECT_EQ(StringExtractBetween("https://host", "//", "/"), "host");
+    EXPECT_EQ(StringExtractBetween("PING x (192.0.2.1) 56(84)", "(", ")"), "192.0.2.1");
+    EXPECT_EQ(StringExtractBetween("x (open", "(", ")"), "open");
+    EXPECT_EQ(StringExtractBetween("x ()", "(", ")"), "");
+}
+
+TEST(StringExtractBetweenTest, LooksForSingleCharacters) {
+    EXPECT_EQ(StringExtractBetween("a/b//c/d", "//", "/"), "");
+    EXPECT_EQ(StringExtractBetween("xaybz", "ab", "z"), "b");
+}
+
+TEST(StringExtractBetweenTest, GivesTheWholeTextWithoutABeginning) {
+    EXPECT_EQ(StringExtractBetween("host", "//", "/"), "host");
+    EXPECT_EQ(StringExtractBetween("unknown host", "(", ")"), "unknown host");
+    EXPECT_EQ(StringExtractBetween("", "(", ")"), "");
+    EXPECT_EQ(StringExtractBetween("abc", "", "b"), "abc");
+}
+
+TEST(StringExtractBetweenTest, TakesABeginningThatReachesBehindTheEnd) {
+    EXPECT_EQ(StringExtractBetween("host/", "//", "/"), "");
+}
+
+TEST(StringReplaceTest, ReplacesTheFirstOccurrence) {
+    std::string text = "one two one";
+    EXPECT_TRUE(StringReplace(text, "one", "1"));
+    EXPECT_EQ(text, "1 two one");
+    EXPECT_TRUE(StringReplace(text, " two", ""));
+    EXPECT_EQ(text, "1 one");
+}
+
+TEST(StringReplaceTest, LeavesTheTextWhenThereIsNone) {
+    std::string text = "one";
+    EXPECT_FALSE(StringReplace(text, "two", "2"));
+    EXPECT_FALSE(StringReplace(text, "One", "2"));
+    EXPECT_EQ(text, "one");
+}
+
+}  // namespace

@@ -1,0 +1,95 @@
+#include "JsonFilter.h"
+
+#include "support/KivTest.h"
+#include "support/OutputCapture.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class JsonFilterTest : public KivTest {
+  protected:
+    static JsonObject json(const std::string& text) {
+        const JsonObject value = JsonObject::parse(text, JSON_DECODE_ANY);
+        EXPECT_FALSE(value.isNull()) << text;
+        return value;
+    }
+
+    static bool matches(const std::string& filter, const std::string& event) {
+        return JsonFilter(json(filter)).matches(json(event));
+    }
+};
+
+TEST_F(JsonFilterTest, MatchesEverythingByANullHandle) {
+    EXPECT_TRUE(JsonFilter(JsonObject()).matches(json("{}")));
+    EXPECT_TRUE(JsonFilter(JsonObject()).matches(JsonObject()));
+}
+
+TEST_F(JsonFilterTest, MatchesNothingByAnEmptyArray) {
+    EXPECT_FALSE(matches("[]", "{}"));
+    EXPECT_FALSE(matches("[]", R"({"x":1})"));
+}
+
+TEST_F(JsonFilterTest, MatchesNothingByAValueThatIsNoArray) {
+    for (const char* filter : {"{}", R"({"x":1})", "null", "true", "3", "2.5", R"("x")"}) {
+        EXPECT_FALSE(matches(filter, R"({"x":1})")) << filter;
+    }
+}
+
+TEST_F(JsonFilterTest, MatchesWhenAnyRuleMatches) {
+    const std::string filter = R"([{"x":1},{"x":2}])";
+    EXPECT_TRUE(matches(filter, R"({"x":1})"));
+    EXPECT_TRUE(matches(filter, R"({"x":2})"));
+    EXPECT_FALSE(matches(filter, R"({"x":3})"));
+}
+
+TEST_F(JsonFilterTest, MatchesEverythingByAnEmptyRule) {
+    EXPECT_TRUE(matches("[{}]", R"({"x":1})"));
+    EXPECT_TRUE(matches("[{}]", "{}"));
+}
+
+TEST_F(JsonFilterTest, EndsAtTheFirstRuleThatMatches) {
+    OutputCapture capture;
+    EXPECT_TRUE(matches(R"([{"x":1},{"x":{"$and":2}}])", R"({"x":1})"));
+    capture.stop();
+    EXPECT_EQ(capture.err(), "");
+}
+
+TEST_F(JsonFilterTest, AsksTheRulesInOrder) {
+    OutputCapture capture;
+    EXPECT_TRUE(matches(R"([{"x":{"$and":2}},{"x":1}])", R"({"x":1})"));
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "JsonFilterRule: evalAndOperator rhs not an array: 2\n");
+}
+
+TEST_F(JsonFilterTest, PassesOverElementsThatAreNoObject) {
+    for (const char* element : {"null", "3", "true", "[]", R"("x")"}) {
+        OutputCapture capture;
+        const std::string filter = std::string("[") + element + R"(, {"x": 1}])";
+        EXPECT_TRUE(matches(filter, R"({"x":1})")) << element;
+        EXPECT_FALSE(matches(filter, R"({"x":2})")) << element;
+        capture.stop();
+        const std::string line = "JsonFilter: Invalid json object in filter array" + filter + "\n";
+        EXPECT_EQ(capture.errWithoutPrefixes(), line + line);
+    }
+}
+
+TEST_F(JsonFilterTest, KeepsItsRulesAlive) {
+    JsonObject rules = json(R"([{"x":1}])");
+    const JsonFilter filter(rules);
+    rules = JsonObject();
+    EXPECT_TRUE(filter.matches(json(R"({"x":1})")));
+}
+
+TEST_F(JsonFilterTest, ChangesNeitherFilterNorEvent) {
+    const JsonObject rules = json(R"([{"x":{"$not":[1,{"$>":3}]}},{"y":{"$regex":"a+"}}])");
+    const JsonObject event = json(R"({"x":1,"y":"b"})");
+    const std::string before = rules.getStringRep() + event.getStringRep();
+    EXPECT_FALSE(JsonFilter(rules).matches(event));
+    EXPECT_EQ(rules.getStringRep() + event.getStringRep(), before);
+}
+
+}  // namespace

@@ -1,0 +1,4 @@
+#include "support/KivTest.h"
+#include "support/RegexCachePeer.h"
+
+static const KivTest::Reset resetRegexCache([] { RegexCachePeer::clear(); });
