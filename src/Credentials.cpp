@@ -120,6 +120,8 @@ Aws::Auth::AWSCredentials Credentials::GetAWSCredentials() {
     if (!encryptedToken.empty()) token = decryptAES(config->GetIV(), encryptedToken);
     const std::string keyId = decryptAES(config->GetIV(), config->GetAccessKeyId());
     const std::string secret = decryptAES(config->GetIV(), config->GetSecretAccessKey());
+    // By pointer, as Aws::String is a type of its own in some versions of the SDK.
+    // NOLINTNEXTLINE(readability-redundant-string-cstr)
     return Aws::Auth::AWSCredentials(keyId.c_str(), secret.c_str(), token.c_str());
 }
 
@@ -173,7 +175,7 @@ std::string Credentials::decryptAES(std::string ivHex, std::string cipherHex) co
     reportUnless(EVP_DecryptUpdate(ctx, plainText.data(), &updated, cipherText.data(),
                                    static_cast<int>(cipherText.size())));
     reportUnless(EVP_DecryptFinal_ex(ctx, plainText.data() + updated, &finished));
-    plainText[static_cast<std::size_t>(updated + finished)] = '\0';
+    plainText[static_cast<std::size_t>(updated) + static_cast<std::size_t>(finished)] = '\0';
     return reinterpret_cast<const char*>(plainText.data());
 }
 

@@ -7,11 +7,13 @@
 #include "Singleton.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <limits>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include <cstdlib>
 #include <cstring>
 
 #include <errno.h>
@@ -19,6 +21,8 @@
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -76,6 +80,31 @@ void makePipe(const std::string& path) {
 
 void reportFailedOpen(const char* reason) {
     cerrdbg << kLogPrefix << "Cannot open fifo : " << reason << std::endl;
+}
+
+/// Whether this process reads the named pipe that `pipe` describes through `fd`.
+bool isReaderOf(const struct stat& pipe, int fd) {
+    struct stat status {};
+    if (::fstat(fd, &status) != 0 || !S_ISFIFO(status.st_mode)) return false;
+    const bool same = status.st_dev == pipe.st_dev && status.st_ino == pipe.st_ino;
+    return same && (::fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY;
+}
+
+/// Closes what a cancelled open(2) left: the cancellation may strike when the kernel has made the
+/// descriptor but the caller has not got it yet. A lost reader would never empty the pipe, and the
+/// middleware would hang in its writing. To be called when no checker runs.
+void closeLostReaders(const std::string& path) {
+    struct stat pipe {};
+    if (::stat(path.c_str(), &pipe) != 0 || !S_ISFIFO(pipe.st_mode)) return;
+    std::vector<int> lost;
+    std::error_code error;
+    for (fs::directory_iterator entry("/proc/self/fd", error), end; !error && entry != end;
+         entry.increment(error)) {
+        const auto fd =
+            static_cast<int>(std::strtol(entry->path().filename().c_str(), nullptr, 10));
+        if (isReaderOf(pipe, fd)) lost.push_back(fd);
+    }
+    for (const int fd : lost) ::close(fd);
 }
 
 /// |a - b|, whatever the middleware says.
@@ -278,8 +307,8 @@ JsonObject TimeMgrImpl::getAllTimesAsJson(const TimeReference& ref) const {
 bool TimeMgrImpl::isSystemTimeAcceptable(unsigned long long time) const {
     const Singleton<CGlobalInfoImpl> globalInfo;
     const std::int64_t buildTime = globalInfo->getBuildTime().seconds();
-    const auto uptime = static_cast<unsigned long long>(TimeReference().kernelTime / 1000);
-    const auto boot = static_cast<std::int64_t>(time - uptime);
+    const std::int64_t uptime = TimeReference().kernelTime / 1000;
+    const std::int64_t boot = saturatedSum(static_cast<std::int64_t>(time), -uptime);
     return time != 0 && boot > kEarliestBoot && boot > buildTime + kBuildTimeMargin;
 }
 
@@ -364,9 +393,10 @@ void TimeMgrImpl::setAutoUpdateSystemTime(bool on) {
     }
     const std::lock_guard<std::mutex> lock(m_checkerMutex);
     if (m_checker.joinable() && !on) {
-        endPause(true);
         ::pthread_cancel(m_checker.native_handle());
+        endPause(true);  // behind the cancellation, which then strikes in the next opening
         m_checker.join();
+        closeLostReaders(m_pipePath);
     } else if (!m_checker.joinable() && on) {
         endPause(false);
         startChecker();

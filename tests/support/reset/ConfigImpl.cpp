@@ -1,0 +1,7 @@
+#include "ConfigImpl.h"
+#include "support/KivTest.h"
+
+static const KivTest::Reset resetConfiguration([] {
+    ConfigImpl::SetVerbose(false);
+    ConfigImpl::SetRefreshScheduler({});
+});

@@ -1,0 +1,7 @@
+#include "support/CredentialsPeer.h"
+#include "support/KivTest.h"
+
+static const KivTest::Reset resetCredentials([] {
+    CredentialsPeer::putBack();
+    Credentials::SetVerbose(false);
+});

@@ -1,0 +1,9 @@
+#include "support/KivTest.h"
+#include "support/TimeMgrImplPeer.h"
+
+static const KivTest::Reset resetTimeManager([] {
+    TimeMgrImpl::SetVerbose(false);
+    TimeMgrImplPeer::setPipePath(TimeMgrImplPeer::productPipe);
+    TimeMgrImplPeer::forgetSystemTime();
+    TimeMgrImplPeer::forgetExpectedDBPath();
+});
