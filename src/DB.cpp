@@ -271,7 +271,7 @@ long DB::addEvents(const std::vector<NewEvent>& events, std::size_t& taken) {
     taken = 0;
     long total = m_TotalEventSize;
     if (events.empty()) return total;
-    PrunerThreads::letWaitingOneGoFirst();
+    if (!PrunerThreads::takeHeadStart()) PrunerThreads::letWaitingOneGoFirst();
     {
         const PruneGuard lock = lockFor("adding events");
         if (!storeInOneTransaction(events, taken, total)) {
@@ -286,6 +286,7 @@ long DB::addEvents(const std::vector<NewEvent>& events, std::size_t& taken) {
 bool DB::storeInOneTransaction(const std::vector<NewEvent>& events, std::size_t& taken,
                                long& total) {
     const std::size_t most = std::min(events.size(), kMostEventsOfABatch);
+    const long limit = sizeThatEndsABatch();
     taken = most;
     if (!begin("BEGIN IMMEDIATE TRANSACTION")) return false;
     for (std::size_t i = 0; i < most; ++i) {
@@ -296,12 +297,18 @@ bool DB::storeInOneTransaction(const std::vector<NewEvent>& events, std::size_t&
             m_TotalEventSize = -1;
             return false;
         }
-        if (total > m_pruneThreshold) {
+        if (total > limit) {
             taken = i + 1;
             break;
         }
     }
     return commit();
+}
+
+long DB::sizeThatEndsABatch() const {
+    // Ahead of a pruner that waits, at most as much again as it is going to remove.
+    const long total = m_TotalEventSize;
+    return total > m_pruneThreshold ? total + (m_pruneThreshold - m_pruneTarget) : m_pruneThreshold;
 }
 
 long DB::storeEvent(const NewEvent& event) {

@@ -64,7 +64,8 @@ class DB {
                   std::string data);
     /// Stores events from the front of `events` in one transaction: at most 256, or until the
     /// total passes the prune threshold. What a failed transaction took along is inserted again
-    /// one by one. Waits first for a pruner that waits for the lock.
+    /// one by one. One batch may go ahead of a pruner that waits for the lock, the next one waits
+    /// for it: in a flood that makes fewer and larger prunes.
     /// @param taken how many were handled (stored, or failed alone); at least 1 of a non-empty list
     /// @return as `addEvent` of the last event handled
     long addEvents(const std::vector<NewEvent>& events, std::size_t& taken);
@@ -165,6 +166,7 @@ class DB {
     bool refuseQuotedEvent(const std::string& statement);
     bool storeInOneTransaction(const std::vector<NewEvent>& events, std::size_t& taken,
                                long& total);
+    long sizeThatEndsABatch() const;
     void startPrunerAbove(long total);  // without the lock
 
     bool replaceOldestEvents(long limit);

@@ -77,11 +77,13 @@ struct PrunerThreads::HandOver {
     std::condition_variable left;
     std::uint64_t waiting = kNone;  ///< ticket of the waiting pruner
     std::uint64_t last = kNone;     ///< ticket given last
+    bool headStartTaken = false;    ///< whether a batch has gone ahead of the waiting one
 
     std::uint64_t enter() {
         const std::lock_guard<std::mutex> lock(mutex);
         if (waiting != kNone) return kNone;
         waiting = ++last;
+        headStartTaken = false;
         return waiting;
     }
     void leave(std::uint64_t ticket) {
@@ -129,6 +131,13 @@ void PrunerThreads::waitForAll() {
 
 void PrunerThreads::tookTheLock() {
     handOver().leave(t_ownTicket);
+}
+
+bool PrunerThreads::takeHeadStart() {
+    HandOver& state = handOver();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    if (state.waiting == kNone) return true;
+    return !std::exchange(state.headStartTaken, true);
 }
 
 void PrunerThreads::letWaitingOneGoFirst() {

@@ -5,7 +5,8 @@
 
 /// The pruning threads of one `DB`, and the order in which they and the inserts of the process
 /// reach `DB::m_PruneLock`: at most one pruning thread waits for the lock, and inserts let it go
-/// first. It knows nothing of what a pruning thread does. Usable from any thread; throws nothing.
+/// first, but for one batch. It knows nothing of what a pruning thread does. Usable from any
+/// thread; throws nothing.
 class PrunerThreads {
   public:
     PrunerThreads();
@@ -26,6 +27,9 @@ class PrunerThreads {
     /// Waits until a pruning thread that waits for the lock has it. Returns at once on a pruning
     /// thread, and before long on a thread that holds the lock itself.
     static void letWaitingOneGoFirst();
+    /// Whether a batch of inserts may go ahead of the pruning thread that waits: once for each
+    /// such thread. True also where none waits.
+    static bool takeHeadStart();
 
   private:
     friend struct PrunerThreadsPeer;

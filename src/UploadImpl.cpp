@@ -148,10 +148,20 @@ bool writeListing(const std::string& directory, const std::string& path) {
     return false;
 }
 
+/// The text as JSON can hold it: the database quotes pieces of statements, which may begin or end
+/// within a character.
+std::string asUtf8(std::string text) {
+    if (JsonObject::createObject().set("text", text) == 0) return text;
+    for (char& character : text) {
+        if (static_cast<unsigned char>(character) >= 0x80) character = '?';
+    }
+    return text;
+}
+
 /// The "db.error" event of this moment; "" when it cannot be packed.
 std::string databaseErrorEvent() {
     const TimeReference now;
-    const std::string message = DB::lastErrorMessage();
+    const std::string message = asUtf8(DB::lastErrorMessage());
     JsonObject event;
     if (!event.Pack("{s:s, s:i, s:i, s:i, s:I, s:s}", "event-type", "db.error", "eventid",
                     static_cast<int>(EventType::getEventIdByName("db.error")), "boot-count",
@@ -412,6 +422,7 @@ int UploadImpl::uploadEvents() {
 /// Fills the packet with the oldest events. Holds the store's lock, so that pruning deletes no
 /// row that is being packed; other locks are taken behind it.
 DB::EventSet UploadImpl::packStoredEvents(AwsWrapper::EventsPacket& packet) {
+    const Singleton<TimeMgrImpl> timeManager;  // kept: its end takes the store's lock
     std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
     logLine("uploadEvents will be done");
     DB::EventSet events = m_db->getEvents(false);
@@ -572,7 +583,7 @@ void UploadImpl::sendDBErrorEvent() {
     std::string event = databaseErrorEvent();
     AwsWrapper::EventsPacket packet(Config()->GetMaxSize());
     const UtcTimeMs time = EventTimeRework::reworkEventTime(event, true);
-    if (packet.AddEvent(event, time) && packet.Send()) {
+    if (!event.empty() && packet.AddEvent(event, time) && packet.Send()) {
         m_dbErrorEventSent = true;
     } else {
         logError("DB Error event upload failed ");

@@ -4,9 +4,9 @@
     sigv4_verify.py REQUEST.json
 
 REQUEST.json is an object with "service", "region", "access_key", "secret_key", "token", "scheme",
-"method", "target", "headers" (pairs of name and value, as sent) and "body" (Base64). Prints "ok" and
-leaves with 0 when the request is signed as it came; otherwise one line for each thing that is wrong
-and leaves with 1.
+"method", "target", "headers" (pairs of name and value, as sent) and "body" (Base64). Prints "ok"
+and leaves with 0 when the request is signed as it came; otherwise one line for each thing that is
+wrong and leaves with 1.
 """
 
 import base64
@@ -24,7 +24,8 @@ UNSIGNED = {"accept", "user-agent", "authorization", "expect"}
 
 def expected_authorization(captured, headers):
     """The Authorization header that botocore gives the captured request."""
-    credentials = Credentials(captured["access_key"], captured["secret_key"], captured["token"] or None)
+    token = captured["token"] or None
+    credentials = Credentials(captured["access_key"], captured["secret_key"], token)
     kind = S3SigV4Auth if captured["service"] == "s3" else SigV4Auth
     signer = kind(credentials, captured["service"], captured["region"])
     request = AWSRequest(

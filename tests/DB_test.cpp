@@ -1,0 +1,373 @@
+#include "DB.h"
+
+#include <algorithm>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "DBToken.h"
+#include "SqlStatement.h"
+#include "support/DBTokenPeer.h"
+#include "support/StoreTest.h"
+
+namespace {
+
+const std::vector<std::string> kSchema = {
+    "CREATE TABLE Events(bootCount INT, standbyCount INT, kernelTime INT, type TEXT, status INT, "
+    "data BLOB)",
+    "CREATE TABLE Files(id TEXT PRIMARY KEY, url TEXT, status INT, retries INT, lastfail INT, "
+    "info BLOB)",
+    "CREATE TABLE TimeOffsets(bootCount INT, standbyCount INT, source INT, startTime INT, status "
+    "INT, PRIMARY KEY(bootCount,standbyCount,source))",
+    "CREATE TABLE OpTimes(bootCount INT, standbyCount INT, opTime INT, PRIMARY KEY(bootCount, "
+    "standbyCount))",
+    "CREATE TABLE Location(id INT PRIMARY KEY, longitude REAL, latitude REAL, IP TEXT, city TEXT, "
+    "region TEXT, countryCode TEXT)",
+};
+
+const char* const kForeignText = "This is no database. ";
+
+class DBLifecycleTest : public StoreTest {
+  protected:
+    void SetUp() override {
+        StoreTest::SetUp();
+        DBToken::setDBUUIDPath(dir.path());
+    }
+
+    Texts schema() { return rows("SELECT sql FROM sqlite_master WHERE type='table'"); }
+
+    /// Of the store's own connection; the file does not keep it.
+    std::int64_t pageLimit() {
+        SqlStatement limit(DBPeer::connection(*db), "PRAGMA max_page_count");
+        return limit.step() == SQLITE_ROW ? limit.columnInt64(0) : -1;
+    }
+
+    std::string foreignFile() {
+        std::string text;
+        while (text.size() < 8192) text += kForeignText;
+        dir.write("Db", text);
+        return text;
+    }
+
+    static std::string withoutAddresses(const std::string& text) {
+        return std::regex_replace(text, std::regex("0x[0-9a-f]+"), "<address>");
+    }
+};
+
+TEST_F(DBLifecycleTest, ConstructionDoesNoInputOrOutput) {
+    OutputCapture capture;
+    db.reset();
+    capture.stop();
+    EXPECT_FALSE(dir.has("Db"));
+    EXPECT_EQ(capture.out() + capture.err(), "");
+}
+
+TEST_F(DBLifecycleTest, CreatesTheSchemaOfVersion2) {
+    OutputCapture capture;
+    db->open(path, false);
+    capture.stop();
+    EXPECT_EQ(schema(), kSchema);
+    EXPECT_EQ(value("PRAGMA user_version"), "2");
+    EXPECT_EQ(capture.out() + capture.err(), "");
+    EXPECT_FALSE(DB::m_dbError);
+}
+
+TEST_F(DBLifecycleTest, LimitsThePagesToThreeMebibytes) {
+    openStore();
+    EXPECT_EQ(pageLimit(), 768) << "of 4096 bytes";
+}
+
+TEST_F(DBLifecycleTest, LimitsThePagesByThePageSizeOfTheFile) {
+    aside("PRAGMA page_size = 1024; CREATE TABLE T(a)");
+    openStore();
+    EXPECT_EQ(pageLimit(), 3072);
+}
+
+TEST_F(DBLifecycleTest, RoundsThePageLimitUp) {
+    DBPeer::setMaxDatabaseSize(*db, 100 * 4096 + 1);
+    openStore();
+    EXPECT_EQ(pageLimit(), 101);
+}
+
+TEST_F(DBLifecycleTest, ANewFileGetsANewIdentity) {
+    const std::string old = "3f0e8f6a-2a53-4c52-9d9b-0b2f5d7a9c11";
+    dir.write("dbuuid.json", "{\"db-uuid\": \"" + old + "\"}");
+    openStore();
+    EXPECT_NE(DBToken::current(), old);
+    EXPECT_EQ(dir.read("dbuuid.json"), "{\"db-uuid\": \"" + DBToken::current() + "\"}");
+}
+
+TEST_F(DBLifecycleTest, AnExistingVersion2FileKeepsItsContentAndItsIdentity) {
+    openStore();
+    db->addEvent(1, 2, 3, "t", "kept");
+    const std::string token = dir.read("dbuuid.json");
+    db.reset();
+    const std::string before = dir.read("Db");
+    DB again;
+    again.open(path, true);
+    EXPECT_EQ(dir.read("Db"), before);
+    EXPECT_EQ(dir.read("dbuuid.json"), token);
+    EXPECT_EQ(storedData(), Texts{"kept"});
+}
+
+TEST_F(DBLifecycleTest, AVersion1FileGainsTheInfoColumnAndKeepsItsRows) {
+    aside(
+        "CREATE TABLE Files(id TEXT PRIMARY KEY, url TEXT, status INT, retries INT, "
+        "lastfail INT);"
+        "INSERT INTO Files VALUES('a','/tmp/a',0,4,17);PRAGMA user_version = 1");
+    OutputCapture capture;
+    openStore();
+    capture.stop();
+    EXPECT_EQ(capture.err(), "");
+    EXPECT_EQ(rows("SELECT id,url,status,retries,lastfail,info FROM Files"),
+              Texts{"a|/tmp/a|0|4|17|NULL"});
+    EXPECT_EQ(value("PRAGMA user_version"), "2");
+    EXPECT_TRUE(DBTokenPeer::holdsNothing());
+    EXPECT_FALSE(dir.has("dbuuid.json"));
+}
+
+TEST_F(DBLifecycleTest, AVersion1FileThatHasTheColumnAlreadyGetsALineAndTheVersion) {
+    openStore();
+    aside("PRAGMA user_version = 1");
+    OutputCapture capture;
+    openStore();
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (ALTER TABLE Files): duplicate column name: info\n");
+    EXPECT_EQ(value("PRAGMA user_version"), "2");
+}
+
+TEST_F(DBLifecycleTest, AnyOtherVersionIsSetBackWithoutAnotherChange) {
+    openStore();
+    db->addEvent(1, 2, 3, "t", "kept");
+    const std::string token = dir.read("dbuuid.json");
+    aside("PRAGMA user_version = 7");
+    openStore();
+    EXPECT_EQ(value("PRAGMA user_version"), "2");
+    EXPECT_EQ(schema(), kSchema);
+    EXPECT_EQ(storedData(), Texts{"kept"});
+    EXPECT_EQ(dir.read("dbuuid.json"), token);
+}
+
+TEST_F(DBLifecycleTest, AMissingDirectoryLeavesNoUsableConnection) {
+    DB::m_TotalEventSize = 4711;
+    const std::string missing = dir.file("no/such/Db");
+    OutputCapture capture;
+    db->open(missing, true);
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: Can't open database " + missing + ": unable to open database file\n");
+    EXPECT_EQ(DBPeer::connection(*db), nullptr);
+    EXPECT_EQ(DB::m_TotalEventSize, 4711);
+    EXPECT_FALSE(DB::m_dbError);
+}
+
+TEST_F(DBLifecycleTest, OperationsWithoutAConnectionFailAndRecordIt) {
+    OutputCapture capture;
+    EXPECT_EQ(db->addEvent(1, 1, 1, "t", "x"), -1);
+    EXPECT_TRUE(DB::m_dbError);
+    EXPECT_EQ(DB::lastErrorMessage(), "bad parameter or other API misuse");
+    EXPECT_EQ(db->addEvent(1, 1, 1, "t", "it's"), -1);
+    EXPECT_EQ(DB::lastErrorMessage(), "no open database");
+    EXPECT_EQ(db->totalEventSize(), -1);
+    EXPECT_EQ(db->getOldestEvent(), "");
+    EXPECT_FALSE(db->getEvents(false).isOpen());
+    EXPECT_FALSE(db->getEvents(true).isOpen());
+    EXPECT_FALSE(db->deleteMarkedEvents(db->getEvents(false)));
+    EXPECT_EQ(db->getNumberOfFiles(), 0);
+    EXPECT_EQ(db->getFirstUpload(), nullptr);
+    EXPECT_EQ(db->getStartTime(1, 1), 0);
+    EXPECT_NE(db->setStartTime(1, 1, 5), 0);
+    DB::m_TotalEventSize = 500;
+    db->pruneAboveSize(100);
+    capture.stop();
+    EXPECT_EQ(DB::m_TotalEventSize, 500);
+    EXPECT_EQ(capture.errWithoutPrefixes().substr(0, 69),
+              "kivDB: SQL error (insert event): bad parameter or other API misuse\nki");
+}
+
+TEST_F(DBLifecycleTest, AForeignFileIsReplacedWhenRecreationIsAllowed) {
+    foreignFile();
+    DB::m_dbError = true;
+    OutputCapture capture;
+    db->open(path, true);
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (max_page_count): file is not a database\n");
+    EXPECT_EQ(schema(), kSchema);
+    EXPECT_EQ(value("PRAGMA user_version"), "2");
+    EXPECT_FALSE(DB::m_dbError);
+    EXPECT_TRUE(dir.has("dbuuid.json"));
+    EXPECT_EQ(db->addEvent(1, 1, 1, "t", "usable"), 8);
+    EXPECT_EQ(pageLimit(), 768);
+}
+
+TEST_F(DBLifecycleTest, AForeignFileIsLeftAloneWithoutRecreation) {
+    const std::string text = foreignFile();
+    OutputCapture capture;
+    db->open(path, false);
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (max_page_count): file is not a database\n"
+              "kivDB: SQL error (create Events table): file is not a database\n"
+              "kivDB: SQL error (create Files table): file is not a database\n"
+              "kivDB: SQL error (create TimeOffsets table): file is not a database\n"
+              "kivDB: SQL error (create OpTimes table): file is not a database\n"
+              "kivDB: SQL error (create Location table): file is not a database\n"
+              "kivDB: SQL error (user_version): file is not a database\n");
+    EXPECT_EQ(dir.read("Db"), text);
+}
+
+TEST_F(DBLifecycleTest, ACorruptSchemaIsReplacedWhenRecreationIsAllowed) {
+    openStore();
+    db.reset();
+    std::string text = dir.read("Db");
+    ASSERT_GT(text.size(), 4096u);
+    std::fill(text.begin() + 100, text.begin() + 4096, '\xee');
+    dir.write("Db", text);
+    OutputCapture capture;
+    DB again;
+    again.open(path, true);
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (max_page_count): database disk image is malformed\n");
+    EXPECT_EQ(schema(), kSchema);
+}
+
+TEST_F(DBLifecycleTest, AForeignFileThatCannotBeDeletedGetsALine) {
+    // Named by its descriptor: such a name can be opened but never unlinked.
+    foreignFile();
+    FILE* const file = ::fopen(path.c_str(), "r+");
+    ASSERT_NE(file, nullptr);
+    const std::string unlinkable = "/proc/self/fd/" + std::to_string(::fileno(file));
+    OutputCapture capture;
+    db->open(unlinkable, true);
+    capture.stop();
+    ::fclose(file);
+    const std::string lines = capture.errWithoutPrefixes();
+    EXPECT_EQ(lines.find("kivDB: SQL error (max_page_count): file is not a database\n"
+                         "kivDB: Can't delete database " +
+                         unlinkable + ": "),
+              0u)
+        << lines;
+}
+
+TEST_F(DBLifecycleTest, EverySuccessfulOpenForgetsTheCachedSize) {
+    openStore();
+    db->addEvent(1, 1, 1, "t", "x");
+    EXPECT_EQ(DB::m_TotalEventSize, 3);
+    DB other;
+    other.open(path, false);
+    EXPECT_EQ(DB::m_TotalEventSize, -1);
+}
+
+TEST_F(DBLifecycleTest, OpeningAgainClosesTheOldConnection) {
+    openStore();
+    db->addEvent(1, 1, 1, "t", "first file");
+    db->open(dir.file("Other"), false);
+    db->addEvent(1, 1, 1, "t", "second file");
+    EXPECT_EQ(storedData(), Texts{"first file"});
+    EXPECT_EQ(PlainDatabase(dir.file("Other")).value("SELECT data FROM Events"), "second file");
+}
+
+TEST_F(DBLifecycleTest, SaysWhatItDoesWhenVerbose) {
+    DB::setVerbose(true);
+    EXPECT_TRUE(DB::getVerbose());
+    OutputCapture capture;
+    db->open(path, false);
+    db.reset();
+    DB::setVerbose(false);
+    capture.stop();
+    EXPECT_EQ(withoutAddresses(capture.outWithoutPrefixes()),
+              "kivDB: Opened database " + path +
+                  " successfully: <address>\n"
+                  "kivDB: Take lock for creating tables\n"
+                  "*** sql callback: kivDB:  max_page_count = 768\n\n"
+                  "kivDB: Table Event created successfully\n"
+                  "kivDB: Table Files created successfully\n"
+                  "kivDB: Table TimeOffsets created successfully\n"
+                  "kivDB: Table OpTimes created successfully\n"
+                  "kivDB: Table Location created successfully\n"
+                  "kivDB: Destructor: close DB <address>\n");
+    EXPECT_EQ(capture.err(), "");
+}
+
+TEST_F(DBLifecycleTest, DestroyingAnUnopenedStoreSaysNothing) {
+    DB::setVerbose(true);
+    OutputCapture capture;
+    db.reset();
+    capture.stop();
+    EXPECT_EQ(capture.out(), "");
+}
+
+TEST_F(DBLifecycleTest, TheCallbackPrintsColumnsOnlyWhenVerbose) {
+    char one[] = "one";
+    char two[] = "two";
+    char text[] = "text";
+    char* values[] = {text, nullptr};
+    char* names[] = {one, two};
+    OutputCapture capture;
+    DBPeer::callback("kivDB: ", 2, values, names);
+    EXPECT_EQ(capture.out(), "");
+    DB::setVerbose(true);
+    DBPeer::callback("kivDB: ", 2, values, names);
+    capture.stop();
+    EXPECT_EQ(capture.out(), "*** sql callback: kivDB:  one = text\n two = NULL\n\n");
+}
+
+TEST_F(DBLifecycleTest, NoConnectionCanAttachOtherFiles) {
+    openStore();
+    EXPECT_THROW(onStore("ATTACH '" + dir.file("other") + "' AS other"), std::runtime_error);
+    EXPECT_FALSE(dir.has("other"));
+}
+
+TEST_F(DBLifecycleTest, AFailureIsRecordedWithItsText) {
+    openStore();
+    db->checkErrorCondition("a text");
+    EXPECT_TRUE(DB::m_dbError);
+    EXPECT_EQ(DB::lastErrorMessage(), "a text");
+    db->checkErrorCondition(nullptr);
+    EXPECT_EQ(DB::lastErrorMessage(), "");
+}
+
+TEST_F(DBLifecycleTest, TheFullCallbackIsForAFullDatabaseOnly) {
+    openStore();
+    int calls = 0;
+    DB::setFullCallback([&calls] { ++calls; });
+    OutputCapture capture;
+    db->addEvent(1, 1, 1, "t", "it's");
+    EXPECT_EQ(calls, 0);
+    onStore("PRAGMA max_page_count = 1");
+    EXPECT_THROW(onStore("CREATE TABLE Big AS SELECT randomblob(100000) AS a"), std::runtime_error);
+    db->checkErrorCondition("database or disk is full");
+    EXPECT_EQ(calls, 1);
+    DB::setFullCallback(nullptr);
+    onStore("SELECT 1");
+    db->checkErrorCondition("no callback");
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(DBLifecycleTest, TheFullCallbackRunsOnTheCallingThreadWithTheLockHeld) {
+    openStore();
+    std::thread::id thread;
+    bool heldByCaller = false;
+    DB::setFullCallback([&] {
+        thread = std::this_thread::get_id();
+        std::thread([&] {
+            heldByCaller = !DB::m_PruneLock.try_lock();
+            if (!heldByCaller) DB::m_PruneLock.unlock();
+        }).join();
+        DB::setFullCallback(nullptr);  // may replace itself
+    });
+    onStore("PRAGMA max_page_count = 1");
+    OutputCapture capture;
+    db->addEvent(1, 1, 1, "t", std::string(100000, 'x'));
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (insert event): database or disk is full\n");
+    EXPECT_EQ(thread, std::this_thread::get_id());
+    EXPECT_TRUE(heldByCaller);
+}
+
+}  // namespace

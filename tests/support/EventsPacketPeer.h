@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+#include "EventsPacket.h"
+
+namespace AwsWrapper {
+
+/// What a packet holds so far.
+struct EventsPacketPeer {
+    static const std::string& text(const EventsPacket& packet) { return packet.m_text; }
+    static int size(const EventsPacket& packet) { return packet.m_size; }
+    static int bootCount(const EventsPacket& packet) { return packet.m_bootCount; }
+    static int standbyCount(const EventsPacket& packet) { return packet.m_standbyCount; }
+};
+
+}  // namespace AwsWrapper

@@ -1,0 +1,88 @@
+#include "support/SystemCallFaults.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <mqueue.h>
+#include <semaphore.h>
+#include <time.h>
+#include <unistd.h>
+
+// Defined here, not in the header: only programs that use them get the calls below.
+std::atomic<int> SystemCallFaults::getAttributesError{0};
+std::atomic<int> SystemCallFaults::closeQueueError{0};
+std::atomic<int> SystemCallFaults::closeSemaphoreError{0};
+std::atomic<int> SystemCallFaults::receiveError{0};
+std::atomic<int> SystemCallFaults::receiveFailures{0};
+std::atomic<bool> SystemCallFaults::holdSleeps{false};
+std::atomic<int> SystemCallFaults::heldSleeps{0};
+std::atomic<unsigned int> SystemCallFaults::longestSleep{0};
+
+void SystemCallFaults::clear() {
+    getAttributesError = 0;
+    closeQueueError = 0;
+    closeSemaphoreError = 0;
+    receiveError = 0;
+    receiveFailures = 0;
+    holdSleeps = false;
+    longestSleep = 0;
+}
+
+namespace {
+
+template <typename Function>
+Function* libraryCall(const char* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+int failWith(int error) {
+    errno = error;
+    return -1;
+}
+
+class Held {
+  public:
+    Held() { ++SystemCallFaults::heldSleeps; }
+    ~Held() { --SystemCallFaults::heldSleeps; }
+};
+
+}  // namespace
+
+// The program's own definitions come before those of the C library.
+extern "C" {
+
+int mq_getattr(mqd_t queue, mq_attr* attributes) noexcept {
+    if (const int error = SystemCallFaults::getAttributesError) return failWith(error);
+    return libraryCall<int(mqd_t, mq_attr*)>("mq_getattr")(queue, attributes);
+}
+
+int mq_close(mqd_t queue) noexcept {
+    const int result = libraryCall<int(mqd_t)>("mq_close")(queue);
+    if (const int error = SystemCallFaults::closeQueueError) return failWith(error);
+    return result;
+}
+
+ssize_t mq_receive(mqd_t queue, char* buffer, size_t size, unsigned int* priority) {
+    if (SystemCallFaults::receiveFailures > 0) {
+        --SystemCallFaults::receiveFailures;
+        return failWith(SystemCallFaults::receiveError);
+    }
+    return libraryCall<ssize_t(mqd_t, char*, size_t, unsigned int*)>("mq_receive")(queue, buffer,
+                                                                                   size, priority);
+}
+
+int sem_close(sem_t* semaphore) noexcept {
+    const int result = libraryCall<int(sem_t*)>("sem_close")(semaphore);
+    if (const int error = SystemCallFaults::closeSemaphoreError) return failWith(error);
+    return result;
+}
+
+int usleep(useconds_t microseconds) {
+    if (microseconds > SystemCallFaults::longestSleep)
+        SystemCallFaults::longestSleep = microseconds;
+    if (!SystemCallFaults::holdSleeps) return libraryCall<int(useconds_t)>("usleep")(microseconds);
+    const Held held;
+    const timespec step = {0, 1000000};
+    while (SystemCallFaults::holdSleeps) ::nanosleep(&step, nullptr);
+    return 0;
+}
+}

@@ -1,0 +1,13 @@
+#include <mutex>
+
+#include "DB.h"
+#include "support/KivTest.h"
+
+static const KivTest::Reset resetDB([] {
+    const std::lock_guard<std::recursive_mutex> lock(DB::m_PruneLock);
+    DB::setVerbose(false);
+    DB::setFullCallback(nullptr);
+    DB::m_TotalEventSize = -1;
+    DB::m_dbError = false;
+    DB::m_DBErrorMessage.clear();
+});

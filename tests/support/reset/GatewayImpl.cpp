@@ -1,0 +1,8 @@
+#include "support/GatewayImplPeer.h"
+#include "support/KivTest.h"
+
+static const KivTest::Reset resetGateway([] {
+    GatewayImpl::SetVerbose(false);
+    GatewayImplPeer::setQueueName(GatewayImplPeer::productQueue);
+    GatewayImplPeer::forgetEvents();
+});

@@ -1,0 +1,4 @@
+#include "UploadImpl.h"
+#include "support/KivTest.h"
+
+static const KivTest::Reset resetUpload([] { UploadImpl::SetVerbose(false); });
