@@ -18,9 +18,10 @@
 #include "TimeMgrImpl.h"
 #include "UploadImpl.h"
 
-#include <cstdlib>
 #include <iostream>
 #include <utility>
+
+#include <cstdlib>
 
 #include <getopt.h>
 #include <signal.h>

@@ -275,8 +275,8 @@ bool ConfigImpl::Refresh(bool force) {
     }
     const Credentials credentials;
     NetworkHelper request;
-    if (!request.UrlRequest(credentials.getConfigUrl() + device, true,
-                            credentials.getLambdaKey())) {
+    const std::string url = credentials.getConfigUrl() + device;
+    if (!request.UrlRequest(url, true, credentials.getLambdaKey())) {
         cerrdbg << kLogPrefix << "Config could not be retrieved from server" << std::endl;
         return giveUp(now);
     }

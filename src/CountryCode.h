@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 /// One country or territory, and the table of them: ISO 3166-1, current and withdrawn codes, and

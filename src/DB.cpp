@@ -24,6 +24,8 @@ namespace {
 char kTag[] = "kivDB: ";  // not const: SQLite hands it to the callback as void*
 constexpr int kSchemaVersion = 2;
 constexpr std::size_t kMostEventsOfABatch = 256;
+/// For readers of other processes, which bar a COMMIT as long as they read.
+constexpr int kBusyTimeoutMs = 1000;
 constexpr int kSystemTime = 0;  ///< the source of a start time without one
 
 struct Table {
@@ -137,6 +139,7 @@ bool DB::openConnection(const std::string& path) {
         return false;
     }
     sqlite3_limit(connection, SQLITE_LIMIT_ATTACHED, 0);
+    sqlite3_busy_timeout(connection, kBusyTimeoutMs);
     trace("Opened database ", path, " successfully: ", connection);
     m_TotalEventSize = -1;
     return true;
@@ -210,6 +213,7 @@ int DB::execute(const std::string& sql, const char* failureText, OnFailure onFai
     char* text = nullptr;
     const int result = sqlite3_exec(m_connection.get(), sql.c_str(), execCallback, kTag, &text);
     const std::unique_ptr<char, FreeText> message(text);
+    m_busy = result == SQLITE_BUSY;
     if (result != SQLITE_OK) {
         reportFailure(failureText, message ? message.get() : sqlite3_errstr(result), onFailure);
     }
@@ -275,9 +279,12 @@ long DB::addEvents(const std::vector<NewEvent>& events, std::size_t& taken) {
     {
         const PruneGuard lock = lockFor("adding events");
         if (!storeInOneTransaction(events, taken, total)) {
+            // A reader of another process bars the way for now: the events can wait.
+            if (m_busy) taken = 0;
             // Singly: whatever of the batch can be stored is stored.
             for (std::size_t i = 0; i < taken; ++i) total = storeEvent(events[i]);
         }
+        if (total < 0 || taken == 0) total = totalEventSize();
     }
     startPrunerAbove(total);
     return total;

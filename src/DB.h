@@ -66,7 +66,8 @@ class DB {
     /// total passes the prune threshold. What a failed transaction took along is inserted again
     /// one by one. One batch may go ahead of a pruner that waits for the lock, the next one waits
     /// for it: in a flood that makes fewer and larger prunes.
-    /// @param taken how many were handled (stored, or failed alone); at least 1 of a non-empty list
+    /// @param taken how many were handled (stored, or failed alone); 0 while another process reads
+    /// the file for long: then try again
     /// @return as `addEvent` of the last event handled
     long addEvents(const std::vector<NewEvent>& events, std::size_t& taken);
     /// Opens a cursor: over all events, or over those of the oldest cycle.
@@ -176,6 +177,7 @@ class DB {
     std::int64_t readNumber(SqlStatement& query, const char* table) const;  // 0 without a row
 
     std::string m_path;
+    bool m_busy = false;  ///< whether the last statement met another process's lock
     std::unique_ptr<sqlite3, CloseConnection> m_connection;
     std::int32_t m_maxDatabaseSize = 3145728;  ///< bytes
     std::int32_t m_pruneThreshold = 131072;    ///< bytes of events above which an insert prunes

@@ -1,7 +1,10 @@
 #include "EventType.h"
 
 #include <iterator>
+#include <limits>
 #include <stdexcept>
+
+#include <cstdint>
 
 namespace {
 
@@ -90,7 +93,11 @@ constexpr std::pair<long, const char*> kEventTypes[] = {
 /// The number at the start of `text`; 0 when there is none or it is out of range.
 long readNumber(const char* text) {
     try {
-        return std::stol(text);
+        const long number = std::stol(text);
+        // Numbers are those of the set, whose long has 32 bits, on every host.
+        const bool fits = number >= std::numeric_limits<std::int32_t>::min() &&
+                          number <= std::numeric_limits<std::int32_t>::max();
+        return fits ? number : 0;
     } catch (const std::invalid_argument&) {
         return 0;
     } catch (const std::out_of_range&) {

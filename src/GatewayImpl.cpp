@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -36,9 +37,14 @@ namespace {
 constexpr char kTag[] = "kivGateway:";
 constexpr std::size_t kMaxBatch = 256;
 constexpr useconds_t kIdleMicroseconds = 200000;
+constexpr useconds_t kBusyMicroseconds = 20000;
+constexpr useconds_t kCrowdedMicroseconds = 500;
+constexpr std::size_t kMostArrivals = 512;  // events that may wait for the queue's lock
+constexpr std::size_t kMostWaiting = 1024;  // events in memory; beyond that the senders wait
 constexpr std::chrono::seconds kInitPatience(2);
 
 std::atomic<bool> verboseFlag{false};
+thread_local bool isReceivingThread = false;
 
 std::string errorText(int error) {
     return std::strerror(error);
@@ -122,8 +128,33 @@ std::size_t messageSize(mqd_t queue) {
     return static_cast<std::size_t>(attributes.mq_msgsize);
 }
 
-/// The only place where the receiving thread can be cancelled: waiting for a message, or out a
-/// receive error.
+/// The threads can be cancelled here, and in `mq_receive`, and nowhere else.
+void cancellableSleep(useconds_t microseconds) {
+    allowCancellation(true);
+    ::usleep(microseconds);
+    allowCancellation(false);
+}
+
+std::size_t waitingEvents() {
+    std::unique_lock<std::mutex> lock(GatewayImpl::m_QueueMutex);
+    return GatewayImpl::m_Queue.size();
+}
+
+/// While events pour in, gives the next full batch a moment to gather: one sync pays for it.
+void gatherBatch() {
+    useconds_t slept = 0;
+    for (useconds_t nap = 50; slept < kBusyMicroseconds; slept += nap, nap *= 2) {
+        if (waitingEvents() >= kMaxBatch) return;
+        cancellableSleep(nap);
+    }
+}
+
+/// A message that waits already; below 1 when there is none.
+ssize_t receiveWaiting(mqd_t queue, std::vector<char>& buffer) {
+    constexpr timespec atOnce{};
+    return ::mq_timedreceive(queue, buffer.data(), buffer.size() - 1, nullptr, &atOnce);
+}
+
 ssize_t receiveOne(mqd_t queue, std::vector<char>& buffer) {
     allowCancellation(true);
     const ssize_t size = ::mq_receive(queue, buffer.data(), buffer.size() - 1, nullptr);
@@ -131,9 +162,7 @@ ssize_t receiveOne(mqd_t queue, std::vector<char>& buffer) {
     allowCancellation(false);
     if (size >= 0 || error == EINTR) return size;
     cerrdbg << kTag << "mq_receive failed : " << errorText(error) << std::endl;
-    allowCancellation(true);
-    ::usleep(kIdleMicroseconds);
-    allowCancellation(false);
+    cancellableSleep(kIdleMicroseconds);
     return size;
 }
 
@@ -205,6 +234,7 @@ void GatewayImpl::Init(std::string dbPath) {
 
 void* GatewayImpl::receiveEntry(void* gateway) {
     allowCancellation(false);
+    isReceivingThread = true;
     ::pthread_setname_np(::pthread_self(), "GatewayThread");
     const bool served = static_cast<GatewayImpl*>(gateway)->receive();
     return served ? nullptr : reinterpret_cast<void*>(1);
@@ -226,12 +256,40 @@ bool GatewayImpl::receive() {
     if (limit == 0) return false;
     std::vector<char> buffer(limit + 1);
     for (bool first = true;;) {
-        const ssize_t size = receiveOne(queue.descriptor(), buffer);
+        const ssize_t size = receiveNext(queue.descriptor(), buffer);
         if (size < 1) continue;
         buffer[static_cast<std::size_t>(size)] = '\0';
         if (first) waitForInit();
         first = false;
         Log(buffer.data());
+        waitWhileCrowded();
+    }
+}
+
+/// Waits for a message, but not with events in hand that the storing thread has not got.
+ssize_t GatewayImpl::receiveNext(mqd_t queue, std::vector<char>& buffer) {
+    if (!m_arrivals.empty()) {
+        const ssize_t size = receiveWaiting(queue, buffer);
+        if (size >= 1) return size;
+        std::unique_lock<std::mutex> lock(m_QueueMutex);
+        handOverArrivals();
+    }
+    return receiveOne(queue, buffer);
+}
+
+/// With m_QueueMutex held, on the receiving thread.
+void GatewayImpl::handOverArrivals() {
+    std::move(m_arrivals.begin(), m_arrivals.end(), std::back_inserter(m_Queue));
+    m_arrivals.clear();
+    m_crowded = m_Queue.size() >= kMostWaiting;
+}
+
+/// Holds the receiving thread back while the storing thread is far behind: the senders wait, and
+/// the events in memory stay few.
+void GatewayImpl::waitWhileCrowded() {
+    while (m_crowded) {
+        cancellableSleep(kCrowdedMicroseconds);
+        m_crowded = waitingEvents() >= kMostWaiting;
     }
 }
 
@@ -336,8 +394,23 @@ void GatewayImpl::completeAndQueue(JsonObject event, const std::string& typeText
         std::printf("%s message stored in queue: %s\n", kTag, event.getStringRep().c_str());
     }
     // The handle goes in last, moved: jansson's counts must not be touched by two threads.
+    if (isReceivingThread) {
+        queueArrival(std::move(event));
+        return;
+    }
     std::unique_lock<std::mutex> lock(m_QueueMutex);
     m_Queue.push_back(std::move(event));
+}
+
+/// Takes up to a batch more while the storing thread holds the lock for the one that it writes.
+void GatewayImpl::queueArrival(JsonObject event) {
+    m_arrivals.push_back(std::move(event));
+    std::unique_lock<std::mutex> lock(m_QueueMutex, std::try_to_lock);
+    if (!lock.owns_lock()) {
+        if (m_arrivals.size() < kMostArrivals) return;
+        lock.lock();
+    }
+    handOverArrivals();
 }
 
 void GatewayImpl::postSemaphore(const std::string& name) {
@@ -355,29 +428,37 @@ void GatewayImpl::store() {
     const DiscardWaitingEvents discard;
     const ExitTrace trace("Gateway logging thread exited");
     for (;;) {
+        std::size_t stored = 0;
         try {
-            if (storeBatch()) continue;
+            stored = storeWaitingEvents();
         } catch (const std::exception& error) {  // cancellation is off: no unwinding passes here
             cerrdbg << kTag << "Events could not be stored: " << error.what() << std::endl;
         }
-        allowCancellation(true);
-        ::usleep(kIdleMicroseconds);
-        allowCancellation(false);
+        if (stored >= kMaxBatch)
+            gatherBatch();
+        else
+            cancellableSleep(kIdleMicroseconds);
     }
 }
 
-bool GatewayImpl::storeBatch() {
-    long totalSize = 0;
-    {
-        std::unique_lock<std::mutex> lock(m_QueueMutex);
-        if (m_Queue.empty()) return false;
-        totalSize = storeFromFront();
+/// Behind a full batch, fewer than that are left for `gatherBatch` to make more of.
+std::size_t GatewayImpl::storeWaitingEvents() {
+    std::size_t stored = 0;
+    for (bool more = true; more;) {
+        long totalSize = 0;
+        {
+            std::unique_lock<std::mutex> lock(m_QueueMutex);
+            if (m_Queue.empty()) return stored;
+            const std::size_t taken = storeFromFront(totalSize);
+            stored += taken;
+            more = taken != 0 && m_Queue.size() >= kMaxBatch;
+        }
+        if (Config()->MinimumSizeReached(totalSize)) m_upload->ScheduleEventsUpload();
     }
-    if (Config()->MinimumSizeReached(totalSize)) m_upload->ScheduleEventsUpload();
-    return true;
+    return stored;
 }
 
-long GatewayImpl::storeFromFront() {
+std::size_t GatewayImpl::storeFromFront(long& totalSize) {
     std::vector<DB::NewEvent> batch;
     batch.reserve(std::min(m_Queue.size(), kMaxBatch));
     for (const JsonObject& event : m_Queue) {
@@ -385,13 +466,13 @@ long GatewayImpl::storeFromFront() {
         batch.push_back(toRow(event));
     }
     std::size_t taken = 0;
-    const long totalSize = m_db->addEvents(batch, taken);
-    for (std::size_t i = 0; i < taken && !m_Queue.empty(); ++i) {
+    totalSize = m_db->addEvents(batch, taken);
+    for (std::size_t i = 0; i < taken; ++i) {
         if (verboseFlag)
             std::printf("%s message read from queue: %s\n", kTag, batch[i].data.c_str());
         m_Queue.pop_front();
     }
-    return totalSize;
+    return taken;
 }
 
 std::unique_ptr<TimeReference> GatewayImpl::latestEvent() {

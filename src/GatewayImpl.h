@@ -2,11 +2,14 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
+#include <mqueue.h>
 #include <pthread.h>
 
 #include "DB.h"
@@ -21,8 +24,8 @@
 ///
 /// Reached through `Singleton<GatewayImpl>`. Two threads: "GatewayThread" receives and calls
 /// `Log`, "GatewayLogThread" stores. Both use the instance they were started by. They can be
-/// cancelled only in `mq_receive` and in the idle sleep. Lock order: m_QueueMutex, then
-/// `DB::m_PruneLock`.
+/// cancelled only where they wait: in `mq_receive` and in their sleeps. Lock order: m_QueueMutex,
+/// then `DB::m_PruneLock`.
 class GatewayImpl {
   public:
     GatewayImpl();
@@ -52,23 +55,29 @@ class GatewayImpl {
     static void* receiveEntry(void* gateway);
     static void* storeEntry(void* gateway);
     bool receive();  ///< false when the queue cannot be served; otherwise ends by cancellation
+    ssize_t receiveNext(mqd_t queue, std::vector<char>& buffer);
+    void queueArrival(JsonObject event);
+    void handOverArrivals();
+    void waitWhileCrowded();
     void waitForInit();
     void store();
-    bool storeBatch();      ///< whether there was anything to store
-    long storeFromFront();  ///< with m_QueueMutex held; the store's total size, bytes
+    std::size_t storeWaitingEvents();             ///< a batch, and further full ones
+    std::size_t storeFromFront(long& totalSize);  ///< one batch, with m_QueueMutex held; how many
     std::string handleMessage(const std::string& message);  ///< the semaphore to post, or ""
     void handleEvent(JsonObject event);
     bool takeAnnouncedFile(JsonObject& event);  ///< whether the event travels as a file's facts
     void registerFile(JsonObject& event, const std::string& url, const JsonObject& info);
-    static void completeAndQueue(JsonObject event, const std::string& typeText);
+    void completeAndQueue(JsonObject event, const std::string& typeText);
     static void postSemaphore(const std::string& name);
 
     Singleton<UploadImpl> m_upload;
     std::atomic<bool> m_initialized{false};
     std::unique_ptr<EventFilter> m_eventFilter;
     std::unique_ptr<EventFilter> m_fileFilter;
-    std::mutex m_logMutex;   ///< one message at a time in the filters
-    std::mutex m_initMutex;  ///< guards the wait for Init
+    std::vector<JsonObject> m_arrivals;  ///< of the receiving thread, completed, not in m_Queue yet
+    bool m_crowded = false;              ///< too many wait in m_Queue; used on the receiving thread
+    std::mutex m_logMutex;               ///< one message at a time in the filters
+    std::mutex m_initMutex;              ///< guards the wait for Init
     std::condition_variable m_initDone;
     pthread_t m_receiver{};
     pthread_t m_storer{};

@@ -234,7 +234,7 @@ bool NetworkHelper::performWithResolvedAddress(Request& request) {
     const std::string domain = StringExtractBetween(request.url, "//", "/");
     if (verbose) coutdbg << kTag << "Trying to resolve DOMAIN " << domain << std::endl;
     const std::string answer = ping(domain);
-    if (verbose) coutdbg << kTag << "Ping got answer: " << answer << std::endl;
+    if (verbose) std::printf("%sPing got answer: %s\n", kTag, answer.c_str());
     const std::string ip = StringExtractBetween(answer, "(", ")");
     if (verbose) coutdbg << kTag << "IP is : " << ip << std::endl;
     if (ip.empty()) {
@@ -284,9 +284,9 @@ bool NetworkHelper::IsNetworkAvailable(bool force) {
     const std::lock_guard<std::mutex> lock(m_NetworkStatusLock);
     // Both are the low 32 bits of the clock: the distance is right across their overflow.
     const auto now = static_cast<std::uint32_t>(KernelTime::getTimeMonotonicAsInt64());
-    const auto sinceLastPoll =
-        static_cast<std::int32_t>(now - static_cast<std::uint32_t>(m_TimeAtLastNetworkPoll));
-    if (!force && m_TimeAtLastNetworkPoll != 0 && m_pollIntervalMs >= sinceLastPoll) {
+    const std::uint32_t sinceLastPoll = now - static_cast<std::uint32_t>(m_TimeAtLastNetworkPoll);
+    if (!force && m_TimeAtLastNetworkPoll != 0 &&
+        static_cast<std::uint32_t>(m_pollIntervalMs) >= sinceLastPoll) {
         if (GetVerbose()) coutdbg << kTag << "No ping needed" << std::endl;
         return m_NetworkAvailable;
     }

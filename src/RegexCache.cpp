@@ -11,7 +11,7 @@
 
 namespace {
 
-const char* const kTag = "RegexCache: ";
+const char* const kTag = "JsonFilterRule: ";  // patterns are those of its rules
 
 constexpr std::size_t kMaxPatternLength = 1024;
 constexpr std::size_t kMaxBacktrackedLength = 512;

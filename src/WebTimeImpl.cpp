@@ -41,7 +41,8 @@ void WebTimeImpl::takeTimeFromServer() {
     }
     const Credentials credentials;
     NetworkHelper request;
-    if (!request.UrlRequest(credentials.getWebTimeUrl(), false, credentials.getLambdaKey())) {
+    const std::string url = credentials.getWebTimeUrl();
+    if (!request.UrlRequest(url, false, credentials.getLambdaKey())) {
         cerrdbg << kLogPrefix << "Time could not be retrieved from server" << std::endl;
     } else if (request.date.empty()) {
         cerrdbg << kLogPrefix << "No time received" << std::endl;

@@ -398,7 +398,7 @@ TEST_F(JsonFilterRuleTest, DoesNotMatchAPatternThatIsTooLong) {
     const std::string pattern(1025, 'a');
     const std::string errors = errorsOf(R"({"x":{"$regex":")" + pattern + R"("}})",
                                         R"({"x":")" + pattern + R"("})", false);
-    EXPECT_EQ(errors, "RegexCache: Pattern of 1025 characters is too long (limit 1024): " +
+    EXPECT_EQ(errors, "JsonFilterRule: Pattern of 1025 characters is too long (limit 1024): " +
                           std::string(64, 'a') + "...\n");
 }
 

@@ -84,7 +84,7 @@ TEST_F(RegexCacheTest, RefusesTextsAbove512CharactersForBackReferences) {
     EXPECT_FALSE(RegexCache::matches("(a)\\1*", std::string(513, 'a')));
     capture.stop();
     EXPECT_EQ(capture.errWithoutPrefixes(),
-              "RegexCache: Text of 513 characters is too long (limit 512) for a pattern with "
+              "JsonFilterRule: Text of 513 characters is too long (limit 512) for a pattern with "
               "back-references: (a)\\1*\n");
 }
 
@@ -94,7 +94,7 @@ TEST_F(RegexCacheTest, RefusesPatternsAbove1024Characters) {
     EXPECT_FALSE(RegexCache::matches(std::string(1025, 'a'), std::string(1025, 'a')));
     capture.stop();
     EXPECT_EQ(capture.errWithoutPrefixes(),
-              "RegexCache: Pattern of 1025 characters is too long (limit 1024): " +
+              "JsonFilterRule: Pattern of 1025 characters is too long (limit 1024): " +
                   std::string(64, 'a') + "...\n");
     EXPECT_FALSE(RegexCachePeer::holds(std::string(1025, 'a')));
 }

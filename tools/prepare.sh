@@ -8,7 +8,7 @@ kiv_packages=(
     python3 python3-botocore python3-cryptography
     iputils-ping iproute2 util-linux procps
 )
-kiv_test_packages=(libgtest-dev libgmock-dev clang-format groff-base)
+kiv_test_packages=(libgtest-dev libgmock-dev clang-format groff-base iso-codes tzdata)
 
 # install_missing PACKAGE...: asks apt only when something is missing.
 install_missing() {

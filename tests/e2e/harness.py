@@ -3,7 +3,10 @@
 Programs come from the build folder in $KIV_BUILD. Everything else is in a directory of the test's
 own; the system-wide names (queue, pipe, ports) are private to the test where isolate.sh works.
 """
+import calendar
+import contextlib
 import ctypes
+import errno
 import json
 import os
 import pathlib
@@ -12,17 +15,24 @@ import shutil
 import signal
 import sqlite3
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 import urllib.request
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+sys.path.insert(0, str(ROOT / "localcloud"))
+
+from configuration import Gateway, Services  # noqa: E402 (of the local cloud)
+from scenario import Scenario, merged  # noqa: E402
+
 BUILD = pathlib.Path(os.environ["KIV_BUILD"]).resolve()
 STREAM = "kiv-eventsrc-stream-test"
 QUEUE = "/kiv_queue"
 PIPE = "/tmp/MTKTimePipe"
 DEVICE = "TV-E2E-1"
+MAC = "02:00:5e:10:00:01"
 PREFIX = re.compile(r"\[\d+\]\(\d+,\d+\) ")
 LIMIT_S = 30
 RT = ctypes.CDLL("librt.so.1", use_errno=True)
@@ -50,6 +60,32 @@ def without_prefix(line):
     return PREFIX.sub("", line)
 
 
+def kernel_ms():
+    """The monotonic clock that dates events, milliseconds."""
+    return time.clock_gettime_ns(time.CLOCK_MONOTONIC) // 1000000
+
+
+def utc_text(utc_ms):
+    """UTC milliseconds as records show them."""
+    seconds = time.strftime("%Y-%m-%dT%H:%M:%S", time.gmtime(utc_ms // 1000))
+    return f"{seconds}.{utc_ms % 1000:03d}Z"
+
+
+def utc_ms(text):
+    """The reverse of utc_text."""
+    seconds = time.strptime(text[:19], "%Y-%m-%dT%H:%M:%S")
+    return calendar.timegm(seconds) * 1000 + int(text[20:23])
+
+
+def forget_system_wide_names():
+    """Takes away the queue and the pipe that a killed daemon leaves behind."""
+    RT.mq_unlink(QUEUE.encode())
+    try:
+        os.unlink(PIPE)
+    except FileNotFoundError:
+        pass
+
+
 class Cloud:
     """The local cloud; `control` tells it to misbehave (localcloud/README.md)."""
 
@@ -75,6 +111,12 @@ class Cloud:
         request = urllib.request.Request(self._control, data=json.dumps(document).encode())
         with urllib.request.urlopen(request, timeout=10) as answer:
             return json.load(answer)
+
+    def misbehave(self, **actions):
+        """target=None behaves again, target="reset" or target={"action": ...} does not."""
+        told = {target: {"action": action} if isinstance(action, str) else action
+                for target, action in actions.items()}
+        self.control({"misbehave": told})
 
     def requests(self, target=None, verdict=None):
         path = self.state / "requests.jsonl"
@@ -146,16 +188,38 @@ class Device:
         (self.folder / "current_tou.txt").write_text(text)
 
     def config(self):
+        """The persistent configuration; {} when there is none that can be read."""
         try:
             return json.loads((self.folder / "Config").read_text())
         except (OSError, ValueError):
             return {}
+
+    def write_config(self, age_s=0, **changes):
+        """A persistent configuration as if fetched `age_s` seconds ago, merged with changes."""
+        services = Services(ROOT / "services/local.json")
+        gateway = Gateway(services, Scenario())
+        gateway.endpoint = f"https://localhost:{services.https_port}"
+        document = gateway.config_document(services.environments["prod"])
+        fetched = int(time.time()) - age_s
+        document["Last-Modified"] = time.strftime("%a, %d %b %Y %H:%M:%S GMT",
+                                                  time.gmtime(fetched))
+        document["UTC-Time"] = fetched
+        (self.folder / "Config").write_text(json.dumps(merged(document, changes)))
+
+    def change_config(self, **changes):
+        """Merges changes into the persistent configuration; only while the daemon is not running."""
+        (self.folder / "Config").write_text(json.dumps(merged(self.config(), changes)))
+
+    def db_token(self):
+        return json.loads((self.folder / "dbuuid.json").read_text())["db-uuid"]
 
     # --- the daemon ---
 
     def start(self, *options, ready=True):
         """Starts kivApp; with `ready` waits until it takes messages."""
         self.runs += 1
+        if self.runs == 1:
+            forget_system_wide_names()
         self.out_path = self.folder / f"out.{self.runs}"
         self.err_path = self.folder / f"err.{self.runs}"
         with open(self.out_path, "w") as out, open(self.err_path, "w") as err:
@@ -187,6 +251,41 @@ class Device:
             self.process.send_signal(how)
             self.process.wait()
 
+    def kill(self):
+        """As a power cut ends the daemon: nothing of it can put anything in order."""
+        self.stop(signal.SIGKILL)
+
+    def run(self, *arguments):
+        """Runs kivApp with these arguments alone until it ends; for options that end it."""
+        return subprocess.run([*self.launcher, str(BUILD / "kivApp"), *arguments],
+                              cwd=self.folder, env=self.environment, capture_output=True,
+                              text=True, timeout=LIMIT_S)
+
+    def tasks(self):
+        """How many threads the daemon has."""
+        return len(os.listdir(f"/proc/{self.process.pid}/task"))
+
+    def descriptors(self):
+        """What the daemon holds open, sorted."""
+        folder = pathlib.Path(f"/proc/{self.process.pid}/fd")
+        found = []
+        for entry in folder.iterdir():
+            try:
+                found.append(os.readlink(entry))
+            except FileNotFoundError:
+                continue
+        return sorted(found)
+
+    def children(self):
+        """Process ids of the daemon's children, dead ones that nobody waited for included."""
+        found = []
+        for task in pathlib.Path(f"/proc/{self.process.pid}/task").iterdir():
+            try:
+                found += (task / "children").read_text().split()
+            except FileNotFoundError:
+                continue
+        return found
+
     def out(self):
         return self.out_path.read_text(errors="replace")
 
@@ -199,6 +298,19 @@ class Device:
     def err_lines(self):
         return [without_prefix(line) for line in self.err().splitlines()]
 
+    def wait_for_error(self, text, count=1, limit_s=LIMIT_S):
+        """Waits until `count` lines on standard error begin with the text (without prefix)."""
+        wait_until(lambda: self.alive() and self.errors_beginning(text) >= count,
+                   f"{count} times on standard error: {text}", limit_s)
+
+    def errors_beginning(self, text):
+        return sum(line.startswith(text) for line in self.err_lines())
+
+    def wait_for_output(self, text, count=1, limit_s=LIMIT_S):
+        """Waits until `count` lines on standard output contain the text."""
+        wait_until(lambda: self.alive() and self.out().count(text) >= count,
+                   f"{count} times on standard output: {text}", limit_s)
+
     def wait_for_config(self, **members):
         """Waits until the server's configuration with these members is on file."""
         members = members or {"kiv_tou": True}
@@ -209,12 +321,35 @@ class Device:
     # --- store and queue ---
 
     def query(self, sql, *arguments):
-        with sqlite3.connect(f"file:{self.database}?mode=ro", uri=True, timeout=5) as store:
+        """Rows of the last committed state. Takes no lock, so that it never disturbs the daemon."""
+        with contextlib.closing(sqlite3.connect(":memory:")) as store:
+            store.deserialize(wait_until(self._committed_database, "a database at rest"))
             return store.execute(sql, arguments).fetchall()
+
+    def _committed_database(self):
+        """The database's bytes; None while a transaction is being written."""
+        if not self.database.exists():
+            raise AssertionError("no database")
+        journal = self.folder / "Db-journal"
+        if self.process and self.process.poll() is not None and journal.exists():
+            with contextlib.closing(sqlite3.connect(self.database)) as store:
+                store.execute("SELECT COUNT(*) FROM sqlite_master").fetchall()  # rolls it back
+        before = None if journal.exists() else self.database.read_bytes()
+        after = None if journal.exists() else self.database.read_bytes()
+        return before if before and before == after else None
+
+    def integrity(self):
+        return self.query("PRAGMA integrity_check")[0][0]
 
     def stored_events(self):
         rows = self.query("SELECT data FROM Events ORDER BY bootCount,standbyCount,kernelTime")
         return [json.loads(row[0]) for row in rows]
+
+    def wait_for_stored(self, count):
+        """Waits until so many events are in the store and returns them."""
+        wait_until(lambda: self.alive() and len(self.stored_events()) == count,
+                   f"{count} stored events")
+        return self.stored_events()
 
     def wait_for_empty_store(self):
         wait_until(lambda: self.alive() and not self.stored_events(), "an empty store")
@@ -225,23 +360,32 @@ class Device:
                    event_type]
         if data is not None:
             command.append(json.dumps(data))
-        subprocess.run(command, check=True)
+        subprocess.run(command, check=True, timeout=LIMIT_S)
 
     def send_lines(self, events, *options):
         """Posts whole events, one a line."""
         text = "".join(json.dumps(event) + "\n" for event in events)
-        subprocess.run([str(BUILD / "tools/kivsend"), *options], input=text, text=True, check=True)
+        subprocess.run([str(BUILD / "tools/kivsend"), *options], input=text, text=True, check=True,
+                       timeout=2 * LIMIT_S)
 
-    def post_raw(self, message):
-        """Puts any bytes on the queue."""
-        queue = RT.mq_open(QUEUE.encode(), os.O_WRONLY)
+    @staticmethod
+    def post_now(message):
+        """Puts any bytes on the queue. Returns False when it is full."""
+        queue = RT.mq_open(QUEUE.encode(), os.O_WRONLY | os.O_NONBLOCK)
         if queue < 0:
             raise OSError(ctypes.get_errno(), "mq_open")
         try:
-            if RT.mq_send(queue, message, len(message), 0) != 0:
-                raise OSError(ctypes.get_errno(), "mq_send")
+            if RT.mq_send(queue, message, len(message), 0) == 0:
+                return True
+            if ctypes.get_errno() == errno.EAGAIN:
+                return False
+            raise OSError(ctypes.get_errno(), "mq_send")
         finally:
             RT.mq_close(queue)
+
+    def post_raw(self, message):
+        """Puts any bytes on the queue, waits while it is full."""
+        wait_until(lambda: self.post_now(message), "room on the queue")
 
 
 class WholeProgramTest(unittest.TestCase):
@@ -251,17 +395,22 @@ class WholeProgramTest(unittest.TestCase):
     #: merged into the configuration of every device before the daemon starts
     configuration = {"upload_events": {"min-size": 100, "max-delay": 3500, "max-size": 131072}}
 
+    #: more that the cloud is told before the daemon starts
+    scenario = {}
+
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="kive2e."))
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
-        self.cloud = Cloud(self.folder / "cloud", {"config": {"*": self.configuration}})
+        self.cloud = Cloud(self.folder / "cloud", {"config": {"*": self.configuration},
+                                                   **self.scenario})
         self.addCleanup(self.cloud.stop)
         self.device = Device(self.folder / "device", self.cloud)
         self.addCleanup(self.device.stop)
+        self.use_command("ifconfig", f'echo "eth0      Link encap:Ethernet  HWaddr {MAC}  "\n')
 
     def tearDown(self):
-        outcome = getattr(self, "_outcome", None)
-        failed = outcome and any(error for _, error in getattr(outcome, "errors", []) if error)
+        result = self._outcome.result
+        failed = any(test is self for test, _ in result.failures + result.errors)
         if failed and self.device.runs:
             print(f"--- {self.id()}: standard output\n{self.device.out()[-6000:]}"
                   f"\n--- standard error\n{self.device.err()[-6000:]}")
@@ -270,15 +419,28 @@ class WholeProgramTest(unittest.TestCase):
         self.device.start(*options)
         self.device.wait_for_config()
 
+    def restart(self, boot, standby, *options):
+        """Ends the daemon, should it run, and starts it in another cycle."""
+        self.device.stop()
+        self.device.write_boot(boot, standby)
+        self.device.start(*options)
+
     def wait_for_events(self, count, event_type=None):
         wait_until(lambda: self.device.alive() and len(self.cloud.events(event_type)) >= count,
                    f"{count} events in the cloud")
         return self.cloud.events(event_type)
 
-    def use_ping(self, script):
-        """Puts a `ping` of the test's own first in the daemon's PATH."""
+    def use_command(self, name, script):
+        """Puts a `ping` or `ifconfig` of the test's own first in the daemon's PATH."""
         folder = self.folder / "bin"
         folder.mkdir(exist_ok=True)
-        (folder / "ping").write_text("#!/bin/sh\n" + script)
-        (folder / "ping").chmod(0o755)
+        (folder / name).write_text("#!/bin/sh\n" + script)
+        (folder / name).chmod(0o755)
         self.device.environment["PATH"] = f"{folder}:{os.environ['PATH']}"
+
+    def hold_network(self):
+        """The daemon finds no end of its first ping until the returned function is called."""
+        gate = self.folder / "network"
+        self.use_command("ping", f'while [ ! -e {gate} ]; do sleep 0.05; done\n'
+                                 'echo "PING localhost (127.0.0.1)"\n')
+        return gate.touch

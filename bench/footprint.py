@@ -1,0 +1,175 @@
+#!/usr/bin/python3
+"""Measures what kivApp takes of a set: flash, memory, wake-ups, time to start. Fails on a figure
+above its limit.
+
+    bench/footprint.py            # builds, measures and prints the table
+    bench/footprint.py --write    # and puts it into bench/README.md
+
+The size is that of the stripped ARM daemon, which ./build-arm makes; the rest is of the native
+build on this machine, as an emulator would be measured with an emulated daemon.
+"""
+import os
+import pathlib
+import platform
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+ARM_DAEMON = ROOT / "build/arm/stripped/sbin/kivApp"
+BURSTS = 100
+EVENTS_IN_BURST = 1000
+IDLE_S = 10
+REST_S = 6  # a set at rest for 5 s gives back what it need not keep
+STARTS = 9
+BEGIN, END = "<!-- footprint -->\n", "<!-- end of footprint -->"
+
+if "KIV_BUILD" not in os.environ:  # builds, and starts again where ports and queue are its own
+    build = ROOT / "build/bench"
+    script = f"""set -euo pipefail
+root={ROOT}; cd "$root"; . tools/prepare.sh
+install_missing "${{kiv_packages[@]}}"
+mkdir -p build
+build build/bench all -DCMAKE_BUILD_TYPE=Release -DKIV_TESTS=OFF -DKIV_BENCH=ON | tail -n 1"""
+    subprocess.run(["bash", "-c", script], check=True)
+    os.environ["KIV_BUILD"] = str(build)
+    os.execv(ROOT / "tests/e2e/isolate.sh",
+             ["isolate.sh", str(ROOT), "/usr/bin/python3", str(pathlib.Path(__file__).resolve()),
+              *sys.argv[1:]])
+
+sys.path[:0] = [str(ROOT / "tests/e2e"), str(ROOT / "bench")]
+import harness  # noqa: E402
+
+DATA = harness.BUILD / "footprint"  # on the disk of the build folder: /tmp may be memory
+
+
+class Set:
+    """A native daemon with consent that uploads when 16384 bytes wait."""
+
+    def __init__(self, name):
+        folder = DATA / name
+        shutil.rmtree(folder, ignore_errors=True)
+        upload = {"min-size": 16384, "max-delay": 3500, "max-size": 131072}
+        self.cloud = harness.Cloud(folder / "cloud", {"config": {"*": {"upload_events": upload}}})
+        self.device = harness.Device(folder / "device", self.cloud)
+        self.device.start("-s")
+        self.device.wait_for_config()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.device.stop()
+        self.cloud.stop()
+
+    def proc(self, name):
+        return pathlib.Path(f"/proc/{self.device.process.pid}/{name}")
+
+    def private_kib(self):
+        """Memory that is this process's alone and that the kernel cannot take back. Clean pages of
+        libraries are not in it: they count as private whenever nobody else uses the library."""
+        for line in self.proc("smaps_rollup").read_text().splitlines():
+            if line.startswith("Private_Dirty:"):
+                return int(line.split()[1])
+        raise AssertionError("no Private_Dirty in smaps_rollup")
+
+    def wake_ups(self):
+        """How often any thread has waited and gone on, so far."""
+        count = 0
+        for task in self.proc("task").iterdir():
+            for line in (task / "status").read_text().splitlines():
+                if line.startswith("voluntary_ctxt_switches"):
+                    count += int(line.split()[1])
+        return count
+
+    def uploads(self):
+        return len(list((self.cloud.state / "records" / harness.STREAM).glob("[0-9]*.json")))
+
+    def burst(self):
+        """Posts so many events that an upload follows, and waits for it."""
+        before = self.uploads()
+        subprocess.run([harness.BUILD / "bench/flood", harness.QUEUE, str(EVENTS_IN_BURST)],
+                       check=True)
+        harness.wait_until(lambda: self.device.alive() and self.uploads() > before, "an upload")
+
+
+def memory_and_wake_ups():
+    """(KiB after start, KiB after the bursts, uploads, wake-ups a second when idle)"""
+    with Set("memory") as tv:
+        tv.device.send("usage.epg")
+        time.sleep(REST_S)
+        start = tv.private_kib()
+        before = tv.wake_ups()
+        time.sleep(IDLE_S)
+        idle = (tv.wake_ups() - before) / IDLE_S
+        for _ in range(BURSTS):
+            tv.burst()
+        time.sleep(REST_S)
+        return start, tv.private_kib(), tv.uploads(), idle
+
+
+def start_to_ready():
+    """Milliseconds from exec until the first message was handled; the median."""
+    times = []
+    with Set("start") as tv:
+        for _ in range(STARTS):
+            tv.device.stop(signal.SIGKILL)
+            harness.forget_system_wide_names()
+            begin = time.monotonic()
+            tv.device.start("-s", ready=False)
+            while not tv.device.queue_exists():
+                time.sleep(0.0005)
+            tv.device.send("start.probe")
+            times.append((time.monotonic() - begin) * 1000)
+    return statistics.median(times)
+
+
+class Table:
+    def __init__(self):
+        self.rows = []
+        self.missed = 0
+
+    def row(self, what, value, limit, unit, digits=0):
+        good = value <= limit
+        self.missed += not good
+        self.rows.append(f"| {what} | {value:,.{digits}f} {unit} | {limit:,} {unit} |"
+                         f" {'yes' if good else 'NO'} |\n")
+        print(self.rows[-1].strip(" |\n").replace(" | ", "; "), flush=True)
+
+    def text(self):
+        return (f"{os.cpu_count()} x {platform.machine()}, Linux {platform.release()}, "
+                f"{time.strftime('%Y-%m-%d')}\n\n"
+                "| what | measured | limit | kept |\n|---|---|---|---|\n" + "".join(self.rows))
+
+
+def measure():
+    DATA.mkdir(parents=True, exist_ok=True)
+    table = Table()
+    if ARM_DAEMON.exists():
+        table.row("stripped ARM daemon", ARM_DAEMON.stat().st_size / 1024, 900, "KiB")
+    else:
+        print("no ARM daemon: ./build-arm makes it")
+        table.missed += 1
+    start, after, uploads, idle = memory_and_wake_ups()
+    table.row("private memory after start", start, 6 * 1024, "KiB")
+    table.row(f"more after {BURSTS * EVENTS_IN_BURST:,} events and {uploads} uploads",
+              after - start, 1024, "KiB")
+    table.row("wake-ups of all threads together, idle", idle, 6, "/s", 1)
+    table.row("start to the first message handled", start_to_ready(), 150, "ms")
+    return table
+
+
+def write(table):
+    path = ROOT / "bench/README.md"
+    head, rest = path.read_text().split(BEGIN)
+    path.write_text(head + BEGIN + table.text() + END + rest.split(END)[1])
+
+
+if __name__ == "__main__":
+    measured = measure()
+    if "--write" in sys.argv:
+        write(measured)
+    sys.exit(1 if measured.missed else 0)

@@ -1,0 +1,563 @@
+#include "GatewayImpl.h"
+
+#include "Singleton.h"
+#include "UploadImpl.h"
+#include "support/GatewaySetup.h"
+#include "support/NoThreads.h"
+#include "support/OutputCapture.h"
+#include "support/SystemCallFaults.h"
+#include "support/TempDir.h"
+#include "support/UploadImplPeer.h"
+#include "support/WaitUntil.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <iostream>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <mqueue.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Messages = UploadImplPeer::Messages;
+
+/// Throws on a text written that contains `poison`, and has the gateway be silent from then on:
+/// the stream stays bad. Writes nothing.
+class PoisonedBuffer : public std::streambuf {
+  public:
+    explicit PoisonedBuffer(std::string poison) : m_poison(std::move(poison)) {}
+
+  private:
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+        if (std::string(text, static_cast<std::size_t>(size)).find(m_poison) != std::string::npos) {
+            GatewayImpl::SetVerbose(false);
+            throw std::runtime_error("poisoned");
+        }
+        return size;
+    }
+    int overflow(int character) override { return character; }
+
+    std::string m_poison;
+};
+
+/// Has `std::cout` throw at a text.
+class PoisonedOutput {
+  public:
+    explicit PoisonedOutput(const std::string& poison)
+        : m_buffer(poison), m_saved(std::cout.rdbuf(&m_buffer)) {
+        std::cerr.tie(nullptr);  // what it flushes first would throw
+        std::cout.exceptions(std::ios::badbit);
+    }
+    ~PoisonedOutput() {
+        std::cout.exceptions(std::ios::goodbit);
+        std::cout.clear();
+        std::cout.rdbuf(m_saved);
+        std::cerr.tie(&std::cout);
+    }
+    PoisonedOutput(const PoisonedOutput&) = delete;
+    PoisonedOutput& operator=(const PoisonedOutput&) = delete;
+
+  private:
+    PoisonedBuffer m_buffer;
+    std::streambuf* m_saved;
+};
+
+std::string replaced(std::string text, const std::string& pattern, const std::string& with) {
+    return std::regex_replace(text, std::regex(pattern), with);
+}
+
+bool hasThreadNamed(const std::string& name) {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (TempDir::readFile(task.path().string() + "/comm") == name + "\n") return true;
+    }
+    return false;
+}
+
+std::ptrdiff_t openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+class GatewayImplThreadsTest : public GatewaySetup {};
+
+// --- the queue ------------------------------------------------------------------------------
+
+TEST_F(GatewayImplThreadsTest, ServesTheQueueOfTheProductUnlessATestSaysOtherwise) {
+    EXPECT_STREQ(GatewayImplPeer::productQueue, "/kiv_queue");
+}
+
+TEST_F(GatewayImplThreadsTest, StoresAnEventThatWasSentToTheQueue) {
+    makeGateway();
+    const NamedSemaphore done;
+    ASSERT_TRUE(send(R"({"event-type": "usage.epg", "kernel-time": 5, "syncsem": ")" + done.name() +
+                     "\"}"));
+    ASSERT_TRUE(done.wait());
+    const auto all = stored();
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0].data, R"({"event-type": "usage.epg", "kernel-time": 5, "eventid": 6, )"
+                           R"("boot-count": 7, "standby-count": 2})");
+}
+
+TEST_F(GatewayImplThreadsTest, CreatesTheQueueWithTheDefaultsOfTheSystem) {
+    m_gateway = std::make_unique<GatewayImpl>();
+    ASSERT_TRUE(WaitUntil([this] { return Queue(m_queueName, O_WRONLY).isOpen(); }));
+    const mq_attr created = Queue(m_queueName, O_WRONLY).attributes();
+    const auto systemDefault = [](const char* name) {
+        return std::stol(TempDir::readFile(std::string("/proc/sys/fs/mqueue/") + name));
+    };
+    EXPECT_EQ(created.mq_maxmsg, systemDefault("msg_default"));
+    EXPECT_EQ(created.mq_msgsize, systemDefault("msgsize_default"));
+}
+
+TEST_F(GatewayImplThreadsTest, SaysThatItReusesAQueueAndWhatItIsLike) {
+    createQueue(3, 256);
+    GatewayImpl::SetVerbose(true);
+    OutputCapture capture;
+    m_gateway = std::make_unique<GatewayImpl>();
+    EXPECT_TRUE(WaitUntil([&] { return capture.out().find("curmsgs") != std::string::npos; }));
+    capture.stop();
+    EXPECT_EQ(capture.outWithoutPrefixes(),
+              "kivGateway:mqueue already exists, reusing it...\n"
+              "kivGateway: queue attributes are: flags:0x0  maxmsg: 3  msgsize: 256  curmsgs: 0\n");
+}
+
+TEST_F(GatewayImplThreadsTest, SaysNothingOfReuseWhereItCreatedTheQueue) {
+    GatewayImpl::SetVerbose(true);
+    OutputCapture capture;
+    m_gateway = std::make_unique<GatewayImpl>();
+    EXPECT_TRUE(WaitUntil([&] { return capture.out().find("curmsgs") != std::string::npos; }));
+    capture.stop();
+    EXPECT_EQ(capture.outWithoutPrefixes().rfind("kivGateway: queue attributes are: ", 0), 0u);
+}
+
+TEST_F(GatewayImplThreadsTest, TakesMessagesThatWaitedInTheQueueBeforeItsStart) {
+    createQueue();
+    const NamedSemaphore done;
+    ASSERT_TRUE(send(R"({"event-type": "early", "syncsem": ")" + done.name() + "\"}"));
+    makeGateway();
+    ASSERT_TRUE(done.wait());
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"early"});
+}
+
+TEST_F(GatewayImplThreadsTest, TakesMessagesInTheirOrder) {
+    makeGateway();
+    const NamedSemaphore done;
+    std::vector<std::string> expected;
+    for (int i = 0; i < 20; ++i) {
+        const std::string type = "e" + std::to_string(i);
+        ASSERT_TRUE(send(R"({"event-type": ")" + type + "\"}"));
+        expected.push_back(type);
+    }
+    ASSERT_TRUE(send(R"({"syncsem": ")" + done.name() + "\"}"));
+    ASSERT_TRUE(done.wait());
+    expected.push_back("");
+    EXPECT_EQ(storedTypes(), expected);
+}
+
+TEST_F(GatewayImplThreadsTest, TakesAMessageThatFillsTheQueuesMessageSize) {
+    createQueue(2, 256);
+    makeGateway();
+    const NamedSemaphore done;
+    std::string message = R"({"syncsem": ")" + done.name() + R"(", "event-type": "full", "pad": ")";
+    message += std::string(256 - message.size() - 2, 'x') + "\"}";
+    ASSERT_EQ(message.size(), 256u);
+    ASSERT_TRUE(send(message));
+    ASSERT_TRUE(done.wait());
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"full"});
+}
+
+TEST_F(GatewayImplThreadsTest, SkipsEmptyMessages) {
+    makeGateway();
+    const NamedSemaphore done;
+    OutputCapture capture;
+    EXPECT_TRUE(send(""));
+    EXPECT_TRUE(send(R"({"event-type": "next", "syncsem": ")" + done.name() + "\"}"));
+    EXPECT_TRUE(done.wait());
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(), "");
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"next"});
+}
+
+TEST_F(GatewayImplThreadsTest, ReadsAMessageUpToItsFirstNul) {
+    makeGateway();
+    const NamedSemaphore done;
+    std::string message = R"({"event-type": "cut", "syncsem": ")" + done.name() + "\"}";
+    message += std::string("\0 rest", 6);
+    ASSERT_TRUE(send(message));
+    ASSERT_TRUE(done.wait());
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"cut"});
+}
+
+TEST_F(GatewayImplThreadsTest, ShowsNothingOfALongerMessageInAShorterOne) {
+    makeGateway();
+    const NamedSemaphore done;
+    ASSERT_TRUE(send(R"({"event-type": "long", "pad": ")" + std::string(500, 'x') + "\"}"));
+    ASSERT_TRUE(send(R"({"event-type": "short"})"));
+    ASSERT_TRUE(send(R"({"event-type": "last", "syncsem": ")" + done.name() + "\"}"));
+    ASSERT_TRUE(done.wait());
+    EXPECT_EQ(storedTypes(), (std::vector<std::string>{"long", "short", "last"}));
+}
+
+TEST_F(GatewayImplThreadsTest, EndsOnlyTheReceivingThreadWhenTheQueueCannotBeOpened) {
+    GatewayImplPeer::setQueueName("/no/queue");
+    OutputCapture capture;
+    m_gateway = std::make_unique<GatewayImpl>();
+    EXPECT_EQ(GatewayImplPeer::joinReceiver(*m_gateway), 1);
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(), "kivGateway:mq_open failed : Permission denied\n");
+    m_gateway->Init(m_db);
+    m_gateway->Log(R"({"event-type": "kept"})");
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"kept"});
+}
+
+TEST_F(GatewayImplThreadsTest, EndsOnlyTheReceivingThreadWhenTheQueueCannotBeQueried) {
+    createQueue();
+    SystemCallFaults::getAttributesError = EBADF;
+    OutputCapture capture;
+    m_gateway = std::make_unique<GatewayImpl>();
+    EXPECT_EQ(GatewayImplPeer::joinReceiver(*m_gateway), 1);
+    capture.stop();
+    SystemCallFaults::clear();
+    EXPECT_EQ(capture.errWithoutPrefixes(), "kivGateway:mq_getattr failed : Bad file descriptor\n");
+    EXPECT_FALSE(Queue(m_queueName, O_WRONLY).isOpen()) << "the queue is left behind";
+    m_gateway->Init(m_db);
+    m_gateway->Log(R"({"event-type": "kept"})");
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"kept"});
+}
+
+TEST_F(GatewayImplThreadsTest, WaitsAndGoesOnAfterAReceiveError) {
+    createQueue();
+    SystemCallFaults::receiveError = EMSGSIZE;
+    SystemCallFaults::receiveFailures = 2;
+    OutputCapture capture;
+    makeGateway();
+    const NamedSemaphore done;
+    EXPECT_TRUE(send(R"({"event-type": "after", "syncsem": ")" + done.name() + "\"}"));
+    EXPECT_TRUE(done.wait());
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivGateway:mq_receive failed : Message too long\n"
+              "kivGateway:mq_receive failed : Message too long\n");
+    EXPECT_EQ(SystemCallFaults::longestSleep, 200000u);
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"after"});
+}
+
+TEST_F(GatewayImplThreadsTest, GoesOnSilentlyWhenReceivingIsInterrupted) {
+    createQueue();
+    SystemCallFaults::receiveError = EINTR;
+    SystemCallFaults::receiveFailures = 3;
+    OutputCapture capture;
+    makeGateway();
+    const NamedSemaphore done;
+    EXPECT_TRUE(send(R"({"event-type": "after", "syncsem": ")" + done.name() + "\"}"));
+    EXPECT_TRUE(done.wait());
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(), "");
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"after"});
+}
+
+TEST_F(GatewayImplThreadsTest, NamesTheReceivingThread) {
+    makeEarlyGateway();
+    EXPECT_TRUE(WaitUntil([] { return hasThreadNamed("GatewayThread"); }));
+}
+
+// --- storing --------------------------------------------------------------------------------
+
+TEST_F(GatewayImplThreadsTest, LooksForEventsEveryTwoHundredMilliseconds) {
+    makeGateway();
+    m_gateway->Log(R"({"event-type": "x"})");
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"x"});
+    EXPECT_EQ(SystemCallFaults::longestSleep, 200000u);
+}
+
+TEST_F(GatewayImplThreadsTest, StoresABacklogOfSeveralBatchesInOrder) {
+    makeGateway();
+    SystemCallFaults::holdSleeps = true;
+    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    std::vector<std::string> expected;
+    for (int i = 0; i < 700; ++i) {
+        expected.push_back("e" + std::to_string(i));
+        m_gateway->Log(R"({"event-type": ")" + expected.back() + R"(", "kernel-time": 1})");
+    }
+    {
+        const std::lock_guard<std::mutex> lock(GatewayImpl::m_QueueMutex);
+        EXPECT_EQ(GatewayImpl::m_Queue.size(), 700u);
+    }
+    SystemCallFaults::holdSleeps = false;
+    EXPECT_EQ(storedTypes(), expected);
+}
+
+TEST_F(GatewayImplThreadsTest, LosesOnlyTheEventWithASingleQuoteInItsType) {
+    makeGateway();
+    SystemCallFaults::holdSleeps = true;  // all in one batch
+    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    OutputCapture capture;
+    m_gateway->Log(R"({"event-type": "before"})");
+    m_gateway->Log(R"({"event-type": "it's"})");
+    m_gateway->Log(R"({"event-type": "x'); DELETE FROM Events; --"})");
+    m_gateway->Log(R"({"event-type": "x", "data": {"text": "don't"}})");
+    m_gateway->Log(R"({"event-type": "after"})");
+    SystemCallFaults::holdSleeps = false;
+    EXPECT_EQ(storedTypes(), (std::vector<std::string>{"before", "after"}));
+    capture.stop();
+    const std::string errors = capture.errWithoutPrefixes();
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 3) << errors;
+    EXPECT_EQ(errors.rfind("kivDB: SQL error (insert event): ", 0), 0u) << errors;
+}
+
+TEST_F(GatewayImplThreadsTest, StoresDoubleQuotesAndBackslashesUnaltered) {
+    const JsonObject event = storedFor(R"({"event-type": "a\"b\\c", "data": {"t": "\"\\\n"}})");
+    EXPECT_EQ(event.optString("event-type"), "a\"b\\c");
+    EXPECT_EQ(event.getObject("data").optString("t"), "\"\\\n");
+}
+
+TEST_F(GatewayImplThreadsTest, AsksForAnEventsUploadOnceTheStoreIsAboveItsMinimum) {
+    configure(R"({"kiv_tou": true, "upload_events": {"min-size": 300}})");
+    makeGateway();
+    m_gateway->Log(R"({"event-type": "small"})");
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"small"});
+    EXPECT_TRUE(askedOfUpload().empty());
+    m_gateway->Log(R"({"event-type": "large", "data": {"pad": ")" + std::string(300, 'x') + "\"}}");
+    EXPECT_TRUE(WaitUntil([this] {
+        return askedOfUpload() == Messages{{UploadImpl::UploadEvents, 0}};
+    }));
+}
+
+TEST_F(GatewayImplThreadsTest, StoresTheEventsOfSeveralThreads) {
+    makeGateway();
+    std::vector<std::thread> senders;
+    for (int s = 0; s < 4; ++s) {
+        senders.emplace_back([this, s] {
+            for (int i = 0; i < 50; ++i) {
+                m_gateway->Log(R"({"event-type": "s)" + std::to_string(s) +
+                               R"(", "data": {"number": )" + std::to_string(i) + "}}");
+            }
+        });
+    }
+    for (std::thread& sender : senders) sender.join();
+    const auto all = stored();
+    ASSERT_EQ(all.size(), 200u);
+    std::vector<int> next(4, 0);
+    for (const Row& row : all) {
+        const auto sender = static_cast<std::size_t>(row.type.at(1) - '0');
+        EXPECT_EQ(JsonObject::parse(row.data).getObject("data").optInteger("number", -1),
+                  next.at(sender)++);
+    }
+}
+
+TEST_F(GatewayImplThreadsTest, KeepsHandlingMessagesWhenTheStoreCannotBeOpened) {
+    makeEarlyGateway();
+    OutputCapture capture;
+    m_gateway->Init(m_dir.file("missing/Db"));
+    const NamedSemaphore done;
+    m_gateway->Log(R"({"event-type": "lost", "syncsem": ")" + done.name() + "\"}");
+    EXPECT_EQ(done.value(), 1);
+    EXPECT_TRUE(WaitUntil([] {
+        const std::lock_guard<std::mutex> lock(GatewayImpl::m_QueueMutex);
+        return GatewayImpl::m_Queue.empty();
+    }));
+    m_gateway->Init(m_db);
+    EXPECT_TRUE(storedTypes().empty());
+    capture.stop();
+    EXPECT_NE(capture.err(), "");
+}
+
+// --- exceptions -----------------------------------------------------------------------------
+
+TEST_F(GatewayImplThreadsTest, SurvivesAnExceptionWhileAnEventIsHandledAndWakesTheSender) {
+    makeGateway();
+    const NamedSemaphore done;
+    GatewayImpl::SetVerbose(true);
+    OutputCapture capture;
+    {
+        const PoisonedOutput poison(" will be sent");
+        EXPECT_TRUE(send(R"({"event-type": "x", "syncsem": ")" + done.name() + "\"}"));
+        EXPECT_TRUE(done.wait());
+    }
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(), "kivGateway:Event could not be handled: poisoned\n");
+    ASSERT_TRUE(send(R"({"event-type": "next", "syncsem": ")" + done.name() + "\"}"));
+    ASSERT_TRUE(done.wait());
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"next"});
+}
+
+TEST_F(GatewayImplThreadsTest, SurvivesAnExceptionWhileAMessageIsRead) {
+    makeGateway();
+    const NamedSemaphore done;
+    GatewayImpl::SetVerbose(true);
+    OutputCapture capture;
+    {
+        const PoisonedOutput poison(" message received: ");
+        EXPECT_TRUE(send(R"({"event-type": "x"})"));
+        EXPECT_TRUE(send(R"({"event-type": "next", "syncsem": ")" + done.name() + "\"}"));
+        EXPECT_TRUE(done.wait());
+    }
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(), "kivGateway:Message could not be handled: poisoned\n");
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"next"});
+}
+
+// --- the end --------------------------------------------------------------------------------
+
+TEST_F(GatewayImplThreadsTest, ClosesAndUnlinksTheQueueAtItsEnd) {
+    createQueue();
+    const auto before = openDescriptors();
+    m_gateway = std::make_unique<GatewayImpl>();
+    ASSERT_TRUE(WaitUntil([&] { return openDescriptors() > before; }));
+    m_gateway.reset();
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_FALSE(Queue(m_queueName, O_WRONLY).isOpen());
+}
+
+TEST_F(GatewayImplThreadsTest, TellsOfItsEndWhenVerbose) {
+    createQueue();
+    GatewayImpl::SetVerbose(true);
+    OutputCapture started;
+    m_gateway = std::make_unique<GatewayImpl>();
+    EXPECT_TRUE(WaitUntil([&] { return started.out().find("curmsgs") != std::string::npos; }));
+    started.stop();
+    OutputCapture capture;
+    m_gateway.reset();
+    capture.stop();
+    EXPECT_EQ(replaced(capture.outWithoutPrefixes(), "Close mqueue [0-9]+", "Close mqueue N"),
+              "kivGateway:Gateway thread exited\n"
+              "kivGateway:Unlink mqueue " +
+                  m_queueName +
+                  "\n"
+                  "kivGateway:Close mqueue N\n"
+                  "kivGateway:Gateway logging thread exited\n");
+    EXPECT_EQ(capture.err(), "");
+}
+
+TEST_F(GatewayImplThreadsTest, SaysWhenTheQueueCannotBeUnlinked) {
+    createQueue();
+    const auto before = openDescriptors();
+    m_gateway = std::make_unique<GatewayImpl>();
+    ASSERT_TRUE(WaitUntil([&] { return openDescriptors() > before; }));
+    ASSERT_EQ(::mq_unlink(m_queueName.c_str()), 0);
+    OutputCapture capture;
+    m_gateway.reset();
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivGateway:mq_unlink failed : No such file or directory\n");
+}
+
+TEST_F(GatewayImplThreadsTest, SaysWhenTheQueueCannotBeClosed) {
+    createQueue();
+    const auto before = openDescriptors();
+    m_gateway = std::make_unique<GatewayImpl>();
+    ASSERT_TRUE(WaitUntil([&] { return openDescriptors() > before; }));
+    SystemCallFaults::closeQueueError = EBADF;
+    OutputCapture capture;
+    m_gateway.reset();
+    capture.stop();
+    SystemCallFaults::clear();
+    EXPECT_EQ(capture.errWithoutPrefixes(), "kivGateway:mq_close failed : Bad file descriptor\n");
+}
+
+TEST_F(GatewayImplThreadsTest, DiscardsTheEventsThatStillWait) {
+    makeGateway();
+    SystemCallFaults::holdSleeps = true;
+    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    m_gateway->Log(R"({"event-type": "x"})");
+    m_gateway->Log(R"({"event-type": "y"})");
+    {
+        const std::lock_guard<std::mutex> lock(GatewayImpl::m_QueueMutex);
+        ASSERT_EQ(GatewayImpl::m_Queue.size(), 2u);
+    }
+    m_gateway.reset();
+    SystemCallFaults::clear();
+    EXPECT_TRUE(GatewayImpl::m_Queue.empty());
+    EXPECT_TRUE(rows().empty());
+}
+
+TEST_F(GatewayImplThreadsTest, FinishesTheMessageUnderWayBeforeItEnds) {
+    makeGateway();
+    const NamedSemaphore done;
+    std::unique_lock<std::mutex> held(GatewayImpl::m_QueueMutex);  // the message stops behind it
+    ASSERT_TRUE(send(R"({"event-type": "x", "syncsem": ")" + done.name() + "\"}"));
+    ASSERT_TRUE(WaitUntil([] { return GatewayImpl::latestEvent() != nullptr; }));
+    std::atomic<bool> ended{false};
+    std::thread ender([&] {
+        m_gateway.reset();
+        ended = true;
+    });
+    EXPECT_FALSE(WaitUntil([&] { return ended.load(); }, std::chrono::milliseconds(50)));
+    held.unlock();
+    ender.join();
+    EXPECT_EQ(done.value(), 1);
+}
+
+TEST_F(GatewayImplThreadsTest, EndsWhileReceivingFails) {
+    createQueue();
+    SystemCallFaults::receiveError = EBADF;
+    SystemCallFaults::receiveFailures = std::numeric_limits<int>::max();
+    OutputCapture capture;
+    makeGateway();
+    EXPECT_TRUE(WaitUntil([&] { return capture.err().find('\n') != std::string::npos; }));
+    m_gateway.reset();
+    capture.stop();
+    EXPECT_FALSE(Queue(m_queueName, O_WRONLY).isOpen());
+}
+
+TEST_F(GatewayImplThreadsTest, CanBeMadeAndEndedAgainAndAgain) {
+    for (int i = 0; i < 20; ++i) {
+        makeEarlyGateway();
+        if (i % 2 == 0) m_gateway->Init(m_db);
+        m_gateway.reset();
+        ::mq_unlink(m_queueName.c_str());
+    }
+    makeGateway();
+    m_gateway->Log(R"({"event-type": "x"})");
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"x"});
+}
+
+TEST_F(GatewayImplThreadsTest, EndsUnderTheHolderThatMadeIt) {
+    createQueue();
+    const NamedSemaphore done;
+    {
+        const Singleton<GatewayImpl> gateway;
+        gateway->Init(m_db);
+        ASSERT_TRUE(send(R"({"event-type": "x", "syncsem": ")" + done.name() + "\"}"));
+        ASSERT_TRUE(done.wait());
+        ASSERT_TRUE(send(R"({"event-type": "y", "syncsem": ")" + done.name() + "\"}"));
+    }
+    EXPECT_EQ(Singleton<GatewayImpl>::m_pImpl, nullptr);
+    EXPECT_FALSE(Queue(m_queueName, O_WRONLY).isOpen());
+}
+
+TEST_F(GatewayImplThreadsTest, SaysWhichThreadsCannotBeStartedAndLivesOn) {
+    createQueue();
+    OutputCapture capture;
+    {
+        const NoThreads none;
+        m_gateway = std::make_unique<GatewayImpl>();
+    }
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivGateway:Cannot start the storing thread: Resource temporarily unavailable\n"
+              "kivGateway:Cannot start the receiving thread: Resource temporarily unavailable\n");
+    EXPECT_FALSE(GatewayImplPeer::isStorerStarted(*m_gateway));
+    EXPECT_FALSE(GatewayImplPeer::isReceiverStarted(*m_gateway));
+    m_gateway->Init(m_db);
+    const NamedSemaphore done;
+    m_gateway->Log(R"({"event-type": "x", "syncsem": ")" + done.name() + "\"}");
+    EXPECT_EQ(done.value(), 1);
+    m_gateway.reset();
+}
+
+}  // namespace

@@ -1,0 +1,151 @@
+#!/usr/bin/python3
+"""No consent, no telemetry; and what the filters let through."""
+import os
+import unittest
+
+from harness import WholeProgramTest, wait_until
+
+LONG = {"text": "x" * 100}
+
+
+class ConsentTest(WholeProgramTest):
+    def test_nothing_is_kept_while_the_server_knows_of_no_consent(self):
+        self.cloud.control({"config": {"*": {"kiv_tou": False}}})
+        log = self.device.folder / "file.log"
+        log.write_text("announced")
+        self.device.start("-v")
+        self.device.wait_for_output("TOU: tou version=1")
+        for _ in range(3):
+            self.device.send("usage.epg", LONG)  # the semaphore is posted all the same
+        self.device.send("usage.epg", LONG, "--url", str(log))
+        self.device.wait_for_output("TOU not accepted: will not send event", 5)
+        self.assertEqual(self.device.query("SELECT COUNT(*) FROM Events"), [(0,)])
+        self.assertEqual(self.device.query("SELECT COUNT(*) FROM Files"), [(0,)])
+        self.assertEqual(self.cloud.requests("firehose") + self.cloud.requests("s3"), [])
+
+    def test_only_the_json_value_true_counts_as_consent(self):
+        for run, value in enumerate(("true", 1, {"accepted": True}), start=1):
+            self.cloud.control({"config": {"*": {"kiv_tou": value}}})
+            self.device.write_boot(run, 1)
+            self.device.start()
+            wait_until(lambda value=value: self.device.config().get("kiv_tou") == value,
+                       f"a configuration that says {value}")
+            self.device.send("usage.epg", LONG)
+            self.assertEqual(self.device.query("SELECT COUNT(*) FROM Events"), [(0,)])
+            self.device.stop()
+            (self.device.folder / "Config").unlink()
+
+    def test_consent_that_comes_later_counts_from_then_on(self):
+        self.cloud.control({"config": {"*": {"kiv_tou": False}}})
+        self.device.start()
+        wait_until(lambda: self.cloud.requests("config") and self.device.config().get(
+            "UTC-Time"), "the first configuration")
+        self.device.send("usage.epg", {"before": True, **LONG})
+        self.device.stop()
+        self.cloud.control({"config": {"*": self.configuration}})
+        self.device.change_config(**{"UTC-Time": 1})  # as a set that was off for years
+        self.start_with_consent()
+        self.device.send("usage.epg", {"before": False, **LONG})
+        self.wait_for_events(1, "usage.epg")
+        self.assertEqual([event["before"] for event in self.cloud.events("usage.epg")], [False])
+
+    def test_consent_that_is_withdrawn_keeps_stored_events_from_leaving(self):
+        self.cloud.misbehave(firehose="refuse")
+        self.start_with_consent()
+        self.device.send("usage.epg", LONG)
+        self.device.wait_for_stored(1)
+        self.device.wait_for_error("kivUpload: Event upload failed")
+        self.device.stop()
+        self.cloud.control({"clear": True, "config": {"*": {**self.configuration,
+                                                             "kiv_tou": False}}})
+        self.device.change_config(**{"UTC-Time": 1})
+        refused = len(self.cloud.requests("firehose"))
+        self.device.start("-v")
+        wait_until(lambda: self.device.config().get("kiv_tou") is False, "the withdrawal")
+        self.device.wait_for_output("TOU: tou version=1")
+        self.device.wait_for_output("uploadEvents request")
+        self.device.send("usage.epg", LONG)
+        self.assertEqual(len(self.cloud.requests("firehose")), refused)
+        self.assertEqual(len([event for event in self.device.stored_events()
+                              if event["event-type"] == "usage.epg"]), 1)
+
+    def test_no_configuration_is_fetched_without_the_users_answer(self):
+        os.unlink(self.device.folder / "current_tou.txt")
+        self.device.start()
+        self.device.wait_for_error("kivconfig: Tou does not exist, Retry later")
+        self.assertEqual(self.device.errors_beginning("TOU:TOU file wrong format: "), 2)
+        self.assertEqual(self.cloud.requests("config"), [])
+        self.assertFalse(self.device.config()["kiv_tou"])
+        wait_until(lambda: self.cloud.requests("tou"), "the request for the terms of use")
+        self.assertEqual(self.cloud.requests("tou")[0]["headers"]["X-currentTou"], "-1")
+        self.device.send("usage.epg", LONG)
+        self.assertEqual(self.device.query("SELECT COUNT(*) FROM Events"), [(0,)])
+        self.device.stop()
+        self.device.write_consent("CUL-TOU 1 TRUE")
+        self.start_with_consent()
+
+    def test_malformed_answers_of_the_user_are_no_acceptance(self):
+        for text, error in (("", "TOU:TOU file wrong format: "),
+                            ("CUL-TOU 2", "TOU:TOU file wrong format: CUL-TOU 2"),
+                            ("cul-tou 2 TRUE", "TOU:TOU file wrong acceptance name: cul-tou 2 TRUE"),
+                            ("CUL-TOU 0 TRUE", "TOU:TOU version invalid: 0"),
+                            ("CUL-TOU 99999999999 TRUE", "TOU:TOU version invalid: 0"),
+                            ("CUL-TOU 1 true", None), ("CUL-TOU 1 FALSE", None)):
+            asked = len(self.cloud.requests("config"))
+            self.device.write_consent(text)
+            self.device.start()
+            wait_until(lambda asked=asked: len(self.cloud.requests("config")) > asked,
+                       f"a configuration request with {text!r}")
+            self.assertIn("CKivApp: TOU accepted in TV       : false", self.device.out_lines())
+            self.assertEqual(self.cloud.requests("config")[-1]["headers"]["X-currentTou"], "-1")
+            self.assertEqual(self.device.err_lines()[:1], [error] if error else [])
+            self.device.stop()
+            (self.device.folder / "Config").unlink(missing_ok=True)
+
+
+class FilterTest(WholeProgramTest):
+    configuration = {
+        "upload_events": {"min-size": 100},
+        "event-filter": {"include": [{"event-type": ["usage.epg", "usage.app", "kiv.start"]}],
+                         "exclude": [{"data": {"channel": {"$and": [{"$>=": 900}, {"$<": 1000}]}}},
+                                     {"data": {"text": {"$regex": "se.ret.*"}}}]}}
+
+    def test_filter_in_force_at_the_start_decides_what_is_kept(self):
+        self.start_with_consent()
+        self.restart(2, 1)
+        self.wait_for_events(1, "kiv.start")
+        for event_type, data in (("usage.epg", {"channel": 1}), ("usage.epg", {"channel": 900}),
+                                 ("usage.epg", {"channel": 1000}), ("usage.moreinfo", LONG),
+                                 ("usage.app", {"text": "secret"}), ("usage.app", LONG)):
+            self.device.send(event_type, data)
+        self.wait_for_events(4)
+        self.device.wait_for_empty_store()
+        self.assertEqual([(event["event-type"], event.get("channel"))
+                          for event in self.cloud.events()],
+                         [("kiv.start", None), ("usage.epg", 1), ("usage.epg", 1000),
+                          ("usage.app", None)])
+
+    def test_filter_that_arrives_while_running_counts_from_the_next_start(self):
+        self.start_with_consent()
+        self.device.send("usage.moreinfo", LONG)
+        self.wait_for_events(1, "usage.moreinfo")
+
+    def test_filter_for_files_takes_some_and_leaves_the_event_either_way(self):
+        self.device.write_config(**self.configuration, **{
+            "file-filter": {"exclude": [{"event-type": "usage.app"}]}})
+        self.device.start()
+        for name, event_type in (("one", "usage.epg"), ("two", "usage.app")):
+            path = self.device.folder / name
+            path.write_text(name)
+            self.device.send(event_type, LONG, "--url", str(path))
+        self.wait_for_events(1, "usage.app")
+        wait_until(self.cloud.objects, "an object")
+        taken, = self.wait_for_events(1, "usage.epg")
+        left, = self.cloud.events("usage.app")
+        self.assertIn("oob-id", taken)
+        self.assertNotIn("oob-id", left)
+        self.assertEqual(list(self.cloud.objects().values()), [b"one"])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,176 @@
+#!/usr/bin/python3
+"""UTC from the middleware's pipe and from the web."""
+import calendar
+import errno
+import os
+import stat
+import time
+import unittest
+
+from harness import (PIPE, WholeProgramTest, forget_system_wide_names, kernel_ms,
+                     wait_until)
+
+LONG = {"text": "x" * 100}
+NO_DATE = {"action": "date", "value": None}
+HOUR_MS = 3600000
+
+
+class TimeTest(WholeProgramTest):
+    def start_without_web_time(self):
+        """The set has a fresh configuration of an earlier cycle but knows no time of this one."""
+        self.device.write_config(upload_events={"min-size": 100})
+        self.cloud.misbehave(time=NO_DATE, config="reset")
+        self.device.start("-v")
+        self.device.wait_for_error("kivwebtime: No time received")
+        self.device.wait_for_error("kivconfig: Config could not be retrieved from server")
+        wait_until(lambda: os.path.exists(PIPE), "the pipe")
+
+    def tell(self, message):
+        """Writes bytes on the pipe, as the middleware its clock, once the daemon listens."""
+        def taken():
+            try:
+                pipe = os.open(PIPE, os.O_WRONLY | os.O_NONBLOCK)
+            except OSError as error:
+                if error.errno != errno.ENXIO:
+                    raise
+                return False
+            os.write(pipe, message if isinstance(message, bytes) else message.encode())
+            os.close(pipe)
+            return True
+        before = self.handled()
+        wait_until(lambda: self.device.alive() and taken(), "a reader of the pipe")
+        # Two messages that wait in the pipe together would be read as one.
+        wait_until(lambda: self.handled() > before, "the end of the message's handling")
+
+    def handled(self):
+        return (self.device.out().count("MW time = ")
+                + self.device.err().count("Invalid MW time : "))
+
+    def starts(self):
+        """{(boot, standby, source): UTC milliseconds of kernel time 0}"""
+        return {row[:3]: row[3] for row in self.device.query(
+            "SELECT bootCount,standbyCount,source,startTime FROM TimeOffsets")}
+
+    @staticmethod
+    def utc_now_ms():
+        return time.time_ns() // 1000000
+
+    def wait_for_start(self, source, expected, within_ms):
+        start = wait_until(lambda: self.starts().get((1, 1, source)), f"a start by {source}")
+        self.assertLessEqual(abs(start - expected), within_ms)
+        return start
+
+    def test_middleware_dates_the_cycle_until_the_web_does(self):
+        self.start_without_web_time()
+        self.assertEqual(stat.S_IFMT(os.stat(PIPE).st_mode), stat.S_IFIFO)
+        self.device.send("usage.epg", {"number": 1, **LONG})
+        self.device.wait_for_stored(2)  # with the start event
+        wait_until(lambda: len(self.cloud.requests("time")) >= 2, "another request for the time")
+        asked = len(self.cloud.requests("time"))
+        ahead = self.utc_now_ms() + HOUR_MS  # a clock that is an hour wrong
+        base = kernel_ms()
+        self.tell(str(ahead))
+        system = self.wait_for_start(0, ahead - base, 2000)
+        self.device.send("usage.epg", {"number": 2, **LONG})
+        wait_until(lambda: len(self.cloud.requests("time")) > asked, "another request for the time")
+        self.assertEqual(self.cloud.requests("firehose"), [])  # system time is not enough
+
+        self.cloud.misbehave(time=None)
+        self.device.wait_for_stored(3)
+        self.device.send("usage.epg", {"number": 3, **LONG})  # gets the time
+        web = self.wait_for_start(1, self.utc_now_ms() - kernel_ms(), 3000)
+        self.device.send("usage.epg", {"number": 4, **LONG})
+        self.wait_for_events(5)
+        for block in self.cloud.blocks():
+            self.assertEqual(block["times"], [{"src": "system", "utc": system},
+                                              {"src": "web", "utc": web}])
+        self.assertEqual({event["utc-src"] for event in self.cloud.events()}, {"web"})
+        # The application clock dates the signed requests: the web has put it right.
+        signed = self.cloud.requests("firehose")[0]["headers"]["x-amz-date"]
+        self.assertLessEqual(abs(calendar.timegm(time.strptime(signed, "%Y%m%dT%H%M%SZ"))
+                                 - time.time()), 5)
+
+    def test_pipe_is_no_longer_read_once_the_web_knows_the_time(self):
+        self.start_with_consent()
+        wait_until(lambda: (1, 1, 1) in self.starts(), "web time")
+
+        def nobody_reads():
+            try:
+                os.close(os.open(PIPE, os.O_WRONLY | os.O_NONBLOCK))
+                return False
+            except OSError:
+                return True
+        wait_until(nobody_reads, "the end of the watch")
+        self.assertEqual(list(self.starts()), [(1, 1, 1)])
+
+    def test_small_steps_of_the_middleware_change_nothing_and_large_ones_do(self):
+        self.start_without_web_time()
+        base = self.utc_now_ms() - kernel_ms()
+        self.tell(str(base + kernel_ms()))
+        first = self.wait_for_start(0, base, 2000)
+        self.tell(str(base + kernel_ms() + 55000))
+        self.tell(str(base + kernel_ms() + 55000 + 180000))
+        wait_until(lambda: self.starts()[1, 1, 0] != first, "the jump")
+        self.assertLessEqual(abs(self.starts()[1, 1, 0] - base - 235000), 3000)
+
+    def test_junk_on_the_pipe_gets_a_line_and_changes_nothing(self):
+        self.start_without_web_time()
+        for count, junk in enumerate(("yesterday", "-", "99999999999999999999999", "{}"), start=1):
+            self.tell(junk)
+            self.device.wait_for_error("TimeMgr: Invalid MW time : ", count)
+            self.device.wait_for_error(f"TimeMgr: Invalid MW time : {junk}")
+        for unacceptable in ("0", "-5", "1000", "1470009599"):  # before 2016
+            self.tell(unacceptable)
+        self.tell(b"\0\xff" * 512)
+        self.device.wait_for_error("TimeMgr: Invalid MW time : ", 5)
+        self.assertEqual(self.starts(), {})
+        now = self.utc_now_ms() - kernel_ms()
+        self.tell(str(now + kernel_ms()))
+        self.wait_for_start(0, now, 2000)
+
+    def test_place_of_the_pipe_taken_by_a_file_is_a_failed_open(self):
+        forget_system_wide_names()
+        with open(PIPE, "w") as file:
+            file.write("1")
+        try:
+            self.device.runs = 1  # the file is to be found there
+            self.device.write_config(upload_events={"min-size": 100})
+            self.cloud.misbehave(time=NO_DATE, config="reset")
+            self.device.start(ready=False)
+            self.device.wait_for_error("TimeMgr: Cannot open fifo : ")
+            self.device.alive()
+            self.assertEqual(self.starts(), {})
+        finally:
+            os.unlink(PIPE)
+
+    def test_wrong_dates_of_the_web_are_not_believed(self):
+        self.device.write_config(upload_events={"min-size": 100})
+        for boot, value in enumerate(("yesterday", None, "Thu, 01 Jan 1970 00:00:10 GMT",
+                                      "Fri, 31 Dec 1999 23:59:59 GMT",
+                                      "Thu, 07 Mar 2019 10:15:00 GMT"), start=1):  # not after build
+            self.cloud.misbehave(time={"action": "date", "value": value}, config="reset")
+            asked = len(self.cloud.requests("tou"))
+            self.restart(boot, 1)
+            wait_until(lambda asked=asked: len(self.cloud.requests("tou")) > asked, "the start")
+            self.assertEqual(self.starts(), {}, value)
+        self.cloud.misbehave(time=None, config=None)
+        self.restart(9, 1)
+        wait_until(lambda: (9, 1, 1) in self.starts(), "web time")
+
+    def test_each_cycle_gets_a_start_of_its_own(self):
+        self.cloud.misbehave(firehose="refuse")
+        self.start_with_consent()
+        self.device.send("usage.epg", LONG)
+        self.device.wait_for_stored(1)
+        self.restart(1, 2)
+        wait_until(lambda: (1, 2, 1) in self.starts(), "the second cycle's time")
+        self.assertEqual(sorted(self.starts()), [(1, 1, 1), (1, 2, 1)])
+        self.device.stop()
+        self.cloud.misbehave(firehose=None)
+        self.restart(2, 1)
+        self.device.wait_for_empty_store()
+        wait_until(lambda: list(self.starts()) == [(2, 1, 1)], "only the running cycle's time")
+
+
+if __name__ == "__main__":
+    unittest.main()
