@@ -90,11 +90,11 @@ class Set:
         return fields["Rss"], fields["Private_Clean"] + fields["Private_Dirty"]
 
 
-def bare_rate():
+def bare_rate(insertion):
     database = DATA / "bare.db"
     for path in DATA.glob("bare.db*"):
         path.unlink()
-    loop = subprocess.Popen([BUILD / "bench/bareloop", BARE_QUEUE, database],
+    loop = subprocess.Popen([BUILD / "bench/bareloop", BARE_QUEUE, database, insertion],
                             stdout=subprocess.PIPE, text=True)
     loop.stdout.readline()
     subprocess.run([BUILD / "bench/flood", BARE_QUEUE, str(FLOOD)], check=True)
@@ -128,11 +128,12 @@ class Intake:
 
 
 def intake():
-    """Rates of the bare loop, of the intake alone and of the whole daemon, in turns, three times;
+    """Rates of the bare loops, of the intake alone and of the whole daemon, in turns, three times;
     the medians."""
-    rates = {"bare": [], "intake": [], "daemon": []}
+    rates = {"text": [], "bound": [], "intake": [], "daemon": []}
     for turn in range(3):
-        rates["bare"].append(bare_rate())
+        for insertion in ("text", "bound"):
+            rates[insertion].append(bare_rate(insertion))
         with Intake() as gateway:
             rates["intake"].append(FLOOD / gateway.flood(FLOOD))
         with Set(f"intake{turn}") as tv:
@@ -200,11 +201,16 @@ def measure():
         print(f"{what}: {value}", flush=True)
 
     rates = intake()
-    row("bare loop: receive, parse, insert in 256-row transactions", f"{rates['bare']:,.0f} events/s")
-    row("kivApp: from the queue to durable rows, store below its limit",
-        f"{rates['intake']:,.0f} events/s, {rates['intake'] / rates['bare']:.2f} of the bare loop")
-    row("kivApp: the same, store at its limit (every event pushes one out)",
-        f"{rates['daemon']:,.0f} events/s, {rates['daemon'] / rates['bare']:.2f} of the bare loop")
+    row("bare loop: receive, parse, insert in 256-row transactions, statements as text",
+        f"{rates['text']:,.0f} events/s")
+    row("the same with a prepared statement", f"{rates['bound']:,.0f} events/s")
+
+    def compared(name):
+        return (f"{rates[name]:,.0f} events/s: {rates[name] / rates['text']:.2f} of the bare loop, "
+                f"{rates[name] / rates['bound']:.2f} of the prepared one")
+
+    row("kivApp: from the queue to durable rows, store below its limit", compared("intake"))
+    row("kivApp: the same, store at its limit (every event pushes one out)", compared("daemon"))
     for label, what, count, rate in (
             ("at 1 event/s", lambda: Set("wear1", meter=True), 10, 1),
             ("at 10 events/s", lambda: Set("wear10", meter=True), 100, 10),

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include <errno.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -124,6 +125,14 @@ void DB::open(std::string path, bool recreateIfUnusable) {
     }
     createTables();
     migrate();
+}
+
+void DB::returnFreeMemory() {
+    {
+        const PruneGuard lock(m_PruneLock);
+        if (m_connection) sqlite3_db_release_memory(m_connection.get());
+    }
+    ::malloc_trim(0);  // free pages between used ones, too, which free() never returns
 }
 
 bool DB::openConnection(const std::string& path) {

@@ -55,6 +55,9 @@ class DB {
     /// Opens or creates the file and brings it to the current schema. Only with
     /// `recreateIfUnusable` is a file that is no database deleted and made anew.
     void open(std::string path, bool recreateIfUnusable);
+    /// Gives the pages that this connection keeps, and what is free in the heap, back to the
+    /// system; for the end of a large job. Costs the next statement a few reads.
+    void returnFreeMemory();
 
     // --- events -------------------------------------------------------------------------------
 

@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
-#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -37,14 +36,13 @@ namespace {
 constexpr char kTag[] = "kivGateway:";
 constexpr std::size_t kMaxBatch = 256;
 constexpr useconds_t kIdleMicroseconds = 200000;
+constexpr int kRestPolls = 25;  // so many idle polls, 5 s, after an event are a rest
 constexpr useconds_t kBusyMicroseconds = 20000;
 constexpr useconds_t kCrowdedMicroseconds = 500;
-constexpr std::size_t kMostArrivals = 512;  // events that may wait for the queue's lock
 constexpr std::size_t kMostWaiting = 1024;  // events in memory; beyond that the senders wait
 constexpr std::chrono::seconds kInitPatience(2);
 
 std::atomic<bool> verboseFlag{false};
-thread_local bool isReceivingThread = false;
 
 std::string errorText(int error) {
     return std::strerror(error);
@@ -140,6 +138,12 @@ std::size_t waitingEvents() {
     return GatewayImpl::m_Queue.size();
 }
 
+/// Holds the receiving thread back while the storing thread is far behind: the senders wait, and
+/// the events in memory stay few.
+void waitWhileCrowded() {
+    while (waitingEvents() >= kMostWaiting) cancellableSleep(kCrowdedMicroseconds);
+}
+
 /// While events pour in, gives the next full batch a moment to gather: one sync pays for it.
 void gatherBatch() {
     useconds_t slept = 0;
@@ -147,12 +151,6 @@ void gatherBatch() {
         if (waitingEvents() >= kMaxBatch) return;
         cancellableSleep(nap);
     }
-}
-
-/// A message that waits already; below 1 when there is none.
-ssize_t receiveWaiting(mqd_t queue, std::vector<char>& buffer) {
-    constexpr timespec atOnce{};
-    return ::mq_timedreceive(queue, buffer.data(), buffer.size() - 1, nullptr, &atOnce);
 }
 
 ssize_t receiveOne(mqd_t queue, std::vector<char>& buffer) {
@@ -234,7 +232,6 @@ void GatewayImpl::Init(std::string dbPath) {
 
 void* GatewayImpl::receiveEntry(void* gateway) {
     allowCancellation(false);
-    isReceivingThread = true;
     ::pthread_setname_np(::pthread_self(), "GatewayThread");
     const bool served = static_cast<GatewayImpl*>(gateway)->receive();
     return served ? nullptr : reinterpret_cast<void*>(1);
@@ -256,40 +253,13 @@ bool GatewayImpl::receive() {
     if (limit == 0) return false;
     std::vector<char> buffer(limit + 1);
     for (bool first = true;;) {
-        const ssize_t size = receiveNext(queue.descriptor(), buffer);
+        const ssize_t size = receiveOne(queue.descriptor(), buffer);
         if (size < 1) continue;
         buffer[static_cast<std::size_t>(size)] = '\0';
         if (first) waitForInit();
         first = false;
         Log(buffer.data());
         waitWhileCrowded();
-    }
-}
-
-/// Waits for a message, but not with events in hand that the storing thread has not got.
-ssize_t GatewayImpl::receiveNext(mqd_t queue, std::vector<char>& buffer) {
-    if (!m_arrivals.empty()) {
-        const ssize_t size = receiveWaiting(queue, buffer);
-        if (size >= 1) return size;
-        std::unique_lock<std::mutex> lock(m_QueueMutex);
-        handOverArrivals();
-    }
-    return receiveOne(queue, buffer);
-}
-
-/// With m_QueueMutex held, on the receiving thread.
-void GatewayImpl::handOverArrivals() {
-    std::move(m_arrivals.begin(), m_arrivals.end(), std::back_inserter(m_Queue));
-    m_arrivals.clear();
-    m_crowded = m_Queue.size() >= kMostWaiting;
-}
-
-/// Holds the receiving thread back while the storing thread is far behind: the senders wait, and
-/// the events in memory stay few.
-void GatewayImpl::waitWhileCrowded() {
-    while (m_crowded) {
-        cancellableSleep(kCrowdedMicroseconds);
-        m_crowded = waitingEvents() >= kMostWaiting;
     }
 }
 
@@ -394,23 +364,8 @@ void GatewayImpl::completeAndQueue(JsonObject event, const std::string& typeText
         std::printf("%s message stored in queue: %s\n", kTag, event.getStringRep().c_str());
     }
     // The handle goes in last, moved: jansson's counts must not be touched by two threads.
-    if (isReceivingThread) {
-        queueArrival(std::move(event));
-        return;
-    }
     std::unique_lock<std::mutex> lock(m_QueueMutex);
     m_Queue.push_back(std::move(event));
-}
-
-/// Takes up to a batch more while the storing thread holds the lock for the one that it writes.
-void GatewayImpl::queueArrival(JsonObject event) {
-    m_arrivals.push_back(std::move(event));
-    std::unique_lock<std::mutex> lock(m_QueueMutex, std::try_to_lock);
-    if (!lock.owns_lock()) {
-        if (m_arrivals.size() < kMostArrivals) return;
-        lock.lock();
-    }
-    handOverArrivals();
 }
 
 void GatewayImpl::postSemaphore(const std::string& name) {
@@ -427,13 +382,15 @@ void GatewayImpl::postSemaphore(const std::string& name) {
 void GatewayImpl::store() {
     const DiscardWaitingEvents discard;
     const ExitTrace trace("Gateway logging thread exited");
-    for (;;) {
+    for (int idlePolls = 0;;) {
         std::size_t stored = 0;
         try {
             stored = storeWaitingEvents();
         } catch (const std::exception& error) {  // cancellation is off: no unwinding passes here
             cerrdbg << kTag << "Events could not be stored: " << error.what() << std::endl;
         }
+        idlePolls = stored > 0 ? 0 : std::min(idlePolls + 1, kRestPolls + 1);
+        if (idlePolls == kRestPolls) m_db->returnFreeMemory();
         if (stored >= kMaxBatch)
             gatherBatch();
         else

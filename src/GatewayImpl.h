@@ -7,9 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
-#include <mqueue.h>
 #include <pthread.h>
 
 #include "DB.h"
@@ -55,10 +53,6 @@ class GatewayImpl {
     static void* receiveEntry(void* gateway);
     static void* storeEntry(void* gateway);
     bool receive();  ///< false when the queue cannot be served; otherwise ends by cancellation
-    ssize_t receiveNext(mqd_t queue, std::vector<char>& buffer);
-    void queueArrival(JsonObject event);
-    void handOverArrivals();
-    void waitWhileCrowded();
     void waitForInit();
     void store();
     std::size_t storeWaitingEvents();             ///< a batch, and further full ones
@@ -67,17 +61,15 @@ class GatewayImpl {
     void handleEvent(JsonObject event);
     bool takeAnnouncedFile(JsonObject& event);  ///< whether the event travels as a file's facts
     void registerFile(JsonObject& event, const std::string& url, const JsonObject& info);
-    void completeAndQueue(JsonObject event, const std::string& typeText);
+    static void completeAndQueue(JsonObject event, const std::string& typeText);
     static void postSemaphore(const std::string& name);
 
     Singleton<UploadImpl> m_upload;
     std::atomic<bool> m_initialized{false};
     std::unique_ptr<EventFilter> m_eventFilter;
     std::unique_ptr<EventFilter> m_fileFilter;
-    std::vector<JsonObject> m_arrivals;  ///< of the receiving thread, completed, not in m_Queue yet
-    bool m_crowded = false;              ///< too many wait in m_Queue; used on the receiving thread
-    std::mutex m_logMutex;               ///< one message at a time in the filters
-    std::mutex m_initMutex;              ///< guards the wait for Init
+    std::mutex m_logMutex;   ///< one message at a time in the filters
+    std::mutex m_initMutex;  ///< guards the wait for Init
     std::condition_variable m_initDone;
     pthread_t m_receiver{};
     pthread_t m_storer{};

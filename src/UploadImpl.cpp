@@ -255,6 +255,7 @@ void UploadImpl::uploadThread() {
             m_running = false;
         } else {
             handleMsg(message.id, message.param);
+            m_db->returnFreeMemory();
         }
     }
 }

@@ -1,6 +1,7 @@
 #include "CKivApp.h"
 #include "DbgOut.h"
 
+#include <malloc.h>
 #include <signal.h>
 
 namespace {
@@ -12,10 +13,17 @@ void settleSignals() {
     ::signal(SIGCHLD, SIG_DFL);
 }
 
+/// One heap for all threads: they work in turns, and a heap of its own would keep each one's
+/// largest load for ever.
+void shareOneHeap() {
+    ::mallopt(M_ARENA_MAX, 1);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     settleSignals();
+    shareOneHeap();
     CKivApp app("./GlobalInfo", "./BootInfo", "./Config", "./Db", "./");
     const int result = app.Init(argc, argv);
     if (result != 0) {

@@ -43,7 +43,7 @@ class NoThreads {
         pthread_getattr_default_np(&m_saved);
         pthread_attr_t huge;
         pthread_attr_init(&huge);
-        pthread_attr_setstacksize(&huge, SIZE_MAX / 2 & ~std::size_t{0xffff});
+        pthread_attr_setstacksize(&huge, SIZE_MAX / 8 * 7 & ~std::size_t{0xffff});
         EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
         pthread_attr_destroy(&huge);
     }

@@ -37,7 +37,7 @@ class UploadImplTest : public UploadJobs {
     }
 
     /// The signals that the thread of that name blocks; 0 when there is none.
-    static unsigned long blockedSignals(const std::string& name) {
+    static unsigned long long blockedSignals(const std::string& name) {
         for (const auto& thread : threads()) {
             if (thread.first == name) return thread.second;
         }
@@ -52,16 +52,16 @@ class UploadImplTest : public UploadJobs {
     }
 
     /// Name and blocked signals of each thread of this process.
-    static std::vector<std::pair<std::string, unsigned long>> threads() {
-        std::vector<std::pair<std::string, unsigned long>> found;
+    static std::vector<std::pair<std::string, unsigned long long>> threads() {
+        std::vector<std::pair<std::string, unsigned long long>> found;
         for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
             std::ifstream status(task.path() / "status");
             std::string name;
-            unsigned long blocked = 0;
+            unsigned long long blocked = 0;
             for (std::string line; std::getline(status, line);) {
                 if (line.rfind("Name:\t", 0) == 0) name = line.substr(6);
                 if (line.rfind("SigBlk:", 0) == 0)
-                    blocked = std::stoul(line.substr(7), nullptr, 16);
+                    blocked = std::stoull(line.substr(7), nullptr, 16);
             }
             found.emplace_back(name, blocked);
         }

@@ -35,7 +35,7 @@ using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
-const char* const kProgram = KIV_BINARY_DIR "/tools/kivsend";
+const char* const kProgram = KIV_RUNNABLE_DIR "/tools/kivsend";
 
 timespec realTimeIn(milliseconds time) {
     timespec until{};

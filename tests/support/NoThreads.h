@@ -12,8 +12,9 @@ class NoThreads {
         ::pthread_getattr_default_np(&m_saved);
         pthread_attr_t huge;
         ::pthread_attr_init(&huge);
-        const auto tooMuch = static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max());
-        m_done = ::pthread_attr_setstacksize(&huge, tooMuch / 2 + 1) == 0 &&
+        // More than any address space, also one of 32 bits, in whole pages.
+        const std::size_t most = std::numeric_limits<std::size_t>::max();
+        m_done = ::pthread_attr_setstacksize(&huge, most / 8 * 7 & ~std::size_t{0xffff}) == 0 &&
                  ::pthread_setattr_default_np(&huge) == 0;
         ::pthread_attr_destroy(&huge);
     }

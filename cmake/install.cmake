@@ -1,0 +1,39 @@
+# What `cmake --install` puts where: the daemon, its tools, start files and manual pages.
+# The daemon belongs to the system: its place is /usr, unless -DCMAKE_INSTALL_PREFIX says otherwise.
+if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
+  set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Where to install" FORCE)
+endif()
+include(GNUInstallDirs)
+
+set(KIV_STATE_DIR /var/lib/kivApp CACHE PATH
+    "Where an installed daemon keeps its files, unless its environment file says otherwise")
+set(KIV_PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
+set(KIV_INSTALLED ${PROJECT_BINARY_DIR}/installed)  # with this build's paths filled in
+
+foreach(file kivApp.service kivApp.init kivApp.default postinst prerm postrm)
+  configure_file(${KIV_PACKAGING}/${file}.in ${KIV_INSTALLED}/${file} @ONLY)
+endforeach()
+
+foreach(page kivApp.8 kivsend.1)
+  add_custom_command(OUTPUT ${KIV_INSTALLED}/${page}.gz
+    COMMAND gzip -9nc ${KIV_PACKAGING}/${page} > ${KIV_INSTALLED}/${page}.gz
+    DEPENDS ${KIV_PACKAGING}/${page} VERBATIM)
+  list(APPEND KIV_PAGES ${KIV_INSTALLED}/${page}.gz)
+endforeach()
+add_custom_target(manual_pages ALL DEPENDS ${KIV_PAGES})
+
+install(TARGETS kivApp RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS kivsend RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${KIV_INSTALLED}/kivApp.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES ${KIV_INSTALLED}/kivsend.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${KIV_INSTALLED}/kivApp.service DESTINATION lib/systemd/system)
+
+# Settings of what is installed in /usr are in /etc, else in the prefix's own etc.
+install(CODE [[
+  if(CMAKE_INSTALL_PREFIX MATCHES "/usr/?$")
+    set(KIV_ETC ../etc)
+  else()
+    set(KIV_ETC etc)
+  endif()]])
+install(FILES ${KIV_INSTALLED}/kivApp.default DESTINATION "\${KIV_ETC}/default" RENAME kivApp)
+install(PROGRAMS ${KIV_INSTALLED}/kivApp.init DESTINATION "\${KIV_ETC}/init.d" RENAME kivApp)
