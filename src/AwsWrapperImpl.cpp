@@ -419,8 +419,8 @@ bool AwsWrapperImpl::waitForChild(int child) {
             ::waitpid(child, &status, 0);  // goes on after the alarm: the killed child is reaped
     } while (ended < 0 && errno == EINTR);
     const int failure = errno;
+    uploadChild = -1;  // first: its process id may already be another's
     ::alarm(0);
-    uploadChild = -1;
     if (ended != child) {
         logError("Error waiting for child ", child, ": ", ::strerror(failure));
         return false;

@@ -64,18 +64,18 @@ std::string directoryOf(const std::string& path) {
 /// this lives inherit a mask that blocks it.
 class AlarmBlocked {
   public:
-    AlarmBlocked() { change(SIG_BLOCK); }
-    ~AlarmBlocked() { change(SIG_UNBLOCK); }
+    AlarmBlocked() {
+        sigset_t alarm;
+        ::sigemptyset(&alarm);
+        ::sigaddset(&alarm, SIGALRM);
+        ::pthread_sigmask(SIG_BLOCK, &alarm, &m_before);
+    }
+    ~AlarmBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
     AlarmBlocked(const AlarmBlocked&) = delete;
     AlarmBlocked& operator=(const AlarmBlocked&) = delete;
 
   private:
-    static void change(int how) {
-        sigset_t alarm;
-        ::sigemptyset(&alarm);
-        ::sigaddset(&alarm, SIGALRM);
-        ::pthread_sigmask(how, &alarm, nullptr);
-    }
+    sigset_t m_before;
 };
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "TimeReference.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include <errno.h>
@@ -27,6 +28,8 @@ constexpr int kSchemaVersion = 2;
 constexpr std::size_t kMostEventsOfABatch = 256;
 /// For readers of other processes, which bar a COMMIT as long as they read.
 constexpr int kBusyTimeoutMs = 1000;
+/// For a batch: longer than that, and the senders, who wait too, are worth more than its events.
+constexpr std::chrono::seconds kLongestWait(30);
 constexpr int kSystemTime = 0;  ///< the source of a start time without one
 
 struct Table {
@@ -284,14 +287,15 @@ long DB::addEvents(const std::vector<NewEvent>& events, std::size_t& taken) {
     taken = 0;
     long total = m_TotalEventSize;
     if (events.empty()) return total;
-    if (!PrunerThreads::takeHeadStart()) PrunerThreads::letWaitingOneGoFirst();
+    const bool ahead = PrunerThreads::takeHeadStart();
+    if (!ahead) PrunerThreads::letWaitingOneGoFirst();
     {
         const PruneGuard lock = lockFor("adding events");
-        if (!storeInOneTransaction(events, taken, total)) {
-            // A reader of another process bars the way for now: the events can wait.
-            if (m_busy) taken = 0;
-            // Singly: whatever of the batch can be stored is stored.
-            for (std::size_t i = 0; i < taken; ++i) total = storeEvent(events[i]);
+        if (!storeInOneTransaction(events, ahead, taken, total)) {
+            if (batchCanWait())
+                taken = 0;
+            else
+                storeSingly(events, taken, total);
         }
         if (total < 0 || taken == 0) total = totalEventSize();
     }
@@ -299,10 +303,25 @@ long DB::addEvents(const std::vector<NewEvent>& events, std::size_t& taken) {
     return total;
 }
 
-bool DB::storeInOneTransaction(const std::vector<NewEvent>& events, std::size_t& taken,
+/// Whether the last statement met another process's lock, and not for too long: it may end soon.
+bool DB::batchCanWait() {
+    using Clock = std::chrono::steady_clock;
+    if (!m_busy) return false;
+    if (!m_busySince) m_busySince = Clock::now();
+    return Clock::now() - *m_busySince < kLongestWait;
+}
+
+/// Whatever of a failed batch can be stored is stored. Nothing waits here: the senders have.
+void DB::storeSingly(const std::vector<NewEvent>& events, std::size_t count, long& total) {
+    if (m_connection) sqlite3_busy_timeout(m_connection.get(), 0);
+    for (std::size_t i = 0; i < count; ++i) total = storeEvent(events[i]);
+    if (m_connection) sqlite3_busy_timeout(m_connection.get(), kBusyTimeoutMs);
+}
+
+bool DB::storeInOneTransaction(const std::vector<NewEvent>& events, bool ahead, std::size_t& taken,
                                long& total) {
     const std::size_t most = std::min(events.size(), kMostEventsOfABatch);
-    const long limit = sizeThatEndsABatch();
+    const long limit = sizeThatEndsABatch(ahead);
     taken = most;
     if (!begin("BEGIN IMMEDIATE TRANSACTION")) return false;
     for (std::size_t i = 0; i < most; ++i) {
@@ -318,13 +337,15 @@ bool DB::storeInOneTransaction(const std::vector<NewEvent>& events, std::size_t&
             break;
         }
     }
-    return commit();
+    if (!commit()) return false;
+    m_busySince.reset();
+    return true;
 }
 
-long DB::sizeThatEndsABatch() const {
+long DB::sizeThatEndsABatch(bool ahead) const {
     // Ahead of a pruner that waits, at most as much again as it is going to remove.
     const long total = m_TotalEventSize;
-    return total > m_pruneThreshold ? total + (m_pruneThreshold - m_pruneTarget) : m_pruneThreshold;
+    return ahead ? total + (m_pruneThreshold - m_pruneTarget) : m_pruneThreshold;
 }
 
 long DB::storeEvent(const NewEvent& event) {

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -70,7 +72,7 @@ class DB {
     /// one by one. One batch may go ahead of a pruner that waits for the lock, the next one waits
     /// for it: in a flood that makes fewer and larger prunes.
     /// @param taken how many were handled (stored, or failed alone); 0 while another process reads
-    /// the file for long: then try again
+    /// the file (up to 30 s): then try again
     /// @return as `addEvent` of the last event handled
     long addEvents(const std::vector<NewEvent>& events, std::size_t& taken);
     /// Opens a cursor: over all events, or over those of the oldest cycle.
@@ -168,9 +170,11 @@ class DB {
     long storeEvent(const NewEvent& event);  // without the lock, or with it
     bool insertEvent(const NewEvent& event);
     bool refuseQuotedEvent(const std::string& statement);
-    bool storeInOneTransaction(const std::vector<NewEvent>& events, std::size_t& taken,
+    bool storeInOneTransaction(const std::vector<NewEvent>& events, bool ahead, std::size_t& taken,
                                long& total);
-    long sizeThatEndsABatch() const;
+    void storeSingly(const std::vector<NewEvent>& events, std::size_t count, long& total);
+    bool batchCanWait();
+    long sizeThatEndsABatch(bool ahead) const;
     void startPrunerAbove(long total);  // without the lock
 
     bool replaceOldestEvents(long limit);
@@ -181,6 +185,8 @@ class DB {
 
     std::string m_path;
     bool m_busy = false;  ///< whether the last statement met another process's lock
+    /// When that began to hold batches up; none while they pass.
+    std::optional<std::chrono::steady_clock::time_point> m_busySince;
     std::unique_ptr<sqlite3, CloseConnection> m_connection;
     std::int32_t m_maxDatabaseSize = 3145728;  ///< bytes
     std::int32_t m_pruneThreshold = 131072;    ///< bytes of events above which an insert prunes

@@ -407,8 +407,9 @@ std::size_t GatewayImpl::storeWaitingEvents() {
             std::unique_lock<std::mutex> lock(m_QueueMutex);
             if (m_Queue.empty()) return stored;
             const std::size_t taken = storeFromFront(totalSize);
+            if (taken == 0) return stored;  // the store is being read for long
             stored += taken;
-            more = taken != 0 && m_Queue.size() >= kMaxBatch;
+            more = m_Queue.size() >= kMaxBatch;
         }
         if (Config()->MinimumSizeReached(totalSize)) m_upload->ScheduleEventsUpload();
     }
@@ -421,14 +422,14 @@ std::size_t GatewayImpl::storeFromFront(long& totalSize) {
     for (const JsonObject& event : m_Queue) {
         if (batch.size() == kMaxBatch) break;
         batch.push_back(toRow(event));
+        if (verboseFlag && batch.size() > m_readFromQueue)
+            std::printf("%s message read from queue: %s\n", kTag, batch.back().data.c_str());
     }
+    m_readFromQueue = std::max(m_readFromQueue, batch.size());
     std::size_t taken = 0;
     totalSize = m_db->addEvents(batch, taken);
-    for (std::size_t i = 0; i < taken; ++i) {
-        if (verboseFlag)
-            std::printf("%s message read from queue: %s\n", kTag, batch[i].data.c_str());
-        m_Queue.pop_front();
-    }
+    m_readFromQueue -= taken;
+    for (std::size_t i = 0; i < taken; ++i) m_Queue.pop_front();
     return taken;
 }
 

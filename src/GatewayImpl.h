@@ -22,8 +22,8 @@
 ///
 /// Reached through `Singleton<GatewayImpl>`. Two threads: "GatewayThread" receives and calls
 /// `Log`, "GatewayLogThread" stores. Both use the instance they were started by. They can be
-/// cancelled only where they wait: in `mq_receive` and in their sleeps. Lock order: m_QueueMutex,
-/// then `DB::m_PruneLock`.
+/// cancelled only where they wait: in `mq_receive` and in their sleeps. Lock order: m_logMutex,
+/// m_QueueMutex, then `DB::m_PruneLock`.
 class GatewayImpl {
   public:
     GatewayImpl();
@@ -68,8 +68,9 @@ class GatewayImpl {
     std::atomic<bool> m_initialized{false};
     std::unique_ptr<EventFilter> m_eventFilter;
     std::unique_ptr<EventFilter> m_fileFilter;
-    std::mutex m_logMutex;   ///< one message at a time in the filters
-    std::mutex m_initMutex;  ///< guards the wait for Init
+    std::size_t m_readFromQueue = 0;  ///< events at the front already traced; storing thread only
+    std::mutex m_logMutex;            ///< one message at a time in the filters
+    std::mutex m_initMutex;           ///< guards the wait for Init
     std::condition_variable m_initDone;
     pthread_t m_receiver{};
     pthread_t m_storer{};

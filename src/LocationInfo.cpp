@@ -6,6 +6,7 @@
 #include "NetworkHelper.h"
 #include "Services.h"
 
+#include <atomic>
 #include <chrono>
 #include <stdexcept>
 #include <system_error>
@@ -28,7 +29,7 @@ constexpr double kMaxLatitude = 90;
 constexpr double kMaxLongitude = 180;
 constexpr std::chrono::seconds kStoreRetryDelay(1);
 
-bool verboseFlag = false;
+std::atomic<bool> verboseFlag{false};
 
 double degreesWithin(double limit, double value) {
     const bool valid = value >= -limit && value <= limit;  // false for NaN

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <exception>
 #include <mutex>
-#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -117,7 +116,7 @@ void PrunerThreads::start(std::function<void()> body) {
             handOver().leave(ticket);
             running->end();
         }).detach();
-    } catch (const std::system_error& e) {
+    } catch (const std::exception& e) {  // no thread, or no memory for one
         handOver().leave(ticket);
         m_running->end();
         failureLine("Cannot start the pruning thread: ", e.what());
@@ -136,8 +135,7 @@ void PrunerThreads::tookTheLock() {
 bool PrunerThreads::takeHeadStart() {
     HandOver& state = handOver();
     const std::lock_guard<std::mutex> lock(state.mutex);
-    if (state.waiting == kNone) return true;
-    return !std::exchange(state.headStartTaken, true);
+    return state.waiting != kNone && !std::exchange(state.headStartTaken, true);
 }
 
 void PrunerThreads::letWaitingOneGoFirst() {

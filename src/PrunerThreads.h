@@ -27,8 +27,8 @@ class PrunerThreads {
     /// Waits until a pruning thread that waits for the lock has it. Returns at once on a pruning
     /// thread, and before long on a thread that holds the lock itself.
     static void letWaitingOneGoFirst();
-    /// Whether a batch of inserts may go ahead of the pruning thread that waits: once for each
-    /// such thread. True also where none waits.
+    /// Whether a pruning thread waits and this batch of inserts may go ahead of it: once for each
+    /// such thread.
     static bool takeHeadStart();
 
   private:

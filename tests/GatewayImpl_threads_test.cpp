@@ -560,4 +560,62 @@ TEST_F(GatewayImplThreadsTest, SaysWhichThreadsCannotBeStartedAndLivesOn) {
     m_gateway.reset();
 }
 
+TEST_F(GatewayImplThreadsTest, KeepsEveryEventWhileAnotherProcessLocksTheStore) {
+    makeGateway();
+    sqlite3* other = nullptr;
+    ASSERT_EQ(::sqlite3_open(m_db.c_str(), &other), SQLITE_OK);
+    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> owner(other, ::sqlite3_close);
+    ASSERT_EQ(::sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    OutputCapture capture;
+    for (int i = 0; i < 20; ++i)
+        m_gateway->Log(R"({"event-type": "locked.)" + std::to_string(i) + "\"}");
+    const std::string line = "SQL error (begin transaction): database is locked";
+    EXPECT_TRUE(WaitUntil([&] { return capture.err().find(line) != std::string::npos; }));
+    ASSERT_EQ(::sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr), SQLITE_OK);
+    capture.stop();
+    EXPECT_EQ(stored().size(), 20u);
+}
+
+TEST_F(GatewayImplThreadsTest, StopsReceivingWhileTooManyEventsWaitAndLosesNone) {
+    makeGateway();
+    SystemCallFaults::holdSleeps = true;  // the storing thread's, and then the receiving thread's
+    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    const auto waiting = [] {
+        const std::lock_guard<std::mutex> lock(GatewayImpl::m_QueueMutex);
+        return GatewayImpl::m_Queue.size();
+    };
+    std::thread sender([this] {
+        const Queue queue(m_queueName, O_WRONLY);
+        for (int i = 0; i < 1100; ++i) queue.send(R"({"event-type": "flood"})");
+    });
+    EXPECT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 1; }));
+    EXPECT_EQ(waiting(), 1024u);
+    SystemCallFaults::holdSleeps = false;
+    sender.join();
+    EXPECT_TRUE(WaitUntil([this] {
+        return query("SELECT COUNT(*) FROM Events WHERE type='flood'")[0][0] == "1100";
+    }));
+}
+
+TEST_F(GatewayImplThreadsTest, StoresABacklogInFullBatches) {
+    makeGateway();
+    SystemCallFaults::holdSleeps = true;
+    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    for (int i = 0; i < 600; ++i) m_gateway->Log(R"({"event-type": "backlog"})");
+    DB::setVerbose(true);
+    OutputCapture capture;
+    SystemCallFaults::holdSleeps = false;
+    EXPECT_TRUE(WaitUntil([this] {
+        return query("SELECT COUNT(*) FROM Events WHERE type='backlog'")[0][0] == "600";
+    }));
+    DB::setVerbose(false);
+    capture.stop();
+    const std::string out = capture.out();
+    const std::regex batch("Take lock for adding events");
+    EXPECT_EQ(
+        std::distance(std::sregex_iterator(out.begin(), out.end(), batch), std::sregex_iterator()),
+        3)
+        << "256, 256 and the rest";
+}
+
 }  // namespace

@@ -1,4 +1,10 @@
+#include <iostream>
+#include <mutex>
 #include <sstream>
+#include <streambuf>
+#include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/LocationInfoPeer.h"
@@ -41,6 +47,33 @@ class UploadImplEventsTest : public UploadJobs {
         EXPECT_EQ(sqlite3_exec(raw, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
         return connection;
     }
+};
+
+/// Looks, whenever a text with `moment` is written, whether another thread can have the store.
+class LockProbe : public std::streambuf {
+  public:
+    explicit LockProbe(std::string moment)
+        : m_moment(std::move(moment)), m_before(std::cout.rdbuf(this)) {}
+    ~LockProbe() override { std::cout.rdbuf(m_before); }
+
+    int free = 0;
+    int taken = 0;
+
+  private:
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+        if (std::string(text, static_cast<std::size_t>(size)).find(m_moment) != std::string::npos)
+            std::thread([this] { look(); }).join();
+        return size;
+    }
+    int overflow(int character) override { return character; }
+
+    void look() {
+        const std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock, std::try_to_lock);
+        ++(lock.owns_lock() ? free : taken);
+    }
+
+    std::string m_moment;
+    std::streambuf* m_before;
 };
 
 }  // namespace
@@ -441,4 +474,23 @@ TEST_F(UploadImplEventsTest, NotesATimeCheckWhenVerbose) {
     output.stop();
     EXPECT_EQ(taggedLines(output.outWithoutPrefixes(), kTag),
               "kivUpload: eventsTimeCheck request\n");
+}
+
+TEST_F(UploadImplEventsTest, PacksUnderTheStoresLockAndSendsWithoutIt) {
+    addEvent(1);
+    UploadImpl::SetVerbose(true);
+    {
+        const LockProbe packing("Process event: ");
+        upload->uploadEvents();
+        EXPECT_EQ(packing.taken, 1);
+        EXPECT_EQ(packing.free, 0);
+    }
+    addEvent(1);
+    {
+        const LockProbe sending("Try to send packet");
+        upload->uploadEvents();
+        EXPECT_EQ(sending.taken, 0);
+        EXPECT_EQ(sending.free, 1);
+    }
+    UploadImpl::SetVerbose(false);
 }
