@@ -8,6 +8,7 @@
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
 #include "support/ScriptedHttpServer.h"
+#include "support/TaggedLines.h"
 #include "support/TempDir.h"
 
 #include <algorithm>
@@ -222,6 +223,15 @@ TEST_F(CTouImplTest, WritesNoContentOfAMissingFile) {
     capture.stop();
     EXPECT_EQ(capture.outWithoutPrefixes(), "TOU:No TOU last server answer found\n");
     EXPECT_EQ(capture.errWithoutPrefixes(), "TOU:TOU file wrong format: \n");
+}
+
+TEST_F(CTouImplTest, ItsLinesCarryTheDiagnosticPrefix) {
+    CTouImpl::SetVerbose(true);
+    OutputCapture capture;
+    m_tou.Load(directory());
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "TOU:"), "TOU:No TOU last server answer found\n");
+    EXPECT_EQ(prefixedLines(capture.err(), "TOU:"), "TOU:TOU file wrong format: \n");
 }
 
 TEST_F(CTouImplTest, KeepsTheVerboseFlag) {

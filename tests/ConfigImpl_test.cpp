@@ -1,6 +1,7 @@
 #include "ConfigImpl.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <future>
@@ -96,6 +97,16 @@ class ConfigImplTest : public KivTest {
         capture.stop();
         EXPECT_EQ(taggedLines(capture.outWithoutPrefixes(), "kivconfig: "), "");
         return taggedLines(capture.errWithoutPrefixes(), "kivconfig: ");
+    }
+
+    /// As WaitUntil, without a pause between two looks.
+    template <typename Condition>
+    static bool WaitUntilBusily(Condition condition) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() >= deadline) return false;
+        }
+        return true;
     }
 
     /// Whether one forced refresh was asked for, after `seconds` less the run time of the test.
@@ -311,6 +322,23 @@ TEST_F(ConfigImplTest, ParsesSilentlyWhenNotVerbose) {
     EXPECT_FALSE(ConfigImpl::GetVerbose());
 }
 
+TEST_F(ConfigImplTest, ItsLinesCarryTheDiagnosticPrefix) {
+    ConfigImpl::SetVerbose(true);
+    OutputCapture capture;
+    m_config->isDownloadRequired();
+    m_config->MinimumSizeReached(5);
+    m_config->Load(m_dir.file("missing/Config"));
+    capture.stop();
+    EXPECT_EQ(taggedLines(capture.out() + capture.err(), "kivconfig: "), "");
+    EXPECT_EQ(prefixedLines(capture.out(), "kivconfig: "),
+              taggedLines(capture.outWithoutPrefixes(), "kivconfig: "));
+    EXPECT_EQ(prefixedLines(capture.out(), "kivconfig: isDownloadRequired"),
+              "kivconfig: isDownloadRequired: IsValid=0 configIsExpired=1\n");
+    EXPECT_EQ(prefixedLines(capture.err(), "kivconfig: "),
+              "kivconfig: Cannot save persistent config: cannot open " +
+                  m_dir.file("missing/Config") + ": No such file or directory\n");
+}
+
 // --- the persistent file ------------------------------------------------------------------------
 
 TEST_F(ConfigImplTest, AMissingFileIsReplacedByTheDefaultDocument) {
@@ -364,6 +392,23 @@ TEST_F(ConfigImplTest, SavingReplacesTheFileInOneStep) {
     m_config->saveConfig(JsonObject::parse("{}"));
     ASSERT_EQ(::stat(m_dir.file("Config").c_str(), &after), 0);
     EXPECT_NE(before.st_ino, after.st_ino);
+}
+
+TEST_F(ConfigImplTest, ReadersNeedNotWaitForTheWriting) {
+    m_config->Load(m_dir.file("Config"));
+    const JsonObject doc = JsonObject::parse("{\"filler\": \"" + std::string(4000000, 'x') + "\"}");
+    std::atomic<bool> finished{false};
+    auto saving = std::async(std::launch::async, [&] {
+        while (!finished) m_config->saveAndParseConfig(doc);
+    });
+    // The new file is beside the old one as long as it is being written.
+    EXPECT_TRUE(WaitUntilBusily([&] {
+        const std::unique_lock<std::recursive_mutex> lock(ConfigImplPeer::lock(*m_config),
+                                                          std::try_to_lock);
+        return lock.owns_lock() && m_dir.has(".Config.new");
+    }));
+    finished = true;
+    saving.get();
 }
 
 TEST_F(ConfigImplTest, AFailedWriteGetsAnErrorLineAndTheFieldsAreTakenAllTheSame) {
@@ -457,6 +502,26 @@ TEST_F(ConfigImplTest, WithoutASchedulerNothingIsAskedFor) {
     ConfigImpl::SetRefreshScheduler({});
     m_config->scheduleExpiryCheck();
     EXPECT_THAT(m_asked, IsEmpty());
+}
+
+TEST_F(ConfigImplTest, AnotherSchedulerWaitsForTheRunningCall) {
+    std::future<void> replacing;
+    std::atomic<bool> replaced{false};
+    ConfigImpl::SetRefreshScheduler([&](long, bool) {
+        std::promise<void> begins;
+        replacing = std::async(std::launch::async, [&replaced, &begins] {
+            begins.set_value();
+            ConfigImpl::SetRefreshScheduler({});
+            replaced = true;
+        });
+        begins.get_future().wait();
+        EXPECT_FALSE(WaitUntil([&] { return replaced.load(); }, std::chrono::milliseconds(200)));
+    });
+    m_config->scheduleExpiryCheck();
+    replacing.get();
+    EXPECT_TRUE(replaced);
+    m_config->scheduleExpiryCheck();  // nobody is left to be asked
+    EXPECT_FALSE(replacing.valid());
 }
 
 TEST_F(ConfigImplTest, TheMinimumSizeIsReachedStrictlyAboveIt) {
@@ -621,6 +686,29 @@ TEST_F(ConfigRefreshTest, SaysWhatItDoes) {
                   std::to_string(m_config->GetUtcTime()) + "\n");
 }
 
+TEST_F(ConfigRefreshTest, TheLineOnTheServersDateHasNoDiagnosticPrefix) {
+    ConfigImpl::SetVerbose(true);
+    OutputCapture capture;
+    EXPECT_TRUE(m_config->Refresh(true));
+    capture.stop();
+    EXPECT_EQ(taggedLines(capture.out(), "kivconfig: "),
+              "kivconfig:  Setting time from the date received from server being:  "
+              "Thu, 07 Mar 2019 10:15:02 GMT\n");
+    EXPECT_EQ(prefixedLines(capture.out(), "kivconfig:  trying"),
+              "kivconfig:  trying to load config from server... force=1\n");
+}
+
+TEST_F(ConfigRefreshTest, AsksForTheUrlAndThenForTheKey) {
+    Credentials().getTouUrl();  // the environment is chosen, and not spoken of again
+    Credentials::SetVerbose(true);
+    OutputCapture capture;
+    EXPECT_TRUE(m_config->Refresh(true));
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "credentials:"),
+              "credentials: Returning Config file URL for Release\n"
+              "credentials: Returning Lambda key for Release\n");
+}
+
 TEST_F(ConfigRefreshTest, AnUnforcedRefreshOfACurrentConfigurationAsksNobody) {
     parse(R"({"expiry_tou": 1000, "UTC-Time": 1551950000})");
     EXPECT_TRUE(refresh(false));
@@ -651,6 +739,26 @@ TEST_F(ConfigRefreshTest, ASecondForcedRefreshWithinTenMinutesIsRefused) {
     EXPECT_EQ(requests(), 0u);
     EXPECT_TRUE(askedOnceFor(500));
     EXPECT_EQ(m_config->GetLastAttempt(), kNow - 100);
+}
+
+TEST_F(ConfigRefreshTest, AMissingDeviceIdIsSeenBeforeARecentAttempt) {
+    m_info->Load(m_dir.write("GlobalInfo", R"({"deviceid": ""})"));
+    ConfigImplPeer::setLastAttempt(*m_config, kNow - 100);
+    EXPECT_EQ(refreshLines(true, false), "kivconfig:  DeviceId is empty\n");
+    EXPECT_THAT(m_asked, IsEmpty());
+}
+
+TEST_F(ConfigRefreshTest, ARefusedRefreshDoesNotReadTheTermsOfUse) {
+    ::remove(m_dir.file("current_tou.txt").c_str());
+    OutputCapture quiet;
+    m_tou->Load(m_dir.path() + "/");
+    m_dir.write("current_tou.txt", "CUL-TOU 4 TRUE\n");
+    ConfigImplPeer::setLastAttempt(*m_config, kNow - 100);
+    EXPECT_FALSE(m_config->Refresh(true));
+    EXPECT_EQ(m_tou->getVersion(), 0);
+    ConfigImplPeer::setLastAttempt(*m_config, 0);
+    EXPECT_TRUE(m_config->Refresh(true));
+    EXPECT_EQ(m_tou->getVersion(), 4);
 }
 
 TEST_F(ConfigRefreshTest, TwoForcedRefreshesInARowMakeOneRequest) {

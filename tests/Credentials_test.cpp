@@ -17,6 +17,7 @@
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
 #include "support/ServicesFile.h"
+#include "support/TaggedLines.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -183,6 +184,16 @@ TEST_F(CredentialsTest, EachGetterSaysWhatItReturns) {
               "credentials: Returning web time URL for Release\n"
               "credentials: Returning Tou file URL for Release\n"
               "credentials: Returning Lambda key for Release\n");
+}
+
+TEST_F(CredentialsTest, ItsLinesCarryTheDiagnosticPrefix) {
+    Credentials::SetVerbose(true);
+    OutputCapture capture;
+    m_credentials.getConfigUrl();
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "credentials:"),
+              "credentials: Returning Config file URL for Release\n"
+              "credentials: Restoring default ENV to prod\n");
 }
 
 TEST_F(CredentialsTest, SaysNothingWhenNotVerbose) {

@@ -1,6 +1,8 @@
 #include "DBToken.h"
 
+#include <atomic>
 #include <regex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -8,6 +10,7 @@
 #include "support/DBTokenPeer.h"
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
+#include "support/TaggedLines.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -176,6 +179,40 @@ TEST_F(DBTokenTest, ThreadsShareTheTokenSafely) {
     }
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(file(), fileOf(DBToken::current()));
+}
+
+TEST_F(DBTokenTest, ThreadsThatMeetNothingHeldAgreeOnOneToken) {
+    constexpr int threadCount = 8;
+    for (int round = 0; round < 20; ++round) {
+        const TempDir fresh;
+        DBTokenPeer::forget();
+        DBToken::setDBUUIDPath(fresh.path());
+        std::atomic<int> waiting{0};
+        std::vector<std::string> tokens(threadCount);
+        std::vector<std::thread> threads;
+        for (std::string& token : tokens) {
+            threads.emplace_back([&token, &waiting] {
+                ++waiting;
+                while (waiting < threadCount) std::this_thread::yield();
+                token = DBToken::current();
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        const std::set<std::string> different(tokens.begin(), tokens.end());
+        EXPECT_EQ(different.size(), 1U);
+        EXPECT_TRUE(isUuid(tokens[0])) << tokens[0];
+        EXPECT_EQ(fresh.read("dbuuid.json"), fileOf(tokens[0]));
+        EXPECT_EQ(DBToken::current(), tokens[0]);
+    }
+}
+
+TEST_F(DBTokenTest, ItsLineCarriesTheDiagnosticPrefix) {
+    DBToken::SetVerbose(true);
+    OutputCapture capture;
+    DBToken::loadDBUUIDFile(false);
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "kivDBUUID: "),
+              "kivDBUUID: loadDBUUIDFile : new UUID created: " + DBToken::current() + "\n");
 }
 
 }  // namespace

@@ -94,10 +94,10 @@ TEST(DbgOut, WritesOnePrefixForAChainedStatement) {
 TEST(DbgOut, WritesAPrefixForEachOfTwoInsertsIntoTheWrapper) {
     std::ostringstream out;
     DbgOut dbg(out);
-    dbg << "a";
-    dbg << "b";
+    dbg << "a\n";
+    dbg << "b\n";
     EXPECT_EQ(prefixesIn(out.str()), 2);
-    EXPECT_EQ(OutputCapture::withoutPrefixes(out.str()), "ab");
+    EXPECT_EQ(OutputCapture::withoutPrefixes(out.str()), "a\nb\n");
 }
 
 TEST(DbgOut, TakesAStringLikeAText) {

@@ -2,6 +2,7 @@
 
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
+#include "support/TaggedLines.h"
 
 #include <string>
 
@@ -98,6 +99,15 @@ TEST_F(EventFilterTest, TracesWhenVerbose) {
         "EventFilter: Match {\"t\": \"a\"} with include filter (invalid json obj) and exclude "
         "filter (invalid json obj)\n");
     EXPECT_EQ(capture.err(), "");
+}
+
+TEST_F(EventFilterTest, ItsLineCarriesTheDiagnosticPrefix) {
+    EventFilter::m_verbose = true;
+    OutputCapture capture;
+    keeps(R"({"include":[],"exclude":[]})", "{}");
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "EventFilter: "),
+              "EventFilter: Match {} with include filter [] and exclude filter []\n");
 }
 
 TEST_F(EventFilterTest, IsSilentByDefault) {

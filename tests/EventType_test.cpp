@@ -165,6 +165,15 @@ TEST(EventTypeMapTest, GivesZeroForANameThatIsNoNumber) {
     EXPECT_EQ(map().getId(nullptr), 0);
 }
 
+TEST(EventTypeMapTest, TakesNumbersOf32BitsOnEveryHost) {
+    EXPECT_EQ(map().getId("2147483647"), 2147483647);
+    EXPECT_EQ(map().getId("-2147483648"), -2147483647L - 1);
+    EXPECT_EQ(map().getId("2147483648"), 0);
+    EXPECT_EQ(map().getId("-2147483649"), 0);
+    EXPECT_EQ(map().getId("3000000000"), 0);
+    EXPECT_EQ(map().getId("-3000000000"), 0);
+}
+
 TEST(EventTypeMapTest, WritesAnUnknownIdentifierAsDecimalText) {
     EXPECT_STREQ(map().getName(31), "31");
     EXPECT_STREQ(map().getName(0), "0");

@@ -2,12 +2,22 @@
 
 #include "support/NetworkHooks.h"
 #include "support/OutputCapture.h"
+#include "support/TempDir.h"
+#include "support/WaitUntil.h"
 
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <future>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <cstddef>
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +26,18 @@ namespace {
 std::ptrdiff_t openDescriptors() {
     const std::filesystem::directory_iterator entries("/proc/self/fd");
     return std::distance(begin(entries), end(entries));
+}
+
+/// The descriptors through which this process reads pipes.
+std::vector<int> pipesBeingRead() {
+    std::vector<int> pipes;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::atoi(entry.path().filename().c_str());
+        struct stat facts {};
+        if (::fstat(fd, &facts) != 0 || !S_ISFIFO(facts.st_mode)) continue;
+        if ((::fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY) pipes.push_back(fd);
+    }
+    return pipes;
 }
 
 TEST(ExecTest, GivesTheStandardOutput) {
@@ -54,6 +76,27 @@ TEST(ExecTest, LeavesNoDescriptorOpen) {
     const std::ptrdiff_t before = openDescriptors();
     for (int i = 0; i < 3; ++i) Exec("echo x");
     EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(ExecTest, CommandsStartedMeanwhileDoNotInheritThePipe) {
+    const TempDir directory;
+    const std::string gate = directory.file("gate");
+    ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
+    const std::vector<int> before = pipesBeingRead();
+    auto output = std::async(std::launch::async,
+                             [&] { return Exec(("echo begins; cat '" + gate + "'").c_str()); });
+    // The command waits for a writer at the gate, so the pipe is open until there was one.
+    std::vector<int> pipes;
+    EXPECT_TRUE(WaitUntil([&] {
+        pipes.clear();
+        for (const int fd : pipesBeingRead()) {
+            if (std::count(before.begin(), before.end(), fd) == 0) pipes.push_back(fd);
+        }
+        return pipes.size() == 1;
+    }));
+    for (const int fd : pipes) EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    std::ofstream(gate) << "ends";
+    EXPECT_EQ(output.get(), "begins\nends");
 }
 
 TEST(StringExtractBetweenTest, CutsOutWhatStandsBetween) {

@@ -2,6 +2,7 @@
 
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
+#include "support/TaggedLines.h"
 
 #include <random>
 #include <regex>
@@ -416,6 +417,16 @@ TEST_F(JsonFilterRuleTest, TracesAMatchWhenVerbose) {
               "JsonFilterRule: Match 4 >= 3\n"
               "JsonFilterRule: Match: yes\n");
     EXPECT_EQ(capture.err(), "");
+}
+
+TEST_F(JsonFilterRuleTest, ItsLinesCarryTheDiagnosticPrefix) {
+    Rule::m_verbose = true;
+    OutputCapture capture;
+    Rule(json("{}")).evalOperatorExpr(json("1"), Rule::AND, json("2"));
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "JsonFilterRule: "), "JsonFilterRule: Match 1 and 2\n");
+    EXPECT_EQ(prefixedLines(capture.err(), "JsonFilterRule: "),
+              "JsonFilterRule: evalAndOperator rhs not an array: 2\n");
 }
 
 TEST_F(JsonFilterRuleTest, TracesTheResultAfterAnEarlyStop) {

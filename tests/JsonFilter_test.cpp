@@ -2,6 +2,7 @@
 
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
+#include "support/TaggedLines.h"
 
 #include <string>
 
@@ -75,6 +76,14 @@ TEST_F(JsonFilterTest, PassesOverElementsThatAreNoObject) {
         const std::string line = "JsonFilter: Invalid json object in filter array" + filter + "\n";
         EXPECT_EQ(capture.errWithoutPrefixes(), line + line);
     }
+}
+
+TEST_F(JsonFilterTest, ItsLineCarriesTheDiagnosticPrefix) {
+    OutputCapture capture;
+    EXPECT_FALSE(matches("[3]", "{}"));
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.err(), "JsonFilter: "),
+              "JsonFilter: Invalid json object in filter array[3]\n");
 }
 
 TEST_F(JsonFilterTest, KeepsItsRulesAlive) {

@@ -11,9 +11,11 @@
 #include "support/NetworkHooks.h"
 #include "support/OutputCapture.h"
 #include "support/ScriptedHttpServer.h"
+#include "support/TaggedLines.h"
 #include "support/TempDir.h"
 
 #include <atomic>
+#include <filesystem>
 #include <regex>
 #include <string>
 #include <thread>
@@ -21,6 +23,10 @@
 #include <vector>
 
 #include <cstdlib>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
@@ -47,6 +53,19 @@ Response withBody(const std::string& body) {
 /// A name that no resolver is asked for: its first label is longer than names may have.
 std::string unresolvable() {
     return std::string(64, 'x') + ".invalid";
+}
+
+/// The descriptors of this process that are connected to `port` of this machine.
+std::vector<int> socketsConnectedTo(int port) {
+    std::vector<int> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::atoi(entry.path().filename().c_str());
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) continue;
+        if (peer.sin_family == AF_INET && ntohs(peer.sin_port) == port) found.push_back(fd);
+    }
+    return found;
 }
 
 class NetworkHelperTest : public KivTest {
@@ -397,6 +416,40 @@ TEST_F(NetworkHelperTest, WritesRequestAndAnswerWhenVerbose) {
     EXPECT_EQ(capture.err(), "");
 }
 
+TEST_F(NetworkHelperTest, ItsLinesCarryTheDiagnosticPrefix) {
+    const ScriptedHttpServer server(answering(withBody("answer")));
+    NetworkHelper::SetVerbose(true);
+    NetworkHooks hooks;
+    hooks.refuse(CURLOPT_NOSIGNAL);
+    OutputCapture capture;
+    EXPECT_TRUE(NetworkHelper().UrlRequest(server.url("/p"), false, ""));
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "kivNetwork:"),
+              OutputCapture::withoutPrefixes(capture.out()));
+    EXPECT_EQ(prefixedLines(capture.out(), "kivNetwork: Got"),
+              "kivNetwork: Got answer from server answer\n");
+    EXPECT_EQ(prefixedLines(capture.err(), "kivNetwork:"),
+              "kivNetwork: Option 99 refused, curl_easy_setopt() failed: " +
+                  std::string(curl_easy_strerror(CURLE_UNKNOWN_OPTION)) + "\n");
+}
+
+TEST_F(NetworkHelperTest, CommandsStartedMeanwhileDoNotInheritTheSocket) {
+    std::atomic<int> sockets{0};
+    std::atomic<int> inherited{0};
+    std::atomic<int> port{0};
+    const ScriptedHttpServer server([&](const Request&) {
+        for (const int fd : socketsConnectedTo(port)) {
+            ++sockets;
+            if ((::fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0) ++inherited;
+        }
+        return Response();
+    });
+    port = server.port();
+    EXPECT_TRUE(NetworkHelper().UrlRequest(server.url(), false, ""));
+    EXPECT_EQ(sockets, 1);
+    EXPECT_EQ(inherited, 0);
+}
+
 TEST_F(NetworkHelperTest, KeepsTheVerboseFlag) {
     EXPECT_FALSE(NetworkHelper::GetVerbose());
     NetworkHelper::SetVerbose(true);
@@ -540,6 +593,16 @@ TEST_F(NetworkHelperResolveTest, AsksPingAndTriesOnceMore) {
                                         " extended to Nms\n"
                                         "kivNetwork: Got answer from server found\n");
     EXPECT_EQ(capture.err(), "");
+}
+
+TEST_F(NetworkHelperResolveTest, OnlyTheAnswerOfPingHasNoDiagnosticPrefix) {
+    m_commands.setOutput("ping", "PING x\n");
+    NetworkHelper::SetVerbose(true);
+    OutputCapture capture;
+    EXPECT_FALSE(NetworkHelper().UrlRequest(m_url, false, ""));
+    capture.stop();
+    EXPECT_EQ(taggedLines(capture.out(), "kivNetwork:"), "kivNetwork:Ping got answer: PING x\n");
+    EXPECT_EQ(prefixedLines(capture.out(), "kivNetwork:IP is "), "kivNetwork:IP is : PING x\n");
 }
 
 TEST_F(NetworkHelperResolveTest, WritesTheSecondTimeWhenSilent) {

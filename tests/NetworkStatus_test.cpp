@@ -7,6 +7,7 @@
 #include "support/NetworkHelperPeer.h"
 #include "support/NetworkHooks.h"
 #include "support/OutputCapture.h"
+#include "support/TaggedLines.h"
 #include "support/TempDir.h"
 
 #include <atomic>
@@ -113,6 +114,30 @@ TEST_F(NetworkStatusTest, AsksAgainAfterTheInterval) {
     EXPECT_EQ(pings(), 1U);
 }
 
+TEST_F(NetworkStatusTest, KeepsAnAnswerOfExactlyTheInterval) {
+    networkIsUp();
+    // Only a call within one millisecond shows the boundary.
+    bool kept = false;
+    for (int attempt = 0; attempt < 50 && !kept; ++attempt) {
+        const std::size_t before = pings();
+        const std::int32_t start = now();
+        NetworkHelperPeer::setStatus(false, start - 60000);
+        m_helper.IsNetworkAvailable(false);
+        const bool withinTheMillisecond = now() == start;
+        kept = withinTheMillisecond && pings() == before;
+    }
+    EXPECT_TRUE(kept);
+}
+
+TEST_F(NetworkStatusTest, AsksAgainAfterThirtyDays) {
+    networkIsUp();
+    constexpr std::uint32_t thirtyDays = 2592000000U;
+    const std::uint32_t then = static_cast<std::uint32_t>(now()) - thirtyDays;
+    NetworkHelperPeer::setStatus(false, static_cast<std::int32_t>(then));
+    EXPECT_TRUE(m_helper.IsNetworkAvailable(false));
+    EXPECT_EQ(pings(), 1U);
+}
+
 TEST_F(NetworkStatusTest, AsksAgainWhenForced) {
     networkIsUp();
     EXPECT_TRUE(m_helper.IsNetworkAvailable(true));
@@ -134,6 +159,22 @@ TEST_F(NetworkStatusTest, CallsBackOnceWhenTheNetworkIsSeen) {
     EXPECT_EQ(calls, 1);
 }
 
+TEST_F(NetworkStatusTest, StoresTheAnswerAfterTheCallbackHasRun) {
+    networkIsUp();
+    int calls = 0;
+    m_helper.RegisterCallback([&] {
+        ++calls;
+        EXPECT_FALSE(NetworkHelperPeer::availableInCallback());
+        EXPECT_EQ(NetworkHelperPeer::pollTimeInCallback(), 0);
+        EXPECT_TRUE(NetworkHelperPeer::callbackPending(m_helper));
+    });
+    EXPECT_TRUE(m_helper.IsNetworkAvailable(false));
+    EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(NetworkHelperPeer::available());
+    EXPECT_NE(NetworkHelperPeer::pollTime(), 0);
+    EXPECT_FALSE(NetworkHelperPeer::callbackPending(m_helper));
+}
+
 TEST_F(NetworkStatusTest, DoesNotCallBackForAKeptAnswer) {
     int calls = 0;
     m_helper.RegisterCallback([&] { ++calls; });
@@ -152,6 +193,22 @@ TEST_F(NetworkStatusTest, WritesItsLinesWhenVerbose) {
     EXPECT_EQ(plain(capture.out()), "kivNetwork:ping result : PING " + m_host +
                                         " (192.0.2.1)\n\nkivNetwork:No ping needed\n");
     EXPECT_EQ(capture.err(), "");
+}
+
+TEST_F(NetworkStatusTest, ItsLinesCarryTheDiagnosticPrefix) {
+    NetworkHelper::SetVerbose(true);
+    OutputCapture capture;
+    {
+        NetworkHooks hooks;
+        hooks.failPopen();
+        m_helper.IsNetworkAvailable(true);
+    }
+    NetworkHelper().GetDNS(m_directory.write("resolv.conf", "nameserver a\n"));
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "kivNetwork:"),
+              "kivNetwork:ping result : \nkivNetwork:DNS list is : a\n");
+    EXPECT_EQ(prefixedLines(capture.err(), "kivNetwork:"),
+              "kivNetwork:Command ping -c 1 " + m_host + " not started: popen() failed!\n");
 }
 
 TEST_F(NetworkStatusTest, IsSilentByDefault) {

@@ -1,5 +1,7 @@
 #include "support/OutputCapture.h"
 
+#include "support/TaggedLines.h"
+
 #include <iostream>
 
 #include <cstdio>
@@ -46,4 +48,32 @@ TEST(OutputCapture, CutsOffThePrefixesAndNothingElse) {
     EXPECT_EQ(OutputCapture::withoutPrefixes("[523411](812,815) kivDB: x\n"
                                              "[523412](812,816) [5](a,b) y\nz\n"),
               "kivDB: x\n[5](a,b) y\nz\n");
+}
+
+TEST(OutputCapture, LeavesAPrefixThatDoesNotBeginItsLine) {
+    EXPECT_EQ(OutputCapture::withoutPrefixes("[1](2,3) a [4](5,6) b\n"
+                                             " [7](8,9) c\n"
+                                             "[1](2,3) [4](5,6) d"),
+              "a [4](5,6) b\n [7](8,9) c\n[4](5,6) d");
+}
+
+TEST(OutputCapture, KeepsEmptyLinesAndALastLineWithoutItsEnd) {
+    EXPECT_EQ(OutputCapture::withoutPrefixes(""), "");
+    EXPECT_EQ(OutputCapture::withoutPrefixes("\n\n[1](2,3) \n"), "\n\n\n");
+    EXPECT_EQ(OutputCapture::withoutPrefixes("a\n[1](2,3) b"), "a\nb");
+}
+
+TEST(OutputCapture, MeasuresOnlyAWholePrefix) {
+    EXPECT_EQ(OutputCapture::prefixLength("[523411](812,815) kivDB: x"), 18U);
+    for (const char* line : {"", "kivDB: x", "[1](2,3)x", "[1](2) x", "[](2,3) x", "[1] (2,3) x",
+                             "[-1](2,3) x", "[1](2,3,4) x"}) {
+        EXPECT_EQ(OutputCapture::prefixLength(line), 0U) << line;
+    }
+}
+
+TEST(OutputCapture, TellsLinesWithAPrefixFromLinesWithout) {
+    const std::string text =
+        "[1](2,3) kivDB: one\nkivDB: two\n[1](2,3) other: three\n [1](2,3) kivDB: four\n";
+    EXPECT_EQ(prefixedLines(text, "kivDB: "), "kivDB: one\n");
+    EXPECT_EQ(taggedLines(text, "kivDB: "), "kivDB: two\n");
 }

@@ -3,6 +3,7 @@
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
 #include "support/RegexCachePeer.h"
+#include "support/TaggedLines.h"
 
 #include <atomic>
 #include <chrono>
@@ -97,6 +98,18 @@ TEST_F(RegexCacheTest, RefusesPatternsAbove1024Characters) {
               "JsonFilterRule: Pattern of 1025 characters is too long (limit 1024): " +
                   std::string(64, 'a') + "...\n");
     EXPECT_FALSE(RegexCachePeer::holds(std::string(1025, 'a')));
+}
+
+TEST_F(RegexCacheTest, ItsLinesCarryTheDiagnosticPrefix) {
+    OutputCapture capture;
+    RegexCache::matches("(a)\\1*", std::string(513, 'a'));
+    RegexCache::matches(std::string(1025, 'a'), "a");
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.err(), "JsonFilterRule: "),
+              "JsonFilterRule: Text of 513 characters is too long (limit 512) for a pattern with "
+              "back-references: (a)\\1*\n"
+              "JsonFilterRule: Pattern of 1025 characters is too long (limit 1024): " +
+                  std::string(64, 'a') + "...\n");
 }
 
 TEST_F(RegexCacheTest, KeepsCompiledPatterns) {

@@ -11,6 +11,10 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
+
+#include <csignal>
+#include <cstdlib>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -68,7 +72,8 @@ class TimeMgrImplTest : public KivTest {
         capture.stop();
         TimeMgrImpl::SetVerbose(false);
         EXPECT_EQ(taggedLines(capture.errWithoutPrefixes(), "TimeMgr: "), "");
-        return taggedLines(capture.outWithoutPrefixes(), "TimeMgr: ");
+        EXPECT_EQ(taggedLines(capture.out(), "TimeMgr: "), "");  // none without a prefix
+        return prefixedLines(capture.out(), "TimeMgr: ");
     }
 
     /// The class's lines on standard error while it is not verbose; it writes no others then.
@@ -77,7 +82,8 @@ class TimeMgrImplTest : public KivTest {
         action();
         capture.stop();
         EXPECT_EQ(taggedLines(capture.outWithoutPrefixes(), "TimeMgr: "), "");
-        return taggedLines(capture.errWithoutPrefixes(), "TimeMgr: ");
+        EXPECT_EQ(taggedLines(capture.err(), "TimeMgr: "), "");  // none without a prefix
+        return prefixedLines(capture.err(), "TimeMgr: ");
     }
 
     /// The start time that is stored for the cycle of `kRef`.
@@ -283,6 +289,17 @@ TEST_F(OpenTimeMgrTest, IsSilentWhenNotVerbose) {
               "");
 }
 
+TEST_F(OpenTimeMgrTest, ItsLinesCarryTheDiagnosticPrefix) {
+    TimeMgrImpl::SetVerbose(true);
+    OutputCapture capture;
+    TimeMgrImpl::setSystemTime(kTime);
+    m_manager->setDBPath("");
+    m_manager->getTime(TimeSourceWeb, kRef);
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "TimeMgr: "), "TimeMgr: setSystemTime: 1551953702000\n");
+    EXPECT_EQ(prefixedLines(capture.err(), "TimeMgr: "), "TimeMgr: No DB set\n");
+}
+
 // --- setting times ------------------------------------------------------------------------------
 
 TEST_F(OpenTimeMgrTest, SaysWhichTimeItTakes) {
@@ -353,6 +370,35 @@ TEST_F(OpenTimeMgrTest, WebTimeStopsTheWatching) {
     EXPECT_TRUE(TimeMgrImplPeer::isWatching(*m_manager));
     m_manager->setTime(TimeSourceWeb, kRef, kTime);
     EXPECT_FALSE(TimeMgrImplPeer::isWatching(*m_manager));
+}
+
+TEST_F(OpenTimeMgrTest, WebTimeStopsTheWatchingAlsoWhenItHasSetTheClockBefore) {
+    m_manager->setTime(TimeSourceWeb, kRef, kTime);
+    m_manager->setAutoUpdateSystemTime(true);
+    EXPECT_TRUE(TimeMgrImplPeer::isWatching(*m_manager));
+    m_manager->setTime(TimeSourceWeb, kRef, kTime);
+    EXPECT_FALSE(TimeMgrImplPeer::isWatching(*m_manager));
+}
+
+TEST_F(OpenTimeMgrTest, ABetterSourceThatComesWhileTheWatchingStopsKeepsTheClock) {
+    constexpr int better = TimeSourceWeb + 1;
+    m_manager->setAutoUpdateSystemTime(true);
+    std::thread setter;
+    {
+        const std::lock_guard<std::mutex> stopping(TimeMgrImplPeer::wakeMutex(*m_manager));
+        setter = std::thread([this] { m_manager->setTime(TimeSourceWeb, kRef, kTime); });
+        // Web time was the best when the stopping began.
+        EXPECT_TRUE(WaitUntil([this] {
+            return !std::unique_lock<std::mutex>(TimeMgrImplPeer::checkerMutex(*m_manager),
+                                                 std::try_to_lock)
+                        .owns_lock();
+        }));
+        TimeMgrImplPeer::setCurrentSource(*m_manager, better);
+    }
+    setter.join();
+    EXPECT_EQ(TimeMgrImplPeer::currentSource(*m_manager), better);
+    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, 0);
+    EXPECT_EQ(storedStart(TimeSourceWeb), kTime - 500000);
 }
 
 TEST_F(OpenTimeMgrTest, AFailedStoringCallsTheErrorCallbackWithoutALock) {
@@ -569,6 +615,16 @@ TEST_F(MiddlewareTimeTest, ANumberOutOfRangeIsSkippedWithALine) {
 
 class TimePipeTest : public TimeMgrImplTest {
   protected:
+    void SetUp() override {
+        TimeMgrImplTest::SetUp();
+        // A writer that the checker leaves is told by EPIPE.
+        m_onBrokenPipe = std::signal(SIGPIPE, SIG_IGN);
+    }
+    void TearDown() override {
+        TimeMgrImplTest::TearDown();
+        std::signal(SIGPIPE, m_onBrokenPipe);
+    }
+
     std::string pipePath() const { return m_dir.file("pipe"); }
 
     /// Opens the pipe for writing as soon as the checker reads it; -1 when it never does.
@@ -585,6 +641,41 @@ class TimePipeTest : public TimeMgrImplTest {
         ASSERT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
 
+    /// Sends `text` through a writer of its own, and again through another one whenever the checker
+    /// has just closed the pipe. What the pipe has taken stays in it until the checker reads it, as
+    /// long as the writer is open. @return the writer, or -1
+    int sendThroughANewWriter(const std::string& text) const {
+        for (;;) {
+            const int fd = openWriter();
+            if (fd < 0) return -1;
+            if (::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size())) {
+                return fd;
+            }
+            const int error = errno;
+            ::close(fd);
+            if (error != EPIPE) return -1;
+        }
+    }
+
+    /// Waits until the clock is set to `utc`; without a line of the time manager's.
+    static bool waitForClock(std::int64_t utc) {
+        return WaitUntil([utc] {
+            const timespec time = TimeMgrImplPeer::systemTimeAsSet();
+            return time.tv_sec == utc / 1000 && time.tv_nsec == utc % 1000 * 1000000;
+        });
+    }
+
+    /// The monotonic milliseconds in the prefixes of the lines of `text` that read `line`.
+    static std::vector<std::int64_t> momentsOf(const std::string& text, const std::string& line) {
+        std::istringstream lines(text);
+        std::vector<std::int64_t> moments;
+        for (std::string each; std::getline(lines, each);) {
+            if (OutputCapture::withoutPrefixes(each) != line) continue;
+            moments.push_back(std::strtoll(each.c_str() + 1, nullptr, 10));
+        }
+        return moments;
+    }
+
     bool waitForSystemTime(std::int64_t utc) const {
         return WaitUntil([&] {
             const std::int64_t known = m_manager->getTime(TimeSourceSystem, TimeReference());
@@ -598,6 +689,9 @@ class TimePipeTest : public TimeMgrImplTest {
         while (::readdir(list.get()) != nullptr) ++count;
         return count;
     }
+
+  private:
+    void (*m_onBrokenPipe)(int) = SIG_DFL;
 };
 
 TEST_F(TimePipeTest, TheProductsPipeIsTheMiddlewares) {
@@ -640,12 +734,62 @@ TEST_F(TimePipeTest, TakesTheMiddlewaresTime) {
 TEST_F(TimePipeTest, ReopensThePipeWhenTheWriterHasClosedIt) {
     m_manager->setDBPath(dbPath());
     for (const std::int64_t time : {kTime, kTime + 10 * kMinute}) {
-        const int writer = openWriter();
+        const int writer = sendThroughANewWriter(std::to_string(time));
         ASSERT_GE(writer, 0);
-        send(writer, std::to_string(time));
         EXPECT_TRUE(waitForSystemTime(time));
         ::close(writer);
     }
+}
+
+TEST_F(TimePipeTest, TheSameTimeBehindAReopeningIsNoJump) {
+    TimeMgrImpl::SetVerbose(true);
+    OutputCapture capture;
+    m_manager->setDBPath(dbPath());
+    const int first = openWriter();
+    ASSERT_GE(first, 0);
+    send(first, "1551953702000");
+    EXPECT_TRUE(waitForClock(kTime));
+    // Another pipe of the same name: only a checker that opened again reads it.
+    ASSERT_EQ(::unlink(pipePath().c_str()), 0);
+    ASSERT_EQ(::mkfifo(pipePath().c_str(), 0600), 0);
+    ::close(first);
+    const int second = openWriter();
+    ASSERT_GE(second, 0);
+    send(second, "1551953702000");
+    const auto received = [&] {
+        return momentsOf(capture.out(), "TimeMgr: MW time = 1551953702000");
+    };
+    EXPECT_TRUE(WaitUntil([&] { return received().size() == 2; }));
+    m_manager->setAutoUpdateSystemTime(false);  // ends behind the handling
+    ::close(second);
+    EXPECT_EQ(prefixedLines(capture.out(), "TimeMgr: System time changed "),
+              "TimeMgr: System time changed from 0 to 1551953702000\n");
+}
+
+TEST_F(TimePipeTest, ReadsAMessageOfUpTo1024BytesAsOne) {
+    OutputCapture capture;
+    m_manager->setDBPath(dbPath());
+    const int writer = openWriter();
+    ASSERT_GE(writer, 0);
+    send(writer, std::string(500, ' ') + std::to_string(kTime));
+    EXPECT_TRUE(waitForClock(kTime));
+    const std::string number = std::to_string(kTime + 10 * kMinute);
+    send(writer, std::string(1024 - number.size(), ' ') + number);
+    EXPECT_TRUE(waitForClock(kTime + 10 * kMinute));
+    ::close(writer);
+    EXPECT_EQ(prefixedLines(capture.err(), "TimeMgr: "), "");
+}
+
+TEST_F(TimePipeTest, WhatFollows1024BytesIsAMessageOfItsOwn) {
+    OutputCapture capture;
+    m_manager->setDBPath(dbPath());
+    const int writer = openWriter();
+    ASSERT_GE(writer, 0);
+    send(writer, std::string(1024, ' ') + std::to_string(kTime));
+    EXPECT_TRUE(waitForClock(kTime));
+    ::close(writer);
+    EXPECT_EQ(prefixedLines(capture.err(), "TimeMgr: "),
+              "TimeMgr: Invalid MW time : " + std::string(1024, ' ') + "\n");
 }
 
 TEST_F(TimePipeTest, GoesOnAfterAMessageThatIsNoNumber) {
@@ -808,6 +952,20 @@ TEST_F(TimePipeTest, APipeThatCannotBeMadeOrOpenedIsReportedAndTriedAgainLater) 
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
     capture.stop();
     EXPECT_EQ(taggedLines(capture.errWithoutPrefixes(), "TimeMgr: "), lines);
+}
+
+TEST_F(TimePipeTest, PausesForTenSecondsBehindAFailedOpening) {
+    TimeMgrImplPeer::setPipePath(m_dir.file("missing/pipe"));
+    OutputCapture capture;
+    m_manager->setDBPath(dbPath());
+    const auto failures = [&] {
+        return momentsOf(capture.err(), "TimeMgr: Cannot open fifo : No such file or directory");
+    };
+    ASSERT_TRUE(WaitUntil([&] { return failures().size() == 2; }, std::chrono::seconds(60)));
+    m_manager->setAutoUpdateSystemTime(false);
+    const std::vector<std::int64_t> at = failures();
+    EXPECT_GE(at[1] - at[0], 9999);  // both are rounded down
+    EXPECT_LT(at[1] - at[0], 30000);
 }
 
 TEST_F(TimePipeTest, AFileThatIsNoPipeIsAFailedOpening) {

@@ -1,6 +1,7 @@
 #include "UtcTime.h"
 
 #include "support/OutputCapture.h"
+#include "support/TaggedLines.h"
 
 #include <limits>
 #include <optional>
@@ -211,6 +212,14 @@ TEST(UtcTime, ParsesByOneFormat) {
     EXPECT_EQ(time.parseTime("2019-03-07", "%Y-%m-%d %H:%M:%S"), -1);
     capture.stop();
     EXPECT_EQ(capture.err(), "");
+}
+
+TEST(UtcTime, ItsLinesCarryTheDiagnosticPrefix) {
+    OutputCapture capture;
+    const UtcTime time("yesterday");
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.err(), "UtcTime: "),
+              "UtcTime: Failed to parse time: yesterday\n");
 }
 
 TEST(UtcTime, SaysWhenItCannotCalibrate) {

@@ -139,6 +139,39 @@ TEST_F(WebTimeImplTest, SaysWhatItDoes) {
     EXPECT_EQ(capture.err(), "");
 }
 
+TEST_F(WebTimeImplTest, ItsLinesCarryTheDiagnosticPrefix) {
+    m_answer.closeWithoutAnswer = true;
+    WebTimeImpl::SetVerbose(true);
+    OutputCapture capture;
+    EXPECT_FALSE(m_webTime->getWebTime());
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "kivwebtime: "),
+              "kivwebtime:  trying to get time from server... \n");
+    EXPECT_EQ(prefixedLines(capture.err(), "kivwebtime: "),
+              "kivwebtime: Time could not be retrieved from server\n");
+}
+
+TEST_F(WebTimeImplTest, TheLineOnTheServersDateHasNoDiagnosticPrefix) {
+    WebTimeImpl::SetVerbose(true);
+    OutputCapture capture;
+    EXPECT_FALSE(m_webTime->getWebTime());
+    capture.stop();
+    EXPECT_EQ(taggedLines(capture.out(), "kivwebtime: "),
+              "kivwebtime:  Setting time from the date received from server being:  "
+              "Thu, 07 Mar 2019 10:15:02 GMT\n");
+}
+
+TEST_F(WebTimeImplTest, AsksForTheUrlAndThenForTheKey) {
+    Credentials().getTouUrl();  // the environment is chosen, and not spoken of again
+    Credentials::SetVerbose(true);
+    OutputCapture capture;
+    EXPECT_FALSE(m_webTime->getWebTime());
+    capture.stop();
+    EXPECT_EQ(prefixedLines(capture.out(), "credentials:"),
+              "credentials: Returning web time URL for Release\n"
+              "credentials: Returning Lambda key for Release\n");
+}
+
 TEST_F(WebTimeImplTest, IsSilentWhenNotVerbose) {
     EXPECT_FALSE(WebTimeImpl::GetVerbose());
     EXPECT_EQ(errors(), "");

@@ -33,6 +33,13 @@ struct NetworkHelperPeer {
         return helper.m_pollIntervalMs;
     }
 
+    /// Whether the callback is still to be called.
+    static bool callbackPending(const NetworkHelper& helper) { return helper.m_callbackPending; }
+
+    /// The status for a callback of `IsNetworkAvailable`, around which the lock is held.
+    static bool availableInCallback() { return NetworkHelper::m_NetworkAvailable; }
+    static std::int32_t pollTimeInCallback() { return NetworkHelper::m_TimeAtLastNetworkPoll; }
+
     static void setMac(const std::string& mac) {
         const std::lock_guard<std::mutex> lock(NetworkHelper::m_MacLock);
         NetworkHelper::m_MacAddress = mac;

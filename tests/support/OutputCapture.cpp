@@ -81,6 +81,21 @@ std::string OutputCapture::errWithoutPrefixes() {
 }
 
 std::string OutputCapture::withoutPrefixes(const std::string& text) {
+    std::string rest;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t lineEnd = text.find('\n', at);
+        const std::string line =
+            text.substr(at, lineEnd == std::string::npos ? lineEnd : lineEnd + 1 - at);
+        rest += line.substr(prefixLength(line));
+        at += line.size();
+    }
+    return rest;
+}
+
+std::size_t OutputCapture::prefixLength(const std::string& line) {
     static const std::regex prefix(R"(\[\d+\]\(\d+,\d+\) )");
-    return std::regex_replace(text, prefix, "");
+    std::smatch found;
+    const auto atTheBeginning = std::regex_constants::match_continuous;
+    if (!std::regex_search(line, found, prefix, atTheBeginning)) return 0;
+    return static_cast<std::size_t>(found.length());
 }

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
-#include <vector>
 
 /// Collects what the process writes to standard output and standard error, whichever way it is
 /// written (iostreams, stdio, perror, the descriptors), from construction to `stop`.
@@ -20,11 +20,14 @@ class OutputCapture {
     std::string err();
 
     /// The text so far with the prefix "[ms](pid,tid) " of each line cut off, so that lines can be
-    /// compared whole: "kivDB: Query is ...\n". Text without a prefix is left as it is.
+    /// compared whole: "kivDB: Query is ...\n". A line without a prefix is left as it is, and so is
+    /// a prefix that does not begin its line.
     std::string outWithoutPrefixes();
     std::string errWithoutPrefixes();
 
     static std::string withoutPrefixes(const std::string& text);
+    /// The length of the prefix with which `line` begins; 0: it has none.
+    static std::size_t prefixLength(const std::string& line);
 
   private:
     std::string read(int fd);

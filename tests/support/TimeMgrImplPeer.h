@@ -54,6 +54,14 @@ struct TimeMgrImplPeer {
         return manager.m_checkerStops;
     }
     static std::mutex& mutex(TimeMgrImpl& manager) { return manager.m_mutex; }
+    /// Held while the checker is started or stopped.
+    static std::mutex& checkerMutex(TimeMgrImpl& manager) { return manager.m_checkerMutex; }
+    /// Taken in the middle of stopping the checker.
+    static std::mutex& wakeMutex(TimeMgrImpl& manager) { return manager.m_wakeMutex; }
+    static void setCurrentSource(TimeMgrImpl& manager, int source) {
+        const std::lock_guard<std::mutex> lock(manager.m_mutex);
+        manager.m_currentSource = source;
+    }
 
     static void handleMiddlewareTime(TimeMgrImpl& manager, const std::string& text,
                                      long long& previousTime, TimeReference& previousRef) {
