@@ -38,7 +38,7 @@ constexpr std::size_t kMaxBatch = 256;
 constexpr useconds_t kIdleMicroseconds = 200000;
 constexpr int kRestPolls = 25;  // so many idle polls, 5 s, after an event are a rest
 constexpr useconds_t kBusyMicroseconds = 20000;
-constexpr useconds_t kCrowdedMicroseconds = 500;
+constexpr useconds_t kShortMicroseconds = 200;
 constexpr std::size_t kMostWaiting = 1024;  // events in memory; beyond that the senders wait
 constexpr std::chrono::seconds kInitPatience(2);
 
@@ -141,15 +141,14 @@ std::size_t waitingEvents() {
 /// Holds the receiving thread back while the storing thread is far behind: the senders wait, and
 /// the events in memory stay few.
 void waitWhileCrowded() {
-    while (waitingEvents() >= kMostWaiting) cancellableSleep(kCrowdedMicroseconds);
+    while (waitingEvents() >= kMostWaiting) cancellableSleep(kShortMicroseconds);
 }
 
 /// While events pour in, gives the next full batch a moment to gather: one sync pays for it.
 void gatherBatch() {
-    useconds_t slept = 0;
-    for (useconds_t nap = 50; slept < kBusyMicroseconds; slept += nap, nap *= 2) {
+    for (useconds_t slept = 0; slept < kBusyMicroseconds; slept += kShortMicroseconds) {
         if (waitingEvents() >= kMaxBatch) return;
-        cancellableSleep(nap);
+        cancellableSleep(kShortMicroseconds);
     }
 }
 
@@ -383,37 +382,38 @@ void GatewayImpl::store() {
     const DiscardWaitingEvents discard;
     const ExitTrace trace("Gateway logging thread exited");
     for (int idlePolls = 0;;) {
-        std::size_t stored = 0;
+        Pass pass;
         try {
-            stored = storeWaitingEvents();
+            pass = storeWaitingEvents();
         } catch (const std::exception& error) {  // cancellation is off: no unwinding passes here
             cerrdbg << kTag << "Events could not be stored: " << error.what() << std::endl;
         }
-        idlePolls = stored > 0 ? 0 : std::min(idlePolls + 1, kRestPolls + 1);
+        idlePolls = pass.stored > 0 ? 0 : std::min(idlePolls + 1, kRestPolls + 1);
         if (idlePolls == kRestPolls) m_db->returnFreeMemory();
-        if (stored >= kMaxBatch)
+        if (pass.stored >= kMaxBatch || pass.leftSome)
             gatherBatch();
         else
             cancellableSleep(kIdleMicroseconds);
     }
 }
 
-/// Behind a full batch, fewer than that are left for `gatherBatch` to make more of.
-std::size_t GatewayImpl::storeWaitingEvents() {
-    std::size_t stored = 0;
+/// Goes on while full batches wait; fewer are left for `gatherBatch` to make more of.
+GatewayImpl::Pass GatewayImpl::storeWaitingEvents() {
+    Pass pass;
     for (bool more = true; more;) {
         long totalSize = 0;
         {
             std::unique_lock<std::mutex> lock(m_QueueMutex);
-            if (m_Queue.empty()) return stored;
+            if (m_Queue.empty()) return pass;
             const std::size_t taken = storeFromFront(totalSize);
-            if (taken == 0) return stored;  // the store is being read for long
-            stored += taken;
+            if (taken == 0) return pass;  // the store is being read for long
+            pass.stored += taken;
+            pass.leftSome = !m_Queue.empty();
             more = m_Queue.size() >= kMaxBatch;
         }
         if (Config()->MinimumSizeReached(totalSize)) m_upload->ScheduleEventsUpload();
     }
-    return stored;
+    return pass;
 }
 
 std::size_t GatewayImpl::storeFromFront(long& totalSize) {

@@ -55,7 +55,12 @@ class GatewayImpl {
     bool receive();  ///< false when the queue cannot be served; otherwise ends by cancellation
     void waitForInit();
     void store();
-    std::size_t storeWaitingEvents();             ///< a batch, and further full ones
+    /// One look at the queue of the storing thread.
+    struct Pass {
+        std::size_t stored = 0;
+        bool leftSome = false;  ///< a batch ended early, at the prune threshold
+    };
+    Pass storeWaitingEvents();
     std::size_t storeFromFront(long& totalSize);  ///< one batch, with m_QueueMutex held; how many
     std::string handleMessage(const std::string& message);  ///< the semaphore to post, or ""
     void handleEvent(JsonObject event);
