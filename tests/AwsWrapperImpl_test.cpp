@@ -1,8 +1,12 @@
 #include "AwsWrapperImpl.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
+#include <iterator>
+#include <mutex>
 #include <thread>
 
 #include <errno.h>
@@ -14,9 +18,24 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "CGlobalInfoImpl.h"
+#include "CTouImpl.h"
+#include "Config.h"
+#include "DB.h"
+#include "DBToken.h"
+#include "GatewayImpl.h"
+#include "KernelTime.h"
+#include "LocationInfo.h"
+#include "NetworkHelper.h"
+#include "PimAppVersion.h"
+#include "Singleton.h"
+#include "TimeMgrImpl.h"
+#include "UploadImpl.h"
+#include "WebTimeImpl.h"
 #include "support/AesCtr.h"
 #include "support/AwsWrapperImplPeer.h"
 #include "support/CredentialsPeer.h"
+#include "support/NetworkHelperPeer.h"
 #include "support/TaggedLines.h"
 #include "support/UploadSetup.h"
 #include "support/WaitUntil.h"
@@ -575,4 +594,76 @@ TEST_F(AwsWrapperImplTest, LeavesTestModeAgain) {
     AwsWrapperImpl::SetTestMode("");
     EXPECT_TRUE(client().UploadToKinesisFirehose("{}\n"));
     EXPECT_EQ(cloud.requests().size(), 1u);
+}
+
+/// Holds each of the program's locks in turn, a moment each, as long as it lives.
+class LockHolder {
+  public:
+    LockHolder() : m_thread([this] { run(); }) {}
+    ~LockHolder() {
+        m_stop = true;
+        m_thread.join();
+    }
+    LockHolder(const LockHolder&) = delete;
+    LockHolder& operator=(const LockHolder&) = delete;
+
+  private:
+    template <typename Mutex>
+    static void hold(Mutex& mutex) {
+        const std::lock_guard<Mutex> lock(mutex);
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+
+    void run() {
+        while (!m_stop) {
+            hold(DB::m_PruneLock);
+            hold(GatewayImpl::m_QueueMutex);
+            hold(Singleton<ConfigImpl>::m_Mutex);
+            hold(Singleton<CGlobalInfoImpl>::m_Mutex);
+            hold(Singleton<TimeMgrImpl>::m_Mutex);
+            hold(Singleton<CTouImpl>::m_Mutex);
+            hold(Singleton<WebTimeImpl>::m_Mutex);
+            hold(Singleton<UploadImpl>::m_Mutex);
+            hold(Singleton<GatewayImpl>::m_Mutex);
+            hold(Singleton<AwsWrapperImpl>::m_Mutex);
+            // The locks that only their owners reach, and the heap's.
+            for (int i = 0; i < 200; ++i) useTheLeaves();
+        }
+    }
+
+    static void useTheLeaves() {
+        kivAppNow();
+        Config()->GetS3Bucket();
+        DBToken::current();
+        PimAppVersion::current();
+        LocationInfo::getKnownLocation();
+        NetworkHelper().IsNetworkAvailable();
+    }
+
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+TEST_F(AwsWrapperImplTest, NoneOf500ChildrenHangsWhileOtherThreadsHoldTheLocks) {
+    giveCredentials();
+    const std::string file = dir.write("file", "text");
+    NetworkHelperPeer::setStatus(true,
+                                 static_cast<std::int32_t>(KernelTime::getTimeMonotonicAsInt64()));
+    const auto descriptors = [] {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    ASSERT_TRUE(client().UploadFile("first", file));
+    AwsWrapperImplPeer::setUploadLimit(20);
+    const auto before = descriptors();
+    int arrived = 0;
+    {
+        const LockHolder first;
+        const LockHolder second;
+        for (int i = 0; i < 500; ++i) arrived += client().UploadFile("name", file) ? 1 : 0;
+    }
+    EXPECT_EQ(arrived, 500);
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "no child is left";
+    EXPECT_EQ(errno, ECHILD);
+    EXPECT_TRUE(WaitUntil([&] { return descriptors() <= before; }));
 }
