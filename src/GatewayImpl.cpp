@@ -12,11 +12,14 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <iterator>
 #include <utility>
 #include <vector>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include <cxxabi.h>
 #include <errno.h>
@@ -152,7 +155,13 @@ void gatherBatch() {
     }
 }
 
-ssize_t receiveOne(mqd_t queue, std::vector<char>& buffer) {
+/// A message that is there already; -1 when there is none.
+ssize_t receiveWaiting(mqd_t queue, std::vector<char>& buffer) {
+    const timespec longAgo{};
+    return ::mq_timedreceive(queue, buffer.data(), buffer.size() - 1, nullptr, &longAgo);
+}
+
+ssize_t receiveNext(mqd_t queue, std::vector<char>& buffer) {
     allowCancellation(true);
     const ssize_t size = ::mq_receive(queue, buffer.data(), buffer.size() - 1, nullptr);
     const int error = errno;
@@ -252,14 +261,24 @@ bool GatewayImpl::receive() {
     if (limit == 0) return false;
     std::vector<char> buffer(limit + 1);
     for (bool first = true;;) {
-        const ssize_t size = receiveOne(queue.descriptor(), buffer);
+        const ssize_t size = nextMessage(queue.descriptor(), buffer);
         if (size < 1) continue;
         buffer[static_cast<std::size_t>(size)] = '\0';
         if (first) waitForInit();
         first = false;
-        Log(buffer.data());
-        waitWhileCrowded();
+        handle(buffer.data(), Handover::MaySetAside);
+        if (m_crowded) waitWhileCrowded();
     }
+}
+
+/// Nothing stays set aside while this thread waits for a message.
+ssize_t GatewayImpl::nextMessage(mqd_t queue, std::vector<char>& buffer) {
+    if (anySetAside()) {
+        const ssize_t size = receiveWaiting(queue, buffer);
+        if (size >= 0) return size;
+        queueSetAside();
+    }
+    return receiveNext(queue, buffer);
 }
 
 void GatewayImpl::waitForInit() {
@@ -268,8 +287,12 @@ void GatewayImpl::waitForInit() {
 }
 
 void GatewayImpl::Log(std::string message) {
+    handle(message, Handover::Wait);
+}
+
+void GatewayImpl::handle(const std::string& message, Handover handover) {
     try {
-        const std::string semaphore = handleMessage(message);
+        const std::string semaphore = handleMessage(message, handover);
         if (!semaphore.empty()) postSemaphore(semaphore);
     } catch (const abi::__forced_unwind&) {
         throw;
@@ -280,7 +303,7 @@ void GatewayImpl::Log(std::string message) {
     }
 }
 
-std::string GatewayImpl::handleMessage(const std::string& message) {
+std::string GatewayImpl::handleMessage(const std::string& message, Handover handover) {
     if (verboseFlag) coutdbg << kTag << " message received: " << message << std::endl;
     if (!m_initialized) {
         cerrdbg << kTag << "Gateway not initialized: Ignore" << std::endl;
@@ -295,7 +318,7 @@ std::string GatewayImpl::handleMessage(const std::string& message) {
     event.del("syncsem");
     try {
         std::unique_lock<std::mutex> lock(m_logMutex);
-        handleEvent(std::move(event));
+        handleEvent(std::move(event), semaphore.empty() ? handover : Handover::Wait);
     } catch (const abi::__forced_unwind&) {
         throw;
     } catch (const std::exception& error) {
@@ -305,7 +328,7 @@ std::string GatewayImpl::handleMessage(const std::string& message) {
     return semaphore;
 }
 
-void GatewayImpl::handleEvent(JsonObject event) {
+void GatewayImpl::handleEvent(JsonObject event, Handover handover) {
     const std::string typeText = event.optString("event-type");
     if (typeText == "pim.start") {
         const JsonObject data = event.getObject("data");
@@ -319,7 +342,7 @@ void GatewayImpl::handleEvent(JsonObject event) {
     if (verboseFlag) coutdbg << kTag << " will be sent" << std::endl;
     if (!m_eventFilter->matches(event)) return;
     const bool travelsAsFile = takeAnnouncedFile(event);
-    if (!travelsAsFile) completeAndQueue(std::move(event), typeText);
+    if (!travelsAsFile) completeAndQueue(std::move(event), typeText, handover);
 }
 
 bool GatewayImpl::takeAnnouncedFile(JsonObject& event) {
@@ -346,7 +369,8 @@ void GatewayImpl::registerFile(JsonObject& event, const std::string& url, const 
     m_upload->ScheduleFilesUpload();
 }
 
-void GatewayImpl::completeAndQueue(JsonObject event, const std::string& typeText) {
+void GatewayImpl::completeAndQueue(JsonObject event, const std::string& typeText,
+                                   Handover handover) {
     const long long sentKernelTime = event.optInteger("kernel-time", 0);
     const EventType type(typeText);
     event.set("eventid", JsonObject::createInteger(type.getId()));
@@ -363,8 +387,31 @@ void GatewayImpl::completeAndQueue(JsonObject event, const std::string& typeText
         std::printf("%s message stored in queue: %s\n", kTag, event.getStringRep().c_str());
     }
     // The handle goes in last, moved: jansson's counts must not be touched by two threads.
-    std::unique_lock<std::mutex> lock(m_QueueMutex);
-    m_Queue.push_back(std::move(event));
+    m_setAside.push_back(std::move(event));
+    if (handover == Handover::Wait || m_setAside.size() >= kMaxBatch)
+        moveSetAside(std::unique_lock<std::mutex>(m_QueueMutex));
+    else
+        moveSetAside(std::unique_lock<std::mutex>(m_QueueMutex, std::try_to_lock));
+}
+
+bool GatewayImpl::anySetAside() {
+    std::unique_lock<std::mutex> lock(m_logMutex);
+    return !m_setAside.empty();
+}
+
+void GatewayImpl::queueSetAside() {
+    std::unique_lock<std::mutex> lock(m_logMutex);
+    moveSetAside(std::unique_lock<std::mutex>(m_QueueMutex));
+}
+
+void GatewayImpl::moveSetAside(std::unique_lock<std::mutex> lock) {
+    if (!lock.owns_lock()) return;
+    std::move(m_setAside.begin(), m_setAside.end(), std::back_inserter(m_Queue));
+    m_crowded = m_Queue.size() >= kMostWaiting;
+    std::vector<JsonObject> stored;  // freed after the lock
+    stored.swap(m_stored);
+    lock.unlock();
+    m_setAside.clear();
 }
 
 void GatewayImpl::postSemaphore(const std::string& name) {
@@ -404,7 +451,10 @@ GatewayImpl::Pass GatewayImpl::storeWaitingEvents() {
         long totalSize = 0;
         {
             std::unique_lock<std::mutex> lock(m_QueueMutex);
-            if (m_Queue.empty()) return pass;
+            if (m_Queue.empty()) {
+                m_stored.clear();
+                return pass;
+            }
             const std::size_t taken = storeFromFront(totalSize);
             if (taken == 0) return pass;  // the store is being read for long
             pass.stored += taken;
@@ -429,7 +479,9 @@ std::size_t GatewayImpl::storeFromFront(long& totalSize) {
     std::size_t taken = 0;
     totalSize = m_db->addEvents(batch, taken);
     m_readFromQueue -= taken;
-    for (std::size_t i = 0; i < taken; ++i) m_Queue.pop_front();
+    const auto end = m_Queue.begin() + static_cast<std::ptrdiff_t>(taken);
+    std::move(m_Queue.begin(), end, std::back_inserter(m_stored));
+    m_Queue.erase(m_Queue.begin(), end);
     return taken;
 }
 

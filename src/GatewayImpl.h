@@ -7,8 +7,11 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
+#include <mqueue.h>
 #include <pthread.h>
+#include <sys/types.h>
 
 #include "DB.h"
 #include "EventFilter.h"
@@ -53,6 +56,7 @@ class GatewayImpl {
     static void* receiveEntry(void* gateway);
     static void* storeEntry(void* gateway);
     bool receive();  ///< false when the queue cannot be served; otherwise ends by cancellation
+    ssize_t nextMessage(mqd_t queue, std::vector<char>& buffer);  ///< as `mq_receive` returns
     void waitForInit();
     void store();
     /// One look at the queue of the storing thread.
@@ -62,11 +66,22 @@ class GatewayImpl {
     };
     Pass storeWaitingEvents();
     std::size_t storeFromFront(long& totalSize);  ///< one batch, with m_QueueMutex held; how many
-    std::string handleMessage(const std::string& message);  ///< the semaphore to post, or ""
-    void handleEvent(JsonObject event);
+    /// What an event does that is complete while a batch is being stored.
+    enum class Handover {
+        Wait,         ///< waits for the batch
+        MaySetAside,  ///< lets the thread go on: the event follows with a later one
+    };
+    void handle(const std::string& message, Handover handover);
+    /// @return the semaphore to post, or ""
+    std::string handleMessage(const std::string& message, Handover handover);
+    void handleEvent(JsonObject event, Handover handover);
     bool takeAnnouncedFile(JsonObject& event);  ///< whether the event travels as a file's facts
     void registerFile(JsonObject& event, const std::string& url, const JsonObject& info);
-    static void completeAndQueue(JsonObject event, const std::string& typeText);
+    void completeAndQueue(JsonObject event, const std::string& typeText, Handover handover);
+    bool anySetAside();
+    void queueSetAside();  ///< waits for the batch that is being stored
+    /// Into m_Queue, if `lock` has m_QueueMutex; with m_logMutex held.
+    void moveSetAside(std::unique_lock<std::mutex> lock);
     static void postSemaphore(const std::string& name);
 
     Singleton<UploadImpl> m_upload;
@@ -74,8 +89,14 @@ class GatewayImpl {
     std::unique_ptr<EventFilter> m_eventFilter;
     std::unique_ptr<EventFilter> m_fileFilter;
     std::size_t m_readFromQueue = 0;  ///< events at the front already traced; storing thread only
-    std::mutex m_logMutex;            ///< one message at a time in the filters
-    std::mutex m_initMutex;           ///< guards the wait for Init
+    std::mutex m_logMutex;            ///< one message at a time in the filters; guards m_setAside
+    /// Complete events, in their order, that met the lock of a batch; fewer than a batch of them.
+    std::vector<JsonObject> m_setAside;
+    /// Stored events, left to the threads that made them: freed by the storing thread, they would
+    /// have both wait for the allocator's lock. Guarded by m_QueueMutex.
+    std::vector<JsonObject> m_stored;
+    std::atomic<bool> m_crowded{false};  ///< at the last look, too many events waited
+    std::mutex m_initMutex;              ///< guards the wait for Init
     std::condition_variable m_initDone;
     pthread_t m_receiver{};
     pthread_t m_storer{};

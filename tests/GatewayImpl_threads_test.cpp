@@ -597,6 +597,80 @@ TEST_F(GatewayImplThreadsTest, StopsReceivingWhileTooManyEventsWaitAndLosesNone)
     }));
 }
 
+TEST_F(GatewayImplThreadsTest, GoesOnReceivingWhileABatchIsStored) {
+    createQueue();
+    for (const char* type : {"a", "b", "c", "d"})
+        ASSERT_TRUE(send(R"({"event-type": ")" + std::string(type) + "\"}"));
+    const Queue queue(m_queueName, O_RDONLY);
+    std::unique_lock<std::mutex> batch(GatewayImpl::m_QueueMutex);
+    makeGateway();
+    EXPECT_TRUE(WaitUntil([&] { return queue.attributes().mq_curmsgs == 0; }));
+    EXPECT_TRUE(GatewayImpl::m_Queue.empty());
+    batch.unlock();
+    EXPECT_TRUE(WaitUntil([this] { return rows().size() == 4; }))
+        << "without a further message the receiving thread sleeps on what it holds";
+    EXPECT_EQ(storedTypes(), (std::vector<std::string>{"a", "b", "c", "d"}));
+}
+
+TEST_F(GatewayImplThreadsTest, WaitsForTheBatchWithAnEventWhoseSenderWaits) {
+    createQueue();
+    const NamedSemaphore done;
+    ASSERT_TRUE(send(R"({"event-type": "a"})"));
+    ASSERT_TRUE(send(R"({"event-type": "b", "syncsem": ")" + done.name() + "\"}"));
+    ASSERT_TRUE(send(R"({"event-type": "c"})"));
+    const Queue queue(m_queueName, O_RDONLY);
+    std::unique_lock<std::mutex> batch(GatewayImpl::m_QueueMutex);
+    makeGateway();
+    EXPECT_TRUE(WaitUntil([&] { return queue.attributes().mq_curmsgs == 1; }));
+    EXPECT_FALSE(WaitUntil([&] { return done.value() > 0; }, std::chrono::milliseconds(50)));
+    batch.unlock();
+    EXPECT_TRUE(done.wait());
+    EXPECT_TRUE(WaitUntil([this] { return rows().size() == 3; }));
+    EXPECT_EQ(storedTypes(), (std::vector<std::string>{"a", "b", "c"}));
+}
+
+TEST_F(GatewayImplThreadsTest, HoldsAtMostABatchWhileOneIsStored) {
+    makeGateway();
+    std::unique_lock<std::mutex> batch(GatewayImpl::m_QueueMutex);
+    std::vector<std::string> expected;
+    for (int i = 0; i < 300; ++i) expected.push_back("e" + std::to_string(i));
+    std::atomic<std::size_t> sent{0};
+    std::thread sender([&] {
+        const Queue queue(m_queueName, O_WRONLY);
+        for (const std::string& type : expected) {
+            queue.send(R"({"event-type": ")" + type + "\"}");
+            ++sent;
+        }
+    });
+    constexpr std::size_t most = 256 + 4;  // 4 fill the queue
+    EXPECT_TRUE(WaitUntil([&] { return sent == most; }));
+    EXPECT_FALSE(WaitUntil([&] { return sent > most; }, std::chrono::milliseconds(50)));
+    batch.unlock();
+    sender.join();
+    EXPECT_TRUE(WaitUntil([&] { return rows().size() == expected.size(); }));
+    EXPECT_EQ(storedTypes(), expected);
+}
+
+TEST_F(GatewayImplThreadsTest, HasOtherThreadsWaitForTheBatch) {
+    makeGateway();
+    std::unique_lock<std::mutex> batch(GatewayImpl::m_QueueMutex);
+    std::atomic<bool> logged{false};
+    std::thread caller([&] {
+        m_gateway->Log(R"({"event-type": "own"})");
+        logged = true;
+    });
+    EXPECT_FALSE(WaitUntil([&] { return logged.load(); }, std::chrono::milliseconds(50)));
+    batch.unlock();
+    caller.join();
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"own"});
+}
+
+TEST_F(GatewayImplThreadsTest, FreesStoredEventsWhenNothingWaits) {
+    makeGateway();
+    EXPECT_EQ(storedFor(R"({"event-type": "x"})").optString("event-type"), "x");
+    EXPECT_TRUE(WaitUntil([this] { return GatewayImplPeer::storedInMemory(*m_gateway) == 0; }));
+}
+
 TEST_F(GatewayImplThreadsTest, StoresABacklogInFullBatches) {
     makeGateway();
     SystemCallFaults::holdSleeps = true;

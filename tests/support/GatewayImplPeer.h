@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -17,6 +18,12 @@ struct GatewayImplPeer {
     static const std::string& queueName() { return GatewayImpl::m_queueName; }
 
     static DB& database(GatewayImpl& gateway) { return *gateway.m_db; }
+
+    /// Stored events that are not freed yet.
+    static std::size_t storedInMemory(const GatewayImpl& gateway) {
+        const std::lock_guard<std::mutex> lock(GatewayImpl::m_QueueMutex);
+        return gateway.m_stored.size();
+    }
 
     /// Waits for the receiving thread to end by itself. @return its exit value
     static long joinReceiver(GatewayImpl& gateway) {
