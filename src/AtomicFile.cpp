@@ -1,5 +1,7 @@
 #include "AtomicFile.h"
 
+#include "Descriptor.h"
+
 #include <filesystem>
 #include <mutex>
 #include <system_error>
@@ -21,28 +23,6 @@ constexpr mode_t kNewFileMode = 0644;
 /// leave at most one file behind.
 std::mutex replaceMutex;
 
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() { close(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    bool isOpen() const { return m_fd >= 0; }
-    int get() const { return m_fd; }
-
-    /// @return false, with errno, when the last of the data could not be written.
-    bool close() {
-        if (m_fd < 0) return true;
-        const int fd = m_fd;
-        m_fd = -1;
-        return ::close(fd) == 0 || errno == EINTR;
-    }
-
-  private:
-    int m_fd;
-};
-
 /// "cannot <action> <path>: <reason of errno>"
 std::string failure(const char* action, const fs::path& path) {
     const int reason = errno;
@@ -61,17 +41,6 @@ fs::path behindLinks(fs::path path) {
     return path;
 }
 
-bool writeAll(int fd, const std::string& text) {
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return false;
-        done += static_cast<std::size_t>(written);
-    }
-    return true;
-}
-
 /// What cannot be synced at all (a device, some directories) is as safe as it gets.
 bool syncToDisk(int fd) {
     return ::fsync(fd) == 0 || errno == EINVAL || errno == ENOTSUP;
@@ -88,7 +57,7 @@ bool takeOverAttributes(int fd, const struct stat* old) {
 std::string fillTemporary(Descriptor& file, const fs::path& temporary, const struct stat* old,
                           const std::string& text) {
     if (!takeOverAttributes(file.get(), old)) return failure("set the mode of", temporary);
-    if (!writeAll(file.get(), text)) return failure("write", temporary);
+    if (!file.writeAll(text)) return failure("write", temporary);
     if (!syncToDisk(file.get())) return failure("sync", temporary);
     if (!file.close()) return failure("close", temporary);
     return "";
@@ -113,7 +82,7 @@ int openInPlace(const fs::path& path) {
 std::string writeInPlace(const fs::path& path, const std::string& text) {
     Descriptor file(openInPlace(path));
     if (!file.isOpen()) return failure("open", path);
-    if (!writeAll(file.get(), text)) return failure("write", path);
+    if (!file.writeAll(text)) return failure("write", path);
     if (!syncToDisk(file.get())) return failure("sync", path);
     if (!file.close()) return failure("close", path);
     return "";
@@ -140,7 +109,7 @@ std::string AtomicFile::replace(const std::string& path, const std::string& text
     Descriptor file(makeTemporary(temporary));
     if (!file.isOpen()) return writeInPlace(target, text);
 
-    const std::string problem = fillTemporary(file, temporary, exists ? &old : nullptr, text);
+    std::string problem = fillTemporary(file, temporary, exists ? &old : nullptr, text);
     if (!problem.empty()) {
         ::unlink(temporary.c_str());
         return problem;

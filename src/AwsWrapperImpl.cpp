@@ -3,6 +3,7 @@
 #include "Config.h"
 #include "Credentials.h"
 #include "DbgOut.h"
+#include "Descriptor.h"
 #include "JsonObject.h"
 #include "TimeMgrImpl.h"
 
@@ -184,38 +185,25 @@ void closeInheritedDescriptors() {
     for (int fd = STDERR_FILENO + 1; fd < (limit < 0 ? 1024 : limit); ++fd) ::close(fd);
 }
 
-class OpenFile {
-  public:
-    explicit OpenFile(const std::string& path) : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
-    ~OpenFile() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    bool isOpen() const { return m_fd >= 0; }
-    ssize_t read(std::vector<char>& buffer) const {
-        ssize_t count = 0;
-        do {
-            count = ::read(m_fd, buffer.data(), buffer.size());
-        } while (count < 0 && errno == EINTR);
-        return count;
-    }
-
-  private:
-    int m_fd;
-};
+/// @return how many bytes were read; 0 at the end, negative, with errno, on failure
+ssize_t readBlock(const Descriptor& file, std::vector<char>& buffer) {
+    ssize_t count = 0;
+    do {
+        count = ::read(file.get(), buffer.data(), buffer.size());
+    } while (count < 0 && errno == EINTR);
+    return count;
+}
 
 /// Reads the file into memory. @return its size in bytes; -1, with an error line, on failure
 long long readFile(const std::string& path, std::iostream& content) {
-    const OpenFile file(path);
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.isOpen()) {
         logError("could not open file ", path);
         return -1;
     }
     std::vector<char> buffer(65536);
     long long size = 0;
-    for (ssize_t count = 0; (count = file.read(buffer)) != 0; size += count) {
+    for (ssize_t count = 0; (count = readBlock(file, buffer)) != 0; size += count) {
         if (count < 0) {
             logError("could not read file ", path, ": ", ::strerror(errno));
             return -1;

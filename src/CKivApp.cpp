@@ -1,5 +1,6 @@
 #include "CKivApp.h"
 
+#include "AlarmBlock.h"
 #include "AwsWrapperImpl.h"
 #include "BuildInfo.h"
 #include "CBootCountInfo.h"
@@ -24,7 +25,6 @@
 #include <cstdlib>
 
 #include <getopt.h>
-#include <signal.h>
 #include <unistd.h>
 
 bool CKivApp::m_verbose = false;
@@ -59,24 +59,6 @@ void printOption(const char* label, const Value& value) {
 std::string directoryOf(const std::string& path) {
     return path.substr(0, path.find_last_of("/\\"));
 }
-
-/// SIGALRM belongs to the main thread, where it ends a hung upload child: threads started while
-/// this lives inherit a mask that blocks it.
-class AlarmBlocked {
-  public:
-    AlarmBlocked() {
-        sigset_t alarm;
-        ::sigemptyset(&alarm);
-        ::sigaddset(&alarm, SIGALRM);
-        ::pthread_sigmask(SIG_BLOCK, &alarm, &m_before);
-    }
-    ~AlarmBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    AlarmBlocked(const AlarmBlocked&) = delete;
-    AlarmBlocked& operator=(const AlarmBlocked&) = delete;
-
-  private:
-    sigset_t m_before;
-};
 
 }  // namespace
 
@@ -258,12 +240,12 @@ void CKivApp::SetAllVerbose(bool verbose) {
 }
 
 void CKivApp::Run() {
-    const std::unique_ptr<Running> running = start();
+    [[maybe_unused]] const std::unique_ptr<Running> running = start();
     for (;;) ::pause();
 }
 
 std::unique_ptr<CKivApp::Running> CKivApp::start() {
-    const AlarmBlocked untilAllThreadsRun;
+    const AlarmBlock untilAllThreadsRun;
     const std::string directory = directoryOf(m_configFile);
     DBToken::setDBUUIDPath(directory);
     recordOperatingTime();

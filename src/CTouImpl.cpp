@@ -55,7 +55,7 @@ JsonObject fetchAnswer() {
     const std::string url = credentials.getTouUrl();
     NetworkHelper request;
     if (!request.UrlRequest(url, true, credentials.getLambdaKey())) return JsonObject();
-    const JsonObject answer = JsonObject::parse(request.data);
+    JsonObject answer = JsonObject::parse(request.data);
     if (answer.isNull()) {
         cerrdbg << kTag << "ToU server answer is no JSON: " << beginning(request.data) << std::endl;
         return JsonObject();

@@ -104,6 +104,37 @@ std::atomic<bool> DB::m_dbError{false};
 std::string DB::m_DBErrorMessage;
 std::function<void()> DB::m_dbFullCb;
 
+/// Is rolled back, and the cached size unknown, unless it has ended before. With m_PruneLock held.
+class DB::Transaction {
+  public:
+    Transaction(DB& store, const char* beginning)
+        : m_store(store),
+          m_begun(store.execute(beginning, "SQL error (begin transaction): ") == SQLITE_OK) {}
+
+    ~Transaction() {
+        if (!m_begun || hasEnded()) return;
+        m_store.rollBack();
+        m_TotalEventSize = -1;
+    }
+
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+
+    bool begun() const { return m_begun; }
+    /// Whether SQLite has ended it by itself, as at an error that leaves no way to go on.
+    bool hasEnded() const { return sqlite3_get_autocommit(m_store.m_connection.get()) != 0; }
+
+    bool commit() {
+        if (m_store.execute("COMMIT", "SQL error (commit): ") == SQLITE_OK) return true;
+        m_TotalEventSize = -1;
+        return false;
+    }
+
+  private:
+    DB& m_store;
+    bool m_begun;
+};
+
 void DB::CloseConnection::operator()(sqlite3* connection) const {
     sqlite3_close(connection);
 }
@@ -245,20 +276,9 @@ void DB::checkErrorCondition(const char* message) {
     if (code == SQLITE_FULL && databaseIsFull) databaseIsFull();
 }
 
-bool DB::begin(const char* statement) {
-    return execute(statement, "SQL error (begin transaction): ") == SQLITE_OK;
-}
-
 bool DB::executeOrRollBack(const std::string& sql, const char* failureText) {
     if (execute(sql, failureText) == SQLITE_OK) return true;
     rollBack();
-    return false;
-}
-
-bool DB::commit() {
-    if (execute("COMMIT", "SQL error (commit): ") == SQLITE_OK) return true;
-    if (m_connection && sqlite3_get_autocommit(m_connection.get()) == 0) rollBack();
-    m_TotalEventSize = -1;
     return false;
 }
 
@@ -306,7 +326,10 @@ long DB::addEvents(const std::vector<NewEvent>& events, std::size_t& taken) {
 /// Whether the last statement met another process's lock, and not for too long: it may end soon.
 bool DB::batchCanWait() {
     using Clock = std::chrono::steady_clock;
-    if (!m_busy) return false;
+    if (!m_busy) {
+        m_busySince.reset();
+        return false;
+    }
     if (!m_busySince) m_busySince = Clock::now();
     return Clock::now() - *m_busySince < kLongestWait;
 }
@@ -323,21 +346,20 @@ bool DB::storeInOneTransaction(const std::vector<NewEvent>& events, bool ahead, 
     const std::size_t most = std::min(events.size(), kMostEventsOfABatch);
     const long limit = sizeThatEndsABatch(ahead);
     taken = most;
-    if (!begin("BEGIN IMMEDIATE TRANSACTION")) return false;
+    Transaction batch(*this, "BEGIN IMMEDIATE TRANSACTION");
+    if (!batch.begun()) return false;
     for (std::size_t i = 0; i < most; ++i) {
         total = storeEvent(events[i]);
-        if (sqlite3_get_autocommit(m_connection.get()) != 0) {
-            // The failure took the whole transaction along, with the events before.
-            taken = i + 1;
-            m_TotalEventSize = -1;
-            return false;
-        }
-        if (total > limit) {
-            taken = i + 1;
-            break;
-        }
+        if (total <= limit && !batch.hasEnded()) continue;
+        taken = i + 1;
+        break;
     }
-    if (!commit()) return false;
+    if (batch.hasEnded()) {
+        // The failure took the whole transaction along, with the events before.
+        m_TotalEventSize = -1;
+        return false;
+    }
+    if (!batch.commit()) return false;
     m_busySince.reset();
     return true;
 }
@@ -401,6 +423,7 @@ long DB::totalEventSize() {
         SqlStatement sum(m_connection.get(), "SELECT SUM(length(data)+1)+1 FROM Events;");
         while (sum.step() == SQLITE_ROW) {
             if (sum.columnIsNull(0)) continue;
+            // NOLINTNEXTLINE(cert-err34-c): text without a number counts as 0
             m_TotalEventSize = static_cast<std::int32_t>(::atol(sum.columnText(0).c_str()));
         }
     }
@@ -434,8 +457,9 @@ bool DB::deleteMarkedEvents(EventSet set) {
         const PruneGuard lock(m_PruneLock);
         // Asked again: pruning may have deleted marked rows while this thread waited.
         const std::string deletion = deletionOf("Events", set.marksStillStored());
-        deleted = begin("BEGIN EXCLUSIVE TRANSACTION") &&
-                  executeOrRollBack(deletion, "SQL error (delete): ") && commit();
+        Transaction transaction(*this, "BEGIN EXCLUSIVE TRANSACTION");
+        deleted = transaction.begun() && executeOrRollBack(deletion, "SQL error (delete): ") &&
+                  transaction.commit();
         if (deleted) {
             m_dbError = true;  // set on success, as the reports expect it; the trims clear it
             trace("Records deleted successfully");
@@ -490,11 +514,12 @@ void DB::replaceByOverflowEvent(const EventPruner& victims) {
     const EventPruner::Moment& oldest = victims.lowest();
     const std::string overflow = insertion(oldest.bootCount, oldest.standbyCount, oldest.kernelTime,
                                            EventPruner::overflowType(), data);
-    if (!begin("BEGIN IMMEDIATE TRANSACTION")) return;
+    Transaction pruning(*this, "BEGIN IMMEDIATE TRANSACTION");
+    if (!pruning.begun()) return;
     if (!executeOrRollBack(deletion, "SQL error (delete events): ")) return;
     if (!executeOrRollBack(overflow, "SQL error (insert overflow event): ")) return;
     trace("Completing pruning transaction ...");
-    if (!commit()) return;
+    if (!pruning.commit()) return;
     m_dbError = false;
     m_TotalEventSize +=
         static_cast<std::int32_t>(static_cast<long>(data.length()) + 1 - victims.freed());
@@ -506,8 +531,9 @@ void DB::pruneSessionBasedTable(const std::string& table) {
     const std::string deletion =
         deletionOf(table, EventPruner::rowsOfForgottenCycles(m_connection.get(), table));
     const std::string failureText = "SQL error (delete from " + table + "): ";
-    if (!begin("BEGIN EXCLUSIVE TRANSACTION")) return;
-    if (!executeOrRollBack(deletion, failureText.c_str()) || !commit()) return;
+    Transaction trim(*this, "BEGIN EXCLUSIVE TRANSACTION");
+    if (!trim.begun()) return;
+    if (!executeOrRollBack(deletion, failureText.c_str()) || !trim.commit()) return;
     m_dbError = false;
     trace("Records in ", table, " deleted successfully");
 }

@@ -161,9 +161,8 @@ class DB {
     int execute(const std::string& sql, const char* failureText,
                 OnFailure onFailure = OnFailure::Record);
     void reportFailure(const char* failureText, const char* message, OnFailure onFailure);
-    bool begin(const char* statement);
+    class Transaction;
     bool executeOrRollBack(const std::string& sql, const char* failureText);
-    bool commit();
     void rollBack();
     std::string lastErrorOfConnection() const;
 

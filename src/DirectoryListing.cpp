@@ -55,7 +55,7 @@ std::vector<std::string> listEntries(const std::string& dir, std::ostream& out) 
     long long total = 0;
     while (const dirent* entry = ::readdir(directory.get())) {
         const std::string name = entry->d_name;
-        const std::string fullName = dir + "/" + name;
+        const std::string fullName = std::string(dir).append("/").append(name);
         if (!isDirectory(*entry, fullName)) {
             total += listFile(fullName, out);
         } else if (name.front() != '.') {

@@ -1,5 +1,6 @@
 #include "GatewayImpl.h"
 
+#include "AlarmBlock.h"
 #include "CGlobalInfoImpl.h"
 #include "Config.h"
 #include "DBToken.h"
@@ -42,6 +43,7 @@ constexpr useconds_t kIdleMicroseconds = 200000;
 constexpr int kRestPolls = 25;  // so many idle polls, 5 s, after an event are a rest
 constexpr useconds_t kBusyMicroseconds = 20000;
 constexpr useconds_t kShortMicroseconds = 200;
+constexpr useconds_t kCrowdedMicroseconds = 2000;
 constexpr std::size_t kMostWaiting = 1024;  // events in memory; beyond that the senders wait
 constexpr std::chrono::seconds kInitPatience(2);
 
@@ -144,7 +146,7 @@ std::size_t waitingEvents() {
 /// Holds the receiving thread back while the storing thread is far behind: the senders wait, and
 /// the events in memory stay few.
 void waitWhileCrowded() {
-    while (waitingEvents() >= kMostWaiting) cancellableSleep(kShortMicroseconds);
+    while (waitingEvents() >= kMostWaiting) cancellableSleep(kCrowdedMicroseconds);
 }
 
 /// While events pour in, gives the next full batch a moment to gather: one sync pays for it.
@@ -204,6 +206,7 @@ GatewayImpl::GatewayImpl() : m_db(std::make_unique<DB>()) {
     Config config;
     m_eventFilter = std::make_unique<EventFilter>(JsonObject::parse(config->GetEventFilter()));
     m_fileFilter = std::make_unique<EventFilter>(JsonObject::parse(config->GetFileFilter()));
+    const AlarmBlock inherited;
     const int storerError = ::pthread_create(&m_storer, nullptr, storeEntry, this);
     m_storerStarted = storerError == 0;
     if (!m_storerStarted)
@@ -261,19 +264,24 @@ bool GatewayImpl::receive() {
     if (limit == 0) return false;
     std::vector<char> buffer(limit + 1);
     for (bool first = true;;) {
-        const ssize_t size = nextMessage(queue.descriptor(), buffer);
-        if (size < 1) continue;
-        buffer[static_cast<std::size_t>(size)] = '\0';
-        if (first) waitForInit();
-        first = false;
-        handle(buffer.data(), Handover::MaySetAside);
-        if (m_crowded) waitWhileCrowded();
+        try {
+            const ssize_t size = nextMessage(queue.descriptor(), buffer);
+            if (size < 1) continue;
+            buffer[static_cast<std::size_t>(size)] = '\0';
+            if (first) waitForInit();
+            first = false;
+            handle(buffer.data(), Handover::MaySetAside);
+            if (m_crowded) waitWhileCrowded();
+        } catch (const std::exception& error) {  // the unwinding of a cancelled thread passes
+            cerrdbg << kTag << "Message could not be received: " << error.what() << std::endl;
+            cancellableSleep(kIdleMicroseconds);
+        }
     }
 }
 
-/// Nothing stays set aside while this thread waits for a message.
+/// Nothing stays set aside for longer than a batch, nor while this thread waits for a message.
 ssize_t GatewayImpl::nextMessage(mqd_t queue, std::vector<char>& buffer) {
-    if (anySetAside()) {
+    if (isAnySetAside()) {
         const ssize_t size = receiveWaiting(queue, buffer);
         if (size >= 0) return size;
         queueSetAside();
@@ -314,7 +322,7 @@ std::string GatewayImpl::handleMessage(const std::string& message, Handover hand
         cerrdbg << kTag << "Invalid JSON object: Ignore" << std::endl;
         return "";
     }
-    const std::string semaphore = event.optString("syncsem");
+    std::string semaphore = event.optString("syncsem");
     event.del("syncsem");
     try {
         std::unique_lock<std::mutex> lock(m_logMutex);
@@ -394,8 +402,10 @@ void GatewayImpl::completeAndQueue(JsonObject event, const std::string& typeText
         moveSetAside(std::unique_lock<std::mutex>(m_QueueMutex, std::try_to_lock));
 }
 
-bool GatewayImpl::anySetAside() {
+bool GatewayImpl::isAnySetAside() {
     std::unique_lock<std::mutex> lock(m_logMutex);
+    if (!m_setAside.empty())
+        moveSetAside(std::unique_lock<std::mutex>(m_QueueMutex, std::try_to_lock));
     return !m_setAside.empty();
 }
 
@@ -406,7 +416,9 @@ void GatewayImpl::queueSetAside() {
 
 void GatewayImpl::moveSetAside(std::unique_lock<std::mutex> lock) {
     if (!lock.owns_lock()) return;
-    std::move(m_setAside.begin(), m_setAside.end(), std::back_inserter(m_Queue));
+    // All or nothing, should memory be short.
+    m_Queue.insert(m_Queue.end(), std::make_move_iterator(m_setAside.begin()),
+                   std::make_move_iterator(m_setAside.end()));
     m_crowded = m_Queue.size() >= kMostWaiting;
     std::vector<JsonObject> stored;  // freed after the lock
     stored.swap(m_stored);
@@ -429,15 +441,15 @@ void GatewayImpl::store() {
     const DiscardWaitingEvents discard;
     const ExitTrace trace("Gateway logging thread exited");
     for (int idlePolls = 0;;) {
-        Pass pass;
+        std::size_t stored = 0;
         try {
-            pass = storeWaitingEvents();
+            stored = storeWaitingEvents();
         } catch (const std::exception& error) {  // cancellation is off: no unwinding passes here
             cerrdbg << kTag << "Events could not be stored: " << error.what() << std::endl;
         }
-        idlePolls = pass.stored > 0 ? 0 : std::min(idlePolls + 1, kRestPolls + 1);
+        idlePolls = stored > 0 ? 0 : std::min(idlePolls + 1, kRestPolls + 1);
         if (idlePolls == kRestPolls) m_db->returnFreeMemory();
-        if (pass.stored >= kMaxBatch || pass.leftSome)
+        if (stored >= kMaxBatch)
             gatherBatch();
         else
             cancellableSleep(kIdleMicroseconds);
@@ -445,25 +457,26 @@ void GatewayImpl::store() {
 }
 
 /// Goes on while full batches wait; fewer are left for `gatherBatch` to make more of.
-GatewayImpl::Pass GatewayImpl::storeWaitingEvents() {
-    Pass pass;
+std::size_t GatewayImpl::storeWaitingEvents() {
+    std::size_t stored = 0;
     for (bool more = true; more;) {
         long totalSize = 0;
         {
             std::unique_lock<std::mutex> lock(m_QueueMutex);
             if (m_Queue.empty()) {
                 m_stored.clear();
-                return pass;
+                return stored;
             }
             const std::size_t taken = storeFromFront(totalSize);
-            if (taken == 0) return pass;  // the store is being read for long
-            pass.stored += taken;
-            pass.leftSome = !m_Queue.empty();
-            more = m_Queue.size() >= kMaxBatch;
+            if (taken == 0) return stored;  // the store is being read for long
+            stored += taken;
+            // What follows a batch that ended early goes ahead of the pruner that this one called.
+            const bool endedEarly = taken < kMaxBatch && !m_Queue.empty();
+            more = m_Queue.size() >= kMaxBatch || endedEarly;
         }
         if (Config()->MinimumSizeReached(totalSize)) m_upload->ScheduleEventsUpload();
     }
-    return pass;
+    return stored;
 }
 
 std::size_t GatewayImpl::storeFromFront(long& totalSize) {
@@ -476,6 +489,7 @@ std::size_t GatewayImpl::storeFromFront(long& totalSize) {
             std::printf("%s message read from queue: %s\n", kTag, batch.back().data.c_str());
     }
     m_readFromQueue = std::max(m_readFromQueue, batch.size());
+    m_stored.reserve(m_stored.size() + batch.size());  // nothing may throw behind the commit
     std::size_t taken = 0;
     totalSize = m_db->addEvents(batch, taken);
     m_readFromQueue -= taken;

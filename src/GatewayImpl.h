@@ -59,12 +59,7 @@ class GatewayImpl {
     ssize_t nextMessage(mqd_t queue, std::vector<char>& buffer);  ///< as `mq_receive` returns
     void waitForInit();
     void store();
-    /// One look at the queue of the storing thread.
-    struct Pass {
-        std::size_t stored = 0;
-        bool leftSome = false;  ///< a batch ended early, at the prune threshold
-    };
-    Pass storeWaitingEvents();
+    std::size_t storeWaitingEvents();  ///< one look at the queue; how many events were handled
     std::size_t storeFromFront(long& totalSize);  ///< one batch, with m_QueueMutex held; how many
     /// What an event does that is complete while a batch is being stored.
     enum class Handover {
@@ -78,7 +73,7 @@ class GatewayImpl {
     bool takeAnnouncedFile(JsonObject& event);  ///< whether the event travels as a file's facts
     void registerFile(JsonObject& event, const std::string& url, const JsonObject& info);
     void completeAndQueue(JsonObject event, const std::string& typeText, Handover handover);
-    bool anySetAside();
+    bool isAnySetAside();  ///< after what has its batch behind it went into the queue
     void queueSetAside();  ///< waits for the batch that is being stored
     /// Into m_Queue, if `lock` has m_QueueMutex; with m_logMutex held.
     void moveSetAside(std::unique_lock<std::mutex> lock);

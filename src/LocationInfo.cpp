@@ -1,5 +1,6 @@
 #include "LocationInfo.h"
 
+#include "AlarmBlock.h"
 #include "CountryCode.h"
 #include "DB.h"
 #include "DbgOut.h"
@@ -144,6 +145,7 @@ std::shared_ptr<LocationInfo> LocationInfo::fromAnswer(const std::string& body) 
 }
 
 void LocationInfo::storeInBackground(const LocationInfo& info) {
+    const AlarmBlock inherited;
     try {
         std::thread(StoreInDB, info.m_lat, info.m_lng, info.m_ip, info.m_city, info.m_region,
                     info.m_countryCode)

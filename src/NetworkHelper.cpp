@@ -1,5 +1,6 @@
 #include "NetworkHelper.h"
 
+#include "AlarmBlock.h"
 #include "BuildInfo.h"
 #include "CGlobalInfoImpl.h"
 #include "CTouImpl.h"
@@ -119,6 +120,12 @@ std::string outputOf(const std::string& command) {
     }
 }
 
+FILE* startCommand(const char* command) {
+    const AlarmUnblock inherited;
+    // "e": what another thread starts meanwhile does not inherit this end of the pipe.
+    return ::popen(command, "re");
+}
+
 std::string ping(const std::string& host) {
     if (!isHostName(host)) return "";
     return outputOf("ping -c 1 " + host);
@@ -155,7 +162,7 @@ struct NetworkHelper::Request {
     CurlHandle curl;  ///< declared behind, so freed before, the lists that it uses
 };
 
-NetworkHelper::Limits NetworkHelper::m_limits = {30000, 1, 60, 1024 * 1024, 64 * 1024};
+NetworkHelper::Limits NetworkHelper::m_limits = {30000, 1, 60, 1048576, 65536};
 std::mutex NetworkHelper::m_NetworkStatusLock;
 bool NetworkHelper::m_NetworkAvailable = false;
 std::int32_t NetworkHelper::m_TimeAtLastNetworkPoll = 0;
@@ -338,8 +345,7 @@ void NetworkHelper::RegisterCallback(std::function<void()> cb) {
 }
 
 std::string Exec(const char* command) {
-    // "e": what another thread starts meanwhile does not inherit this end of the pipe.
-    const std::unique_ptr<FILE, PipeClose> pipe(::popen(command, "re"));
+    const std::unique_ptr<FILE, PipeClose> pipe(startCommand(command));
     if (pipe == nullptr) throw std::runtime_error("popen() failed!");
     std::string output;
     char buffer[128];

@@ -1,5 +1,6 @@
 #include "PrunerThreads.h"
 
+#include "AlarmBlock.h"
 #include "DB.h"
 #include "DbgOut.h"
 
@@ -10,8 +11,6 @@
 #include <mutex>
 #include <thread>
 #include <utility>
-
-#include <signal.h>
 
 namespace {
 
@@ -26,14 +25,6 @@ thread_local std::uint64_t t_barred = kNone;     ///< the pruner that waits for 
 
 void failureLine(const char* what, const char* why) {
     cerrdbg << "kivDB: " << what << why << std::endl;
-}
-
-/// The alarm that watches over transfers is for the main thread alone.
-void blockAlarm() {
-    sigset_t alarm;
-    sigemptyset(&alarm);
-    sigaddset(&alarm, SIGALRM);
-    pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
 }
 
 void runToItsEnd(const std::function<void()>& body) {
@@ -108,9 +99,9 @@ void PrunerThreads::start(std::function<void()> body) {
     const std::uint64_t ticket = handOver().enter();
     if (ticket == kNone) return;
     m_running->begin();
+    const AlarmBlock inherited;
     try {
         std::thread([running = m_running, ticket, body = std::move(body)] {
-            blockAlarm();
             t_ownTicket = ticket;
             runToItsEnd(body);
             handOver().leave(ticket);

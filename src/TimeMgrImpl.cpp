@@ -1,8 +1,10 @@
 #include "TimeMgrImpl.h"
 
+#include "AlarmBlock.h"
 #include "CGlobalInfoImpl.h"
 #include "DB.h"
 #include "DbgOut.h"
+#include "Descriptor.h"
 #include "KernelTime.h"
 #include "Singleton.h"
 
@@ -36,22 +38,6 @@ constexpr std::int64_t kNanosecondsPerSecond = 1000000000;
 
 /// Whether this thread is a checker, which must not join itself.
 thread_local bool isCheckerThread = false;
-
-/// Closes a descriptor with its scope, also when the thread is cancelled.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
 
 /// Lets the thread be cancelled within its scope, for one wait.
 class Cancellable {
@@ -405,6 +391,7 @@ void TimeMgrImpl::setAutoUpdateSystemTime(bool on) {
 
 /// With m_checkerMutex held.
 void TimeMgrImpl::startChecker() {
+    const AlarmBlock inherited;
     try {
         m_checker = std::thread(checkSystemTime, this);
     } catch (const std::system_error& error) {
@@ -436,24 +423,23 @@ void TimeMgrImpl::checkSystemTimeThread() {
     long long previousTime = 0;  // as the middleware sent it, milliseconds
     for (;;) {
         const Descriptor pipe(openPipe());
-        if (pipe.get() < 0) {
-            pauseBeforeReopening();
-        } else {
+        if (pipe.isOpen()) {
             watchPipe(pipe.get(), buffer, previousTime);
+        } else {
+            pauseBeforeReopening();
         }
     }
 }
 
 /// Waits for a writer. @return the descriptor, or -1 after an error line
 int TimeMgrImpl::openPipe() {
-    const int fd = openForReading(m_pipePath);
-    if (fd < 0) {
+    Descriptor pipe(openForReading(m_pipePath));
+    if (!pipe.isOpen()) {
         reportFailedOpen(std::strerror(errno));
         return -1;
     }
     struct stat status {};
-    if (::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode)) return fd;
-    ::close(fd);
+    if (::fstat(pipe.get(), &status) == 0 && S_ISFIFO(status.st_mode)) return pipe.release();
     reportFailedOpen("Not a named pipe");
     return -1;
 }

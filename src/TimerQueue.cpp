@@ -1,5 +1,7 @@
 #include "TimerQueue.h"
 
+#include "AlarmBlock.h"
+
 #include <algorithm>
 #include <optional>
 #include <utility>
@@ -7,7 +9,6 @@
 #include <cstdio>
 
 #include <pthread.h>
-#include <signal.h>
 
 using SteadyTime = std::chrono::steady_clock::time_point;
 
@@ -28,14 +29,6 @@ SteadyTime dueAfter(long long delayMs) {
     return now + milliseconds(delayMs);
 }
 
-// SIGALRM guards the uploads of files and belongs to the main thread.
-void leaveAlarmsToTheMainThread() {
-    sigset_t alarms;
-    ::sigemptyset(&alarms);
-    ::sigaddset(&alarms, SIGALRM);
-    ::pthread_sigmask(SIG_BLOCK, &alarms, nullptr);
-}
-
 }  // namespace
 
 TimerQueue::WorkItem TimerQueue::Items::takeTop() {
@@ -46,6 +39,7 @@ TimerQueue::WorkItem TimerQueue::Items::takeTop() {
 }
 
 TimerQueue::TimerQueue() {
+    const AlarmBlock inherited;
     m_thread = std::thread(&TimerQueue::run, this);
 }
 
@@ -106,7 +100,6 @@ bool TimerQueue::cancel(std::uint64_t id) {
 void TimerQueue::run() {
     // One character too long for Linux, which then keeps the old name.
     ::pthread_setname_np(::pthread_self(), "TimerQueueThread");
-    leaveAlarmsToTheMainThread();
 
     while (!m_finish) {
         if (const std::optional<SteadyTime> deadline = nextDeadline()) {

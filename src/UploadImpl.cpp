@@ -1,9 +1,11 @@
 #include "UploadImpl.h"
 
+#include "AlarmBlock.h"
 #include "CGlobalInfoImpl.h"
 #include "CTouImpl.h"
 #include "Config.h"
 #include "DbgOut.h"
+#include "Descriptor.h"
 #include "DirectoryListing.h"
 #include "EventTimeRework.h"
 #include "EventType.h"
@@ -31,7 +33,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -78,25 +79,6 @@ void withInstance(unsigned int instance, const std::function<void(UploadImpl&)>&
     if (found != instances().living.end()) use(*found->second);
 }
 
-/// Blocks SIGALRM in the calling thread, and in the threads it starts, as long as this lives: it
-/// ends a hung upload child and is the main thread's alone. The application blocks it likewise
-/// around the start of its other threads.
-class AlarmBlocked {
-  public:
-    AlarmBlocked() {
-        sigset_t alarm;
-        ::sigemptyset(&alarm);
-        ::sigaddset(&alarm, SIGALRM);
-        ::pthread_sigmask(SIG_BLOCK, &alarm, &m_before);
-    }
-    ~AlarmBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    AlarmBlocked(const AlarmBlocked&) = delete;
-    AlarmBlocked& operator=(const AlarmBlocked&) = delete;
-
-  private:
-    sigset_t m_before;
-};
-
 /// Seconds, 1 or more, as a delay.
 long delayMs(std::int64_t seconds) {
     return static_cast<long>(std::min<std::int64_t>(seconds, kMaxDelayMs / 1000) * 1000);
@@ -114,36 +96,17 @@ bool isReadableFile(const std::string& path) {
     return static_cast<bool>(std::ifstream(path));
 }
 
-class OutputFile {
-  public:
-    /// Creates or truncates, but neither follows a link nor waits for the reader of a pipe.
-    explicit OutputFile(const std::string& path)
-        : m_fd(::open(path.c_str(),
-                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644)) {}
-    ~OutputFile() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
-
-    bool write(const std::string& text) const {
-        std::size_t done = 0;
-        while (m_fd >= 0 && done < text.size()) {
-            const ssize_t count = ::write(m_fd, text.data() + done, text.size() - done);
-            if (count < 0 && errno != EINTR) return false;
-            if (count > 0) done += static_cast<std::size_t>(count);
-        }
-        return m_fd >= 0;
-    }
-
-  private:
-    int m_fd;
-};
+/// Creates or truncates, but neither follows a link nor waits for the reader of a pipe.
+Descriptor openForWriting(const std::string& path) {
+    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    return Descriptor(::open(path.c_str(), flags, 0644));
+}
 
 bool writeListing(const std::string& directory, const std::string& path) {
     std::ostringstream listing;
     DirectoryListing::listDirectory(directory, listing);
-    if (OutputFile(path).write(listing.str())) return true;
+    const Descriptor file = openForWriting(path);
+    if (file.isOpen() && file.writeAll(listing.str())) return true;
     logError("Cannot write ", path, ": ", ::strerror(errno));
     return false;
 }
@@ -185,7 +148,7 @@ struct UploadImpl::FilesPass {
 
 UploadImpl::UploadImpl()
     : m_queue(std::make_unique<UploadMessageQueue>()), m_instance(registerInstance(this)) {
-    const AlarmBlocked alarmBlocked;
+    const AlarmBlock inherited;
     m_timers = std::make_unique<TimerQueue>();
     m_db = std::make_unique<DB>();
     const unsigned int instance = m_instance;
@@ -245,7 +208,6 @@ void UploadImpl::postponedSendMsg(bool cancelled, unsigned int instance, int id)
 }
 
 void UploadImpl::uploadThread() {
-    const AlarmBlocked alarmBlocked;
     ::pthread_setname_np(::pthread_self(), "UploadThread");
     m_running = true;
     while (m_running) {
@@ -379,8 +341,16 @@ bool UploadImpl::uploadIsPermitted() {
     return Config()->GetTouAccepted();
 }
 
-bool UploadImpl::canUpload(bool webTimeKnown) {
-    return uploadIsPermitted() && !Config()->configIsExpired() && webTimeKnown;
+/// Asks for web time and for a newer configuration first; a store in error gets its event instead.
+/// @return whether consent, configuration and web time allow an upload
+bool UploadImpl::readyToUpload(const Config& config) {
+    const bool webTimeKnown = Singleton<WebTimeImpl>()->getWebTime();
+    config->Refresh(false);
+    if (DB::m_dbError) {
+        sendDBErrorEvent();
+        return false;
+    }
+    return uploadIsPermitted() && !config->configIsExpired() && webTimeKnown;
 }
 
 std::int64_t UploadImpl::nowSeconds() {
@@ -394,14 +364,8 @@ bool UploadImpl::failedLessThanAMinuteAgo(std::int64_t now) const {
 
 int UploadImpl::uploadEvents() {
     logLine("uploadEvents request");
-    const bool webTimeKnown = Singleton<WebTimeImpl>()->getWebTime();
     const Config config;
-    config->Refresh(false);
-    if (DB::m_dbError) {
-        sendDBErrorEvent();
-        return 0;
-    }
-    if (!canUpload(webTimeKnown)) return 0;
+    if (!readyToUpload(config)) return 0;
     const std::int64_t now = nowSeconds();
     if (now == 0 || failedLessThanAMinuteAgo(now)) return 0;
 
@@ -491,14 +455,8 @@ int UploadImpl::eventsTimeCheck() {
 
 int UploadImpl::uploadFiles() {
     logLine("uploadFiles request");
-    const bool webTimeKnown = Singleton<WebTimeImpl>()->getWebTime();
     const Config config;
-    config->Refresh(false);
-    if (DB::m_dbError) {
-        sendDBErrorEvent();
-        return 0;
-    }
-    if (!canUpload(webTimeKnown)) return 0;
+    if (!readyToUpload(config)) return 0;
     if (nowSeconds() == 0) return 0;
     FilesPass pass;
     while (uploadNextFile(pass)) {

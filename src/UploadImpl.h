@@ -13,6 +13,7 @@
 #include "TimerQueue.h"
 #include "UploadMessageQueue.h"
 
+class Config;
 namespace AwsWrapper {
 class EventsPacket;
 }
@@ -87,7 +88,7 @@ class UploadImpl {
     void runJob(int id, long param);
     void schedule(std::uint64_t& timer, long long delayMs, int id, long param);
     static bool uploadIsPermitted();
-    static bool canUpload(bool webTimeKnown);
+    bool readyToUpload(const Config& config);
     static std::int64_t nowSeconds();
     bool failedLessThanAMinuteAgo(std::int64_t now) const;
     DB::EventSet packStoredEvents(AwsWrapper::EventsPacket& packet);

@@ -1,5 +1,6 @@
 #include "AtomicFile.h"
 
+#include "support/DiskFaults.h"
 #include "support/TempDir.h"
 
 #include <algorithm>
@@ -13,7 +14,6 @@
 #include <cerrno>
 #include <cstdio>
 
-#include <dlfcn.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -23,57 +23,6 @@
 #include <gtest/gtest.h>
 
 namespace fs = std::filesystem;
-
-namespace {
-
-/// Watches, and on demand fails, the calls that make a replacement safe.
-struct Disk {
-    std::vector<std::string>* calls = nullptr;  ///< null: nothing is watched
-    int fileSyncError = 0;                      ///< errno of a file's fsync; 0: works
-    int directorySyncError = 0;
-    int renameError = 0;
-};
-thread_local Disk disk;
-
-/// Puts the disk back in order at the end of a test.
-struct DiskScope {
-    DiskScope() { disk.calls = &calls; }
-    ~DiskScope() { disk = Disk(); }
-    DiskScope(const DiskScope&) = delete;
-    DiskScope& operator=(const DiskScope&) = delete;
-    std::vector<std::string> calls;
-};
-
-bool fails(int error) {
-    if (error != 0) errno = error;
-    return error != 0;
-}
-
-bool isDirectory(int fd) {
-    struct stat facts {};
-    return ::fstat(fd, &facts) == 0 && S_ISDIR(facts.st_mode);
-}
-
-template <typename Function>
-Function* next(const char* name) {
-    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
-
-}  // namespace
-
-extern "C" int fsync(int fd) {
-    static auto* const real = next<int(int)>("fsync");
-    if (disk.calls == nullptr) return real(fd);
-    disk.calls->push_back(isDirectory(fd) ? "sync directory" : "sync file");
-    return fails(isDirectory(fd) ? disk.directorySyncError : disk.fileSyncError) ? -1 : real(fd);
-}
-
-extern "C" int rename(const char* from, const char* to) noexcept {
-    static auto* const real = next<int(const char*, const char*)>("rename");
-    if (disk.calls == nullptr) return real(from, to);
-    disk.calls->push_back("rename");
-    return fails(disk.renameError) ? -1 : real(from, to);
-}
 
 namespace {
 
@@ -163,9 +112,9 @@ TEST(AtomicFile, WritesEveryByte) {
 
 TEST(AtomicFile, SyncsTheFileBeforeTheRenameAndTheDirectoryAfter) {
     const TempDir dir;
-    const DiskScope scope;
+    DiskWatch disk;
     EXPECT_EQ(AtomicFile::replace(dir.file("config"), "text"), "");
-    EXPECT_EQ(scope.calls, (Names{"sync file", "rename", "sync directory"}));
+    EXPECT_EQ(disk.calls, (Names{"sync file", "rename", "sync directory"}));
 }
 
 TEST(AtomicFile, AReaderSeesTheOldOrTheNewTextAndNeverLess) {
@@ -199,9 +148,9 @@ TEST(AtomicFile, ServesSeveralThreadsOnOneFile) {
     for (char letter : {'a', 'b', 'c'}) {
         writers.emplace_back([&problems, &path, letter] {
             for (int i = 0; i < kRounds; ++i) {
-                const DiskScope scope;
+                DiskWatch disk;
                 const std::string problem = AtomicFile::replace(path, std::string(5000, letter));
-                const bool renamed = scope.calls == Names{"sync file", "rename", "sync directory"};
+                const bool renamed = disk.calls == DiskWatch::safeReplacement();
                 if (!problem.empty() || !renamed) ++problems;
             }
         });
@@ -287,11 +236,11 @@ TEST(AtomicFile, WritesInPlaceWhereNoTemporaryFileCanBeMade) {
     const ino_t before = inodeOf(path);
     fs::create_directory(dir.file(".config.new"));
 
-    const DiskScope scope;
+    DiskWatch disk;
     EXPECT_EQ(AtomicFile::replace(path, "new"), "");
     EXPECT_EQ(dir.read("config"), "new");
     EXPECT_EQ(inodeOf(path), before);
-    EXPECT_EQ(scope.calls, Names{"sync file"});
+    EXPECT_EQ(disk.calls, Names{"sync file"});
 }
 
 TEST(AtomicFile, CreatesInPlaceWhereTheTemporarysNameIsTooLong) {
@@ -305,13 +254,13 @@ TEST(AtomicFile, WritesInPlaceWhereTheRenameIsRefused) {
     const TempDir dir;
     const std::string path = dir.write("config", "a longer old text");
     const ino_t before = inodeOf(path);
-    const DiskScope scope;
+    DiskWatch disk;
     disk.renameError = EBUSY;
     EXPECT_EQ(AtomicFile::replace(path, "new"), "");
     EXPECT_EQ(dir.read("config"), "new");
     EXPECT_EQ(inodeOf(path), before);
     EXPECT_EQ(namesIn(dir.path()), Names{"config"});
-    EXPECT_EQ(scope.calls, (Names{"sync file", "rename", "sync file"}));
+    EXPECT_EQ(disk.calls, (Names{"sync file", "rename", "sync file"}));
 }
 
 TEST(AtomicFile, SaysWhenTheDirectoryIsMissing) {
@@ -369,7 +318,7 @@ TEST(AtomicFile, KeepsTheOldTextWhenTheNewOneCannotBeWritten) {
 TEST(AtomicFile, KeepsTheOldTextWhenTheNewOneCannotBeSynced) {
     const TempDir dir;
     const std::string path = dir.write("config", "old");
-    const DiskScope scope;
+    DiskWatch disk;
     disk.fileSyncError = EIO;
     EXPECT_EQ(AtomicFile::replace(path, "new"),
               "cannot sync " + dir.file(".config.new") + ": Input/output error");
@@ -379,7 +328,7 @@ TEST(AtomicFile, KeepsTheOldTextWhenTheNewOneCannotBeSynced) {
 
 TEST(AtomicFile, SaysWhenTheDirectoryCannotBeSynced) {
     const TempDir dir;
-    const DiskScope scope;
+    DiskWatch disk;
     disk.directorySyncError = EIO;
     EXPECT_EQ(AtomicFile::replace(dir.file("config"), "new"),
               "cannot sync the directory " + dir.path() + ": Input/output error");
@@ -388,7 +337,7 @@ TEST(AtomicFile, SaysWhenTheDirectoryCannotBeSynced) {
 
 TEST(AtomicFile, AcceptsAFileSystemThatCannotSyncDirectories) {
     const TempDir dir;
-    const DiskScope scope;
+    DiskWatch disk;
     disk.directorySyncError = EINVAL;
     EXPECT_EQ(AtomicFile::replace(dir.file("config"), "new"), "");
     EXPECT_EQ(dir.read("config"), "new");
@@ -401,7 +350,7 @@ TEST(AtomicFile, LeavesNoDescriptorOpen) {
     EXPECT_NE(AtomicFile::replace("/dev/full", "text"), "");
     EXPECT_NE(AtomicFile::replace(dir.file("missing/config"), "text"), "");
     {
-        const DiskScope scope;
+        DiskWatch disk;
         disk.fileSyncError = EIO;
         EXPECT_NE(AtomicFile::replace(dir.file("unsynced"), "text"), "");
     }

@@ -9,6 +9,7 @@
 #include "UploadImpl.h"
 #include "support/AppSetup.h"
 #include "support/EventSessionHeaderPeer.h"
+#include "support/FakeCommands.h"
 #include "support/GatewayImplPeer.h"
 #include "support/LocationInfoPeer.h"
 #include "support/OutputCapture.h"
@@ -18,11 +19,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iostream>
 #include <memory>
 #include <mutex>
+#include <streambuf>
 #include <string>
 #include <thread>
 #include <vector>
@@ -56,6 +60,35 @@ void tellSignal(int) {
     const char mark = '!';
     [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, &mark, 1);
 }
+
+/// Holds whoever says that the gateway is ready for half a second, unless the upload side says
+/// meanwhile that it initializes. Writes nothing.
+class HeldStart : public std::streambuf {
+  public:
+    HeldStart() : m_before(std::cout.rdbuf(this)) {}
+    ~HeldStart() override { std::cout.rdbuf(m_before); }
+
+    bool wasHeld() const { return m_held; }
+    bool initializedMeanwhile() const { return m_early; }
+
+  private:
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+        const std::string written(text, static_cast<std::size_t>(size));
+        if (written.find("Initialization not possible") != std::string::npos) m_initialized = true;
+        if (written.find("Gateway initialized") != std::string::npos) {
+            m_early =
+                WaitUntil([this] { return m_initialized.load(); }, std::chrono::milliseconds(500));
+            m_held = true;
+        }
+        return size;
+    }
+    int overflow(int character) override { return character; }
+
+    std::streambuf* m_before;
+    std::atomic<bool> m_initialized{false};
+    std::atomic<bool> m_early{false};
+    std::atomic<bool> m_held{false};
+};
 
 /// Runs the application in a child; with the start event logged a thread there writes `facts()`
 /// on standard error between "<<" and ">>".
@@ -186,12 +219,24 @@ TEST_F(CKivAppRunTest, HoldsTheServicesAndWatchesTheTime) {
     EXPECT_EQ(facts(), "1111");
 }
 
+TEST_F(CKivAppRunTest, HasTheInitializationWaitForTheTimeManagersDatabase) {
+    writeDefaultFiles();
+    FakeCommands commands;
+    commands.setOutput("ping", "");
+    HeldStart start;  // the child gets its copy
+    run({"-v"}, [&start] {
+        return std::string(start.wasHeld() ? "held, " : "not held, ") +
+               (start.initializedMeanwhile() ? "early" : "in time");
+    });
+    EXPECT_EQ(facts(), "held, in time");
+}
+
 TEST_F(CKivAppRunTest, TakesEventsFromTheQueue) {
     writeDefaultFiles();
     run({});
     facts();
-    const mqd_t queue = ::mq_open(m_queue.c_str(), O_WRONLY);
-    ASSERT_NE(queue, static_cast<mqd_t>(-1));
+    mqd_t queue = -1;  // its thread may not have made it yet
+    ASSERT_TRUE(WaitUntil([&] { return (queue = ::mq_open(m_queue.c_str(), O_WRONLY)) >= 0; }));
     const std::string event = R"({"event-type": "pim.start", "data": {"pim-version": "4.5"}})";
     EXPECT_EQ(::mq_send(queue, event.data(), event.size(), 0), 0);
     ::mq_close(queue);

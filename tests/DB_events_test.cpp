@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/PoisonedOutput.h"
 #include "support/StoreTest.h"
 #include "support/WaitUntil.h"
 
@@ -575,6 +576,48 @@ TEST_F(DBEventsTest, AReaderThatReadsForAMomentDelaysTheBatchOnly) {
     EXPECT_EQ(taken, 2u);
     EXPECT_EQ(capture.err(), "");
     EXPECT_EQ(storedData().size(), 3u);
+}
+
+TEST_F(DBEventsTest, AForeignLockOfMoreThanThirtySecondsCostsTheBatch) {
+    PlainDatabase locker(path);
+    locker.run("BEGIN IMMEDIATE");
+    DBPeer::setBusySince(*db, std::chrono::steady_clock::now() - std::chrono::seconds(31));
+    OutputCapture capture;
+    std::size_t taken = 0;
+    db->addEvents(events(2), taken);
+    capture.stop();
+    locker.run("ROLLBACK");
+    EXPECT_EQ(taken, 2u);
+    const std::string line = "kivDB: SQL error (insert event): database is locked\n";
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (begin transaction): database is locked\n" + line + line);
+    EXPECT_TRUE(storedData().empty());
+}
+
+TEST_F(DBEventsTest, AForeignLockIsTimedFromItsOwnBeginning) {
+    DBPeer::setBusySince(*db, std::chrono::steady_clock::now() - std::chrono::seconds(31));
+    std::size_t taken = 0;
+    db->addEvents(events(1), taken);
+    PlainDatabase locker(path);
+    locker.run("BEGIN IMMEDIATE");
+    db->addEvents(events(2), taken);
+    locker.run("ROLLBACK");
+    EXPECT_EQ(taken, 0u) << "waits";
+}
+
+TEST_F(DBEventsTest, AnExceptionAmidABatchLeavesNothingOfItAndNoTransaction) {
+    db->addEvent(1, 1, 0, "t", "first");
+    std::size_t taken = 0;
+    DB::setVerbose(true);
+    {
+        const PoisonedOutput output("'e2'", [] { DB::setVerbose(false); });
+        EXPECT_THROW(db->addEvents(events(4), taken), std::runtime_error);
+    }
+    EXPECT_FALSE(transactionIsOpen());
+    EXPECT_EQ(DB::m_TotalEventSize, -1);
+    EXPECT_EQ(storedData(), Texts{"first"});
+    db->addEvents(events(4), taken);
+    EXPECT_EQ(storedData(), (Texts{"first", "e0", "e1", "e2", "e3"}));
 }
 
 TEST_F(DBEventsTest, ABatchWithoutAConnectionFailsEventByEvent) {

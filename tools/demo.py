@@ -294,7 +294,8 @@ def parse_arguments():
 def demonstrate(options, started):
     refuse_second_daemon()
     scratch = options.scratch.resolve()
-    shutil.rmtree(scratch, ignore_errors=True)
+    for old in ("device", "cloud"):  # nothing else: the directory may be somebody's
+        shutil.rmtree(scratch / old, ignore_errors=True)
     (scratch / "device").mkdir(parents=True)
     cloud = Cloud(scratch / "cloud")
     started.append(cloud.process)

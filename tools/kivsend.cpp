@@ -598,7 +598,7 @@ void sendLine(Sender& sender, const LineReader& line) {
 }
 
 /// Bytes: a line may hold more blanks than fit into a message.
-constexpr std::size_t kLeastKept = 1024 * 1024;
+constexpr std::size_t kLeastKept = 1048576;
 
 /// Returns the status of the failure that ended the run, else of the first line that was skipped.
 Status sendLines(Sender& sender, const Options& options) {

@@ -8,7 +8,9 @@ kiv_packages=(
     python3 python3-botocore python3-cryptography
     iputils-ping iproute2 util-linux procps
 )
-kiv_test_packages=(libgtest-dev libgmock-dev clang-format groff-base iso-codes tzdata)
+kiv_test_packages=(
+    libgtest-dev libgmock-dev clang-format groff-base iso-codes tzdata dpkg-dev file
+)
 
 # install_missing PACKAGE...: asks apt only when something is missing.
 install_missing() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 #include "DB.h"
@@ -12,6 +13,10 @@ struct DBPeer {
     static void setPruneSizes(DB& db, std::int32_t threshold, std::int32_t target) {
         db.m_pruneThreshold = threshold;
         db.m_pruneTarget = target;
+    }
+    /// When another process's lock began to hold batches up.
+    static void setBusySince(DB& db, std::chrono::steady_clock::time_point since) {
+        db.m_busySince = since;
     }
     static void waitForPruners(DB& db) { db.m_pruners.waitForAll(); }
     static void callback(const char* prefix, int columns, char** values, char** names) {
