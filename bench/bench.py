@@ -210,13 +210,13 @@ def measure():
         return (f"{rates[name]:,.0f} events/s: {rates[name] / rates['text']:.2f} of the bare loop, "
                 f"{rates[name] / rates['bound']:.2f} of the prepared one")
 
-    row("kivApp: from the queue to durable rows, store below its limit", compared("intake"))
-    row("kivApp: the same, store at its limit (every event pushes one out)", compared("daemon"))
+    row("kivApp's gateway, from the queue to durable rows, no limit to the store", compared("intake"))
+    row("kivApp whole, store at its limit: every event pushes an older one out", compared("daemon"))
     for label, what, count, rate in (
             ("at 1 event/s", lambda: Set("wear1", meter=True), 10, 1),
             ("at 10 events/s", lambda: Set("wear10", meter=True), 100, 10),
             ("at 1000 events/s, store at its limit", lambda: Set("wear1000", meter=True), 5000, 1000),
-            ("in a flood, store below its limit", Intake, FLOOD, 0),
+            ("in a flood, no limit to the store", Intake, FLOOD, 0),
             ("in a flood, store at its limit", lambda: Set("wearflood", meter=True), FLOOD, 0)):
         syncs, written = wear(what, count, rate)
         row(f"syncs and bytes written an event, {label}", f"{syncs:.4f} and {written:,.0f}")

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """Measures what kivApp takes of a set: flash, memory, wake-ups, time to start. Fails on a figure
-above its limit.
+above its limit, but for the clean pages of libraries, which depend on what else runs.
 
     bench/footprint.py            # builds, measures and prints the table
     bench/footprint.py --write    # and puts it into bench/README.md
@@ -46,6 +46,32 @@ import harness  # noqa: E402
 DATA = harness.BUILD / "footprint"  # on the disk of the build folder: /tmp may be memory
 
 
+class Memory:
+    """Private KiB. The kernel can take clean pages back, and they are private only as long as nobody
+    else uses the same library."""
+
+    # What the daemon itself calls; other libraries come along with libcurl.
+    OWN = ("libjansson", "libsqlite3", "libuuid", "libcurl", "libcrypto", "libssl", "libgcc_s",
+           "libc", "libm", "libz", "ld-linux-x86-64")
+
+    def __init__(self):
+        self.dirty = self.clean = self.language = self.brought_along = 0
+
+    def add(self, mapped, dirty, kib):
+        if dirty:
+            self.dirty += kib
+        else:
+            self.clean += kib
+        library = mapped.split(".so")[0].rstrip("0123456789.-")
+        if library == "libstdc++":
+            self.language += kib
+        elif ".so" in mapped and library not in self.OWN:
+            self.brought_along += kib
+
+    def all(self):
+        return self.dirty + self.clean
+
+
 class Set:
     """A native daemon with consent that uploads when 16384 bytes wait."""
 
@@ -68,13 +94,17 @@ class Set:
     def proc(self, name):
         return pathlib.Path(f"/proc/{self.device.process.pid}/{name}")
 
-    def private_kib(self):
-        """Memory that is this process's alone and that the kernel cannot take back. Clean pages of
-        libraries are not in it: they count as private whenever nobody else uses the library."""
-        for line in self.proc("smaps_rollup").read_text().splitlines():
-            if line.startswith("Private_Dirty:"):
-                return int(line.split()[1])
-        raise AssertionError("no Private_Dirty in smaps_rollup")
+    def memory(self):
+        """The memory that is this process's alone."""
+        memory = Memory()
+        mapped = ""
+        for line in self.proc("smaps").read_text().splitlines():
+            words = line.split()
+            if not words[0].endswith(":"):
+                mapped = os.path.basename(words[5]) if len(words) > 5 else ""
+            elif words[0] in ("Private_Clean:", "Private_Dirty:"):
+                memory.add(mapped, words[0] == "Private_Dirty:", int(words[1]))
+        return memory
 
     def wake_ups(self):
         """How often any thread has waited and gone on, so far."""
@@ -97,18 +127,18 @@ class Set:
 
 
 def memory_and_wake_ups():
-    """(KiB after start, KiB after the bursts, uploads, wake-ups a second when idle)"""
+    """(memory after start, memory after the bursts, uploads, wake-ups a second when idle)"""
     with Set("memory") as tv:
         tv.device.send("usage.epg")
         time.sleep(REST_S)
-        start = tv.private_kib()
+        start = tv.memory()
         before = tv.wake_ups()
         time.sleep(IDLE_S)
         idle = (tv.wake_ups() - before) / IDLE_S
         for _ in range(BURSTS):
             tv.burst()
         time.sleep(REST_S)
-        return start, tv.private_kib(), tv.uploads(), idle
+        return start, tv.memory(), tv.uploads(), idle
 
 
 def start_to_ready():
@@ -132,11 +162,16 @@ class Table:
         self.rows = []
         self.missed = 0
 
-    def row(self, what, value, limit, unit, digits=0):
+    def row(self, what, value, limit, unit, digits=0, depends=False):
+        """`depends`: on what else runs, so that a miss does not fail the measurement."""
         good = value <= limit
-        self.missed += not good
+        self.missed += not good and not depends
         self.rows.append(f"| {what} | {value:,.{digits}f} {unit} | {limit:,} {unit} |"
                          f" {'yes' if good else 'NO'} |\n")
+        print(self.rows[-1].strip(" |\n").replace(" | ", "; "), flush=True)
+
+    def share(self, what, value, unit):
+        self.rows.append(f"| {what} | {value:,} {unit} | | |\n")
         print(self.rows[-1].strip(" |\n").replace(" | ", "; "), flush=True)
 
     def text(self):
@@ -154,9 +189,14 @@ def measure():
         print("no ARM daemon: ./build-arm makes it")
         table.missed += 1
     start, after, uploads, idle = memory_and_wake_ups()
-    table.row("private memory after start", start, 6 * 1024, "KiB")
-    table.row(f"more after {BURSTS * EVENTS_IN_BURST:,} events and {uploads} uploads",
-              after - start, 1024, "KiB")
+    more = f"more after {BURSTS * EVENTS_IN_BURST:,} events and {uploads} uploads"
+    table.row("private memory after start, dirty", start.dirty, 6 * 1024, "KiB")
+    table.row(more, after.dirty - start.dirty, 1024, "KiB")
+    table.row("private memory after start, with clean pages that nobody else maps here",
+              start.all(), 6 * 1024, "KiB", depends=True)
+    table.share("of it libraries that libcurl brings along", start.brought_along, "KiB")
+    table.share("of it the C++ library", start.language, "KiB")
+    table.row(more, after.all() - start.all(), 1024, "KiB", depends=True)
     table.row("wake-ups of all threads together, idle", idle, 6, "/s", 1)
     table.row("start to the first message handled", start_to_ready(), 150, "ms")
     return table

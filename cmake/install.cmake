@@ -7,6 +7,11 @@ include(GNUInstallDirs)
 
 set(KIV_STATE_DIR /var/lib/kivApp CACHE PATH
     "Where an installed daemon keeps its files, unless its environment file says otherwise")
+if(KIV_STATE_DIR MATCHES "^/var/lib/(.+)$")
+  set(KIV_STATE_DIRECTORY StateDirectory=${CMAKE_MATCH_1})
+else()
+  set(KIV_STATE_DIRECTORY "# systemd makes folders below /var/lib only; this one is there already.")
+endif()
 set(KIV_PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
 set(KIV_INSTALLED ${PROJECT_BINARY_DIR}/installed)  # with this build's paths filled in
 

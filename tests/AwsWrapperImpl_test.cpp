@@ -36,6 +36,7 @@
 #include "support/AwsWrapperImplPeer.h"
 #include "support/CredentialsPeer.h"
 #include "support/NetworkHelperPeer.h"
+#include "support/NetworkHooks.h"
 #include "support/TaggedLines.h"
 #include "support/UploadSetup.h"
 #include "support/WaitUntil.h"
@@ -79,6 +80,22 @@ class AwsWrapperImplTest : public UploadSetup {
             ::_exit(99);
         }
         return child;
+    }
+
+    /// What a client has told libcurl of its limits and its trust.
+    static std::string connectionOf(const NetworkHooks& hooks) {
+        return "connect " + std::to_string(hooks.option(CURLOPT_CONNECTTIMEOUT_MS).number) +
+               " ms, below " + std::to_string(hooks.option(CURLOPT_LOW_SPEED_LIMIT).number) +
+               " byte/s for " + std::to_string(hooks.option(CURLOPT_LOW_SPEED_TIME).number) +
+               " s, " + hooks.option(CURLOPT_CAPATH).text + ", " +
+               hooks.option(CURLOPT_CAINFO).text + ", " + hooks.option(CURLOPT_URL).text;
+    }
+
+    /// That of every client.
+    std::string connectionTo(const std::string& url) {
+        const std::string bundle = ScriptedHttpServer::caFile();
+        return "connect 30000 ms, below 1 byte/s for 30 s, " +
+               bundle.substr(0, bundle.find_last_of('/')) + ", " + bundle + ", " + url;
     }
 
     AwsWrapperImpl& client() {
@@ -234,6 +251,46 @@ TEST_F(AwsWrapperImplTest, DescribesAPutWhenVerbose) {
     EXPECT_EQ(output.err(), "");
 }
 
+TEST_F(AwsWrapperImplTest, ConnectsToTheStreamWithinItsLimitsAndWithTheBundle) {
+    const NetworkHooks hooks;
+    EXPECT_TRUE(client().UploadToKinesisFirehose("{}\n"));
+    EXPECT_EQ(connectionOf(hooks), connectionTo(cloud.url("/")));
+}
+
+TEST_F(AwsWrapperImplTest, TrustsTheSystemsBundleWithoutOneOfItsOwn) {
+    ::unsetenv("CURL_CA_BUNDLE");
+    const NetworkHooks hooks;
+    OutputCapture output;
+    EXPECT_FALSE(client().UploadToKinesisFirehose("{}\n"));
+    output.stop();
+    EXPECT_FALSE(hooks.wasSet(CURLOPT_CAPATH));
+    EXPECT_FALSE(hooks.wasSet(CURLOPT_CAINFO));
+}
+
+TEST_F(AwsWrapperImplTest, NeverTriesOverAPlainConnection) {
+    configure(R"({"firehose_endpoint": "http://)" + cloud.host() + "\"}");
+    const NetworkHooks hooks;
+    EXPECT_TRUE(client().UploadToKinesisFirehose("{}\n"));
+    EXPECT_EQ(hooks.option(CURLOPT_URL).text, cloud.url("/"));
+}
+
+TEST_F(AwsWrapperImplTest, SharesOneRateOfFiftyMillionBytesASecondAmongItsClients) {
+    // A second's budget goes at once, over the first client and most of the second.
+    constexpr std::size_t half = 35000000;
+    script([](const Request&) {
+        Response response;
+        response.body.assign(half, 'x');
+        return response;
+    });
+    client();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(client().DownloadFile("o", dir.file("one")));
+    EXPECT_TRUE(client().DownloadFile("o", dir.file("two")));
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(taken.count(), (2 * half - 50000000) / 50000000.0 - 0.01);
+    EXPECT_EQ(std::filesystem::file_size(dir.file("two")), half);
+}
+
 // --- files --------------------------------------------------------------------------------------
 
 TEST_F(AwsWrapperImplTest, PutsTheFileIntoTheBucketUnderItsName) {
@@ -258,6 +315,40 @@ TEST_F(AwsWrapperImplTest, PutsTheFileIntoTheBucketUnderItsName) {
               0u)
         << request.header("authorization");
     EXPECT_EQ(request.header("x-amz-date").substr(0, 13), "20190307T1015");
+}
+
+TEST_F(AwsWrapperImplTest, ConnectsToTheBucketWithinItsLimitsAndWithTheBundle) {
+    client().SetBucketName("b1");
+    NetworkHooks hooks;
+    hooks.whenSet(CURLOPT_HTTPHEADER,  // the last one; in the child
+                  [&] { dir.write("connection", connectionOf(hooks)); });
+    EXPECT_TRUE(client().UploadFile("o", dir.write("log", "abc")));
+    EXPECT_EQ(dir.read("connection"), connectionTo(cloud.url("/b1/o")));
+    dir.write("connection", "");
+    EXPECT_TRUE(client().DownloadFile("o", dir.file("copy")));
+    EXPECT_EQ(dir.read("connection"), connectionTo(cloud.url("/b1/o")));
+}
+
+TEST_F(AwsWrapperImplTest, OpensTheAlarmByDefaultInTheChild) {
+    sigset_t alarm;
+    ::sigemptyset(&alarm);
+    ::sigaddset(&alarm, SIGALRM);
+    sigset_t before;
+    ::pthread_sigmask(SIG_BLOCK, &alarm, &before);  // as in the upload's thread
+    NetworkHooks hooks;
+    hooks.whenSet(CURLOPT_HTTPHEADER, [&] {  // in the child
+        sigset_t blocked;
+        struct sigaction action = {};
+        ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+        ::sigaction(SIGALRM, nullptr, &action);
+        dir.write("alarm", ::sigismember(&blocked, SIGALRM) == 0 && action.sa_handler == SIG_DFL
+                               ? "open, by default"
+                               : "blocked or handled");
+    });
+    ::signal(SIGALRM, SIG_IGN);
+    EXPECT_TRUE(client().UploadFile("o", dir.write("log", "abc")));
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(dir.read("alarm"), "open, by default");
 }
 
 TEST_F(AwsWrapperImplTest, ProtectsTheBodyByItsMd5) {

@@ -4,6 +4,7 @@
 #include "Singleton.h"
 #include "support/CTouImplPeer.h"
 #include "support/CredentialsPeer.h"
+#include "support/DiskFaults.h"
 #include "support/FakeCommands.h"
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
@@ -17,6 +18,9 @@
 #include <regex>
 #include <string>
 #include <utility>
+#include <vector>
+
+#include <errno.h>
 
 #include <gtest/gtest.h>
 
@@ -450,6 +454,37 @@ TEST_F(CTouImplRefreshTest, WritesALineWhenAFileCannotBeCreated) {
     EXPECT_EQ(outcome.err,
               "TOU:File show_new_tou.txt cannot be created\n"
               "TOU:File tou_server_answer.txt cannot be created\n");
+}
+
+TEST_F(CTouImplRefreshTest, ReplacesEachFileInOneStepThatSurvivesAPowerCut) {
+    m_directory.write(kAnnouncement, "http://terms/3");
+    writeServerAnswer(R"({"version": 3})");
+    const DiskWatch disk;
+    refresh(R"({"version":4,"url":"u","mandatory":true})");
+    std::vector<std::string> twice;
+    for (int file = 0; file < 2; ++file) {
+        const auto& steps = DiskWatch::safeReplacement();
+        twice.insert(twice.end(), steps.begin(), steps.end());
+    }
+    EXPECT_EQ(disk.calls, twice);
+    EXPECT_EQ(m_directory.read(kAnnouncement), "u");
+    EXPECT_EQ(m_directory.read(kServerAnswer), R"({"version": 4, "url": "u", "mandatory": true})");
+}
+
+TEST_F(CTouImplRefreshTest, KeepsTheOldFilesWholeWhenTheNewOnesCannotBeWritten) {
+    const std::string lines =
+        "TOU:File show_new_tou.txt cannot be created\n"
+        "TOU:File tou_server_answer.txt cannot be created\n";
+    const std::string oldAnswer = R"({"version": 3, "url": "http://terms/3"})";
+    m_directory.write(kAnnouncement, "http://terms/3");
+    writeServerAnswer(oldAnswer);
+    DiskWatch disk;
+    disk.fileSyncError = EIO;
+    EXPECT_EQ(refresh(R"({"version":4,"url":"u","mandatory":true})").err, lines);
+    EXPECT_EQ(m_directory.read(kAnnouncement), "http://terms/3");
+    EXPECT_EQ(m_directory.read(kServerAnswer), oldAnswer);
+    EXPECT_FALSE(m_directory.has(std::string(".") + kAnnouncement + ".new"));
+    EXPECT_FALSE(m_directory.has(std::string(".") + kServerAnswer + ".new"));
 }
 
 TEST_F(CTouImplRefreshTest, DoesNotMissTheAnswerFileWhenItIsNotMandatory) {

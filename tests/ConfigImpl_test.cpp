@@ -15,6 +15,7 @@
 
 #include <cstdio>
 
+#include <errno.h>
 #include <sys/stat.h>
 
 #include <gmock/gmock.h>
@@ -28,6 +29,7 @@
 #include "TimeMgrImpl.h"
 #include "support/ConfigImplPeer.h"
 #include "support/CredentialsPeer.h"
+#include "support/DiskFaults.h"
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
 #include "support/ScriptedHttpServer.h"
@@ -392,6 +394,27 @@ TEST_F(ConfigImplTest, SavingReplacesTheFileInOneStep) {
     m_config->saveConfig(JsonObject::parse("{}"));
     ASSERT_EQ(::stat(m_dir.file("Config").c_str(), &after), 0);
     EXPECT_NE(before.st_ino, after.st_ino);
+}
+
+TEST_F(ConfigImplTest, ReplacesTheFileInOneStepThatSurvivesAPowerCut) {
+    m_config->Load(m_dir.write("Config", kDocument));
+    const DiskWatch disk;
+    m_config->saveConfig(JsonObject::parse("{}"));
+    EXPECT_EQ(disk.calls, DiskWatch::safeReplacement());
+    EXPECT_EQ(m_dir.read("Config"), "{}");
+}
+
+TEST_F(ConfigImplTest, KeepsTheOldFileWholeWhenTheNewOneCannotBeWritten) {
+    m_config->Load(m_dir.write("Config", kDocument));
+    {
+        DiskWatch disk;
+        disk.fileSyncError = EIO;
+        EXPECT_EQ(errorsOf([&] { m_config->saveConfig(JsonObject::parse("{}")); }),
+                  "kivconfig: Cannot save persistent config: cannot sync " +
+                      m_dir.file(".Config.new") + ": Input/output error\n");
+    }
+    EXPECT_EQ(m_dir.read("Config"), kDocument);
+    EXPECT_FALSE(m_dir.has(".Config.new"));
 }
 
 TEST_F(ConfigImplTest, ReadersNeedNotWaitForTheWriting) {

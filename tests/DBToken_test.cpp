@@ -7,7 +7,10 @@
 #include <thread>
 #include <vector>
 
+#include <errno.h>
+
 #include "support/DBTokenPeer.h"
+#include "support/DiskFaults.h"
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
 #include "support/TaggedLines.h"
@@ -131,6 +134,32 @@ TEST_F(DBTokenTest, AFileThatCannotBeWrittenLeavesTheTokenInMemoryWithoutAWord) 
     EXPECT_TRUE(isUuid(DBToken::current()));
     EXPECT_EQ(capture.err(), "");
     EXPECT_EQ(capture.out(), "");
+}
+
+TEST_F(DBTokenTest, ReplacesTheFileInOneStepThatSurvivesAPowerCut) {
+    dir.write("dbuuid.json", fileOf(kValid));
+    const DiskWatch disk;
+    DBToken::loadDBUUIDFile(true);
+    EXPECT_EQ(disk.calls, DiskWatch::safeReplacement());
+    EXPECT_EQ(file(), fileOf(DBToken::current()));
+}
+
+TEST_F(DBTokenTest, KeepsTheOldFileWholeWhenTheNewOneCannotBeWritten) {
+    dir.write("dbuuid.json", fileOf(kValid));
+    {
+        const FullDisk full(10);
+        DBToken::loadDBUUIDFile(true);
+    }
+    EXPECT_TRUE(isUuid(DBToken::current()));
+    EXPECT_NE(DBToken::current(), kValid);
+    EXPECT_EQ(file(), fileOf(kValid));
+    {
+        DiskWatch disk;
+        disk.fileSyncError = EIO;
+        DBToken::loadDBUUIDFile(true);
+    }
+    EXPECT_EQ(file(), fileOf(kValid));
+    EXPECT_FALSE(dir.has(".dbuuid.json.new"));
 }
 
 TEST_F(DBTokenTest, WithoutAPathTheTokenLivesInMemory) {

@@ -1,6 +1,9 @@
 #include "DB.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <mutex>
 #include <regex>
 #include <string>
 #include <thread>
@@ -10,6 +13,8 @@
 #include "SqlStatement.h"
 #include "support/DBTokenPeer.h"
 #include "support/StoreTest.h"
+#include "support/SystemCallFaults.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -28,6 +33,25 @@ const std::vector<std::string> kSchema = {
 
 const char* const kForeignText = "This is no database. ";
 
+/// As long as it lives, no connection that is opened tells its page size.
+class UnknownPageSize {
+  public:
+    UnknownPageSize() { sqlite3_auto_extension(reinterpret_cast<void (*)()>(install)); }
+    ~UnknownPageSize() { sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(install)); }
+    UnknownPageSize(const UnknownPageSize&) = delete;
+    UnknownPageSize& operator=(const UnknownPageSize&) = delete;
+
+  private:
+    static int install(sqlite3* connection, char**, const void*) {
+        return sqlite3_set_authorizer(connection, judge, nullptr);
+    }
+    static int judge(void*, int action, const char* name, const char* value, const char*,
+                     const char*) {
+        const bool asks = action == SQLITE_PRAGMA && value == nullptr;
+        return asks && std::string(name) == "page_size" ? SQLITE_DENY : SQLITE_OK;
+    }
+};
+
 class DBLifecycleTest : public StoreTest {
   protected:
     void SetUp() override {
@@ -41,6 +65,19 @@ class DBLifecycleTest : public StoreTest {
     std::int64_t pageLimit() {
         SqlStatement limit(DBPeer::connection(*db), "PRAGMA max_page_count");
         return limit.step() == SQLITE_ROW ? limit.columnInt64(0) : -1;
+    }
+
+    /// What SQLite sets by itself.
+    std::int64_t ownPageLimit() {
+        return std::stoll(PlainDatabase(":memory:").value("PRAGMA max_page_count"));
+    }
+
+    /// Bytes of pages that the store's connection keeps.
+    int keptPages() {
+        int bytes = -1;
+        int highest = 0;
+        sqlite3_db_status(DBPeer::connection(*db), SQLITE_DBSTATUS_CACHE_USED, &bytes, &highest, 0);
+        return bytes;
     }
 
     std::string foreignFile() {
@@ -82,6 +119,25 @@ TEST_F(DBLifecycleTest, LimitsThePagesByThePageSizeOfTheFile) {
     aside("PRAGMA page_size = 1024; CREATE TABLE T(a)");
     openStore();
     EXPECT_EQ(pageLimit(), 3072);
+}
+
+TEST_F(DBLifecycleTest, LimitsEveryPageSizeToThreeMebibytes) {
+    for (int size = 512; size <= 65536; size *= 2) {
+        path = dir.file("Db" + std::to_string(size));
+        aside("PRAGMA page_size = " + std::to_string(size) + "; CREATE TABLE T(a)");
+        openStore();
+        EXPECT_EQ(pageLimit(), 3145728 / size);
+    }
+}
+
+TEST_F(DBLifecycleTest, AnUnknownPageSizeSetsNoLimit) {
+    const UnknownPageSize unknown;
+    OutputCapture capture;
+    openStore();
+    capture.stop();
+    EXPECT_EQ(pageLimit(), ownPageLimit());
+    EXPECT_EQ(capture.out() + capture.err(), "");
+    EXPECT_EQ(schema(), kSchema);
 }
 
 TEST_F(DBLifecycleTest, RoundsThePageLimitUp) {
@@ -368,6 +424,44 @@ TEST_F(DBLifecycleTest, TheFullCallbackRunsOnTheCallingThreadWithTheLockHeld) {
               "kivDB: SQL error (insert event): database or disk is full\n");
     EXPECT_EQ(thread, std::this_thread::get_id());
     EXPECT_TRUE(heldByCaller);
+}
+
+// --- memory -------------------------------------------------------------------------------------
+
+TEST_F(DBLifecycleTest, GivesThePagesOfABigTransactionBack) {
+    openStore();
+    onStore("BEGIN; CREATE TABLE Big(a)");
+    for (int i = 0; i < 250; ++i) onStore("INSERT INTO Big VALUES(zeroblob(4000))");
+    onStore("COMMIT");
+    ASSERT_GT(keptPages(), 500000);
+    const int trimsBefore = SystemCallFaults::heapTrims;
+    db->returnFreeMemory();
+    EXPECT_LT(keptPages(), 100000);
+    EXPECT_EQ(SystemCallFaults::heapTrims, trimsBefore + 1) << "what is free in the heap";
+    EXPECT_EQ(value("SELECT COUNT(*) FROM Big"), "250");
+    EXPECT_FALSE(DB::m_dbError);
+}
+
+TEST_F(DBLifecycleTest, TakesTheLockToGiveMemoryBack) {
+    openStore();
+    std::unique_lock<std::recursive_mutex> statement(DB::m_PruneLock);
+    std::atomic<bool> returned{false};
+    std::thread other([&] {
+        db->returnFreeMemory();
+        returned = true;
+    });
+    EXPECT_FALSE(WaitUntil([&] { return returned.load(); }, std::chrono::milliseconds(50)));
+    statement.unlock();
+    other.join();
+}
+
+TEST_F(DBLifecycleTest, HasNoMemoryToGiveBackWithoutAConnection) {
+    OutputCapture capture;
+    db->returnFreeMemory();
+    capture.stop();
+    EXPECT_EQ(capture.out() + capture.err(), "");
+    EXPECT_FALSE(DB::m_dbError);
+    EXPECT_FALSE(dir.has("Db"));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include "LocationInfo.h"
 #include "support/EventSessionHeaderPeer.h"
 #include "support/JsonMemory.h"
+#include "support/StoreTest.h"
 #include "support/UploadSetup.h"
 
 namespace {
@@ -92,6 +93,36 @@ TEST_F(EventSessionHeaderTest, LeavesAnUnknownLocationEmpty) {
     const JsonObject header = JsonObject::parse(EventSessionHeader(7, 2, 0).text());
     EXPECT_TRUE(header.getObject("location").isObject());
     EXPECT_EQ(header.getObject("location").dumpAsString(), "{}");
+}
+
+TEST_F(EventSessionHeaderTest, LeavesAStoredLocationEmptyThatCannotBePacked) {
+    ::unsetenv("LOC_NETWORK");
+    LocationInfo::setDbPath(database);
+    DB db;
+    db.open(database, false);
+    for (const char* notUtf8 : {"Gh\xff"
+                                "nt",
+                                "\xc3"}) {
+        ASSERT_TRUE(db.setLocation(3.72, 51.05, "192.0.2.9", notUtf8, "East", "BE"));
+        OutputCapture output;
+        const EventSessionHeader header(7, 2, 0);
+        output.stop();
+        const JsonObject parsed = JsonObject::parse(header.text());
+        EXPECT_EQ(parsed.getObject("location").dumpAsString(), "{}");
+        EXPECT_EQ(parsed.optString("db-token"), kToken) << "the rest is whole";
+        EXPECT_NE(output.err().find("Error in Pack: "), std::string::npos);
+    }
+}
+
+TEST_F(EventSessionHeaderTest, GivesAStoredLocationWithUnusableValuesAsUnknown) {
+    ::unsetenv("LOC_NETWORK");
+    LocationInfo::setDbPath(database);
+    PlainDatabase(database).run(
+        "INSERT INTO Location VALUES(1, 'east', 1e999, NULL, x'', NULL, 'nowhere')");
+    const EventSessionHeader header(7, 2, 0);
+    EXPECT_EQ(JsonObject::parse(header.text()).getObject("location").dumpAsString(),
+              R"({"lat": 999.99000000000001, "lng": 0.0, "ip": "", "city": "", "region": "", )"
+              R"("country-code": "nowhere", "country": "", "continent": ""})");
 }
 
 TEST_F(EventSessionHeaderTest, AsksNoServer) {

@@ -13,6 +13,29 @@ namespace {
 const char* const kAllEvents =
     "SELECT ROWID,data FROM Events ORDER BY bootCount,standbyCount,kernelTime;";
 
+/// Knows, as long as it lives, the connection that was opened last.
+class LastConnection {
+  public:
+    LastConnection() {
+        s_opened = nullptr;
+        sqlite3_auto_extension(reinterpret_cast<void (*)()>(note));
+    }
+    ~LastConnection() { sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(note)); }
+    LastConnection(const LastConnection&) = delete;
+    LastConnection& operator=(const LastConnection&) = delete;
+
+    /// Borrowed from its owner; null when none was opened.
+    sqlite3* opened() const { return s_opened; }
+
+  private:
+    static int note(sqlite3* connection, char**, const void*) {
+        s_opened = connection;
+        return SQLITE_OK;
+    }
+
+    static inline sqlite3* s_opened = nullptr;
+};
+
 class EventSetTest : public StoreTest {
   protected:
     void SetUp() override {
@@ -204,9 +227,14 @@ TEST_F(EventSetTest, UnmarkLastWithoutMarksChangesNothingAndSaysSoWhenVerbose) {
 }
 
 TEST_F(EventSetTest, CannotAttachOtherFiles) {
-    EventSet set(path, "SELECT 1, 2");
-    EventSet attacher(path, "ATTACH '" + dir.file("other") + "' AS other");
-    EXPECT_FALSE(attacher.isActive());
+    const LastConnection last;
+    const EventSet set(path, kAllEvents);
+    ASSERT_NE(last.opened(), nullptr);
+    char* text = nullptr;
+    const std::string attach = "ATTACH '" + dir.file("other") + "' AS other";
+    EXPECT_NE(sqlite3_exec(last.opened(), attach.c_str(), nullptr, nullptr, &text), SQLITE_OK);
+    EXPECT_STREQ(text, "too many attached databases - max 0");
+    sqlite3_free(text);
     EXPECT_FALSE(dir.has("other"));
 }
 

@@ -1,6 +1,7 @@
 #include "EventTimeRework.h"
 
 #include "UploadImpl.h"
+#include "support/JsonMemory.h"
 #include "support/TaggedLines.h"
 #include "support/UploadSetup.h"
 
@@ -84,6 +85,19 @@ TEST_F(EventTimeReworkTest, TreatsAMalformedTimeAsAbsent) {
 TEST_F(EventTimeReworkTest, TreatsATimeThatIsNoStringAsAbsent) {
     std::string event = eventOfThisCycle(R"(, "utc-time": 5)");
     EXPECT_EQ(EventTimeRework::reworkEventTime(event, true), kNowMs + 5000);
+}
+
+TEST_F(EventTimeReworkTest, LeavesAnEventThatCannotBeWrittenAsItWasButTimesIt) {
+    std::string event = eventOfThisCycle();
+    const std::string before = event;
+    UploadImpl::SetVerbose(true);
+    {
+        const NoJsonMemoryFrom source("Add time source ");
+        EXPECT_EQ(EventTimeRework::reworkEventTime(event, true), kNowMs + 5000);
+        EXPECT_TRUE(source.hasCome());
+    }
+    UploadImpl::SetVerbose(false);
+    EXPECT_EQ(event, before);
 }
 
 TEST_F(EventTimeReworkTest, TimesTextThatIsNoJsonFromTheZeroReference) {

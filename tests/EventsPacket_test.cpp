@@ -195,6 +195,22 @@ TEST_F(EventsPacketTest, RefusesAnEventWhoseHeaderCannotBePacked) {
     EXPECT_TRUE(packet.IsEmpty());
 }
 
+TEST_F(EventsPacketTest, RefusesAnEventThatCannotBeWrittenAndStaysAsItWas) {
+    EventsPacket packet(kAmple);
+    ASSERT_TRUE(packet.AddEvent(event(3, 0), kTime));
+    const std::string before = EventsPacketPeer::text(packet);
+    AwsWrapperImpl::SetVerbose(true);
+    {
+        const NoJsonMemoryFrom rework(" Rework Event ");
+        EXPECT_FALSE(packet.AddEvent(event(3, 0), kTime));
+        EXPECT_TRUE(rework.hasCome());
+    }
+    AwsWrapperImpl::SetVerbose(false);
+    EXPECT_EQ(EventsPacketPeer::text(packet), before);
+    EXPECT_TRUE(packet.AddEvent(event(3, 0), kTime));
+    EXPECT_EQ(EventsPacketPeer::text(packet), before + "," + kReworked);
+}
+
 TEST_F(EventsPacketTest, SendsNothingWhenEmpty) {
     EventsPacket packet(kAmple);
     EXPECT_TRUE(packet.IsEmpty());

@@ -29,6 +29,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <mqueue.h>
+#include <sys/stat.h>
+#include <time.h>
 
 #include <gtest/gtest.h>
 
@@ -77,6 +79,49 @@ class PoisonedOutput {
     std::streambuf* m_saved;
 };
 
+/// Holds, in a wait that can be cancelled, whoever writes a text that contains `moment` on
+/// standard output. Writes nothing.
+class HoldingOutput : public std::streambuf {
+  public:
+    explicit HoldingOutput(std::string moment)
+        : m_moment(std::move(moment)), m_before(std::cout.rdbuf(this)) {}
+    ~HoldingOutput() override {
+        release();
+        std::cout.rdbuf(m_before);
+    }
+
+    bool holds() const { return m_holds; }
+    void release() { m_released = true; }
+
+  private:
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+        if (std::string(text, static_cast<std::size_t>(size)).find(m_moment) != std::string::npos) {
+            m_holds = true;
+            const timespec step = {0, 1000000};
+            while (!m_released) ::nanosleep(&step, nullptr);
+        }
+        return size;
+    }
+    int overflow(int character) override { return character; }
+
+    std::string m_moment;
+    std::streambuf* m_before;
+    std::atomic<bool> m_holds{false};
+    std::atomic<bool> m_released{false};
+};
+
+/// As long as it lives, the files that are created get the whole mode asked for.
+class NoModeMask {
+  public:
+    NoModeMask() : m_before(::umask(0)) {}
+    ~NoModeMask() { ::umask(m_before); }
+    NoModeMask(const NoModeMask&) = delete;
+    NoModeMask& operator=(const NoModeMask&) = delete;
+
+  private:
+    mode_t m_before;
+};
+
 std::string replaced(std::string text, const std::string& pattern, const std::string& with) {
     return std::regex_replace(text, std::regex(pattern), with);
 }
@@ -92,7 +137,32 @@ std::ptrdiff_t openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-class GatewayImplThreadsTest : public GatewaySetup {};
+class GatewayImplThreadsTest : public GatewaySetup {
+  protected:
+    void logMany(int count) {
+        for (int i = 0; i < count; ++i) m_gateway->Log(R"({"event-type": "many"})");
+    }
+
+    /// The storing thread has stored a full batch and sleeps, held, for the next one to gather.
+    void storeFullBatchAndHold() {
+        SystemCallFaults::holdSleeps = true;
+        ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+        logMany(256);
+        {
+            const std::lock_guard<std::recursive_mutex> noStatements(DB::m_PruneLock);
+            SystemCallFaults::holdSleeps = false;
+            ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps == 0; }));
+            SystemCallFaults::sleepsBelowAMillisecond = 0;
+            SystemCallFaults::holdSleeps = true;
+        }
+        ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+        EXPECT_EQ(countStored(), "256");
+    }
+
+    std::string countStored() const {
+        return query("SELECT COUNT(*) FROM Events WHERE type='many'")[0][0];
+    }
+};
 
 // --- the queue ------------------------------------------------------------------------------
 
@@ -121,6 +191,33 @@ TEST_F(GatewayImplThreadsTest, CreatesTheQueueWithTheDefaultsOfTheSystem) {
     };
     EXPECT_EQ(created.mq_maxmsg, systemDefault("msg_default"));
     EXPECT_EQ(created.mq_msgsize, systemDefault("msgsize_default"));
+}
+
+TEST_F(GatewayImplThreadsTest, CreatesTheQueueForItsUserAndGroupLessTheMask) {
+    {
+        const NoModeMask none;
+        m_gateway = std::make_unique<GatewayImpl>();
+        ASSERT_TRUE(WaitUntil([this] { return Queue(m_queueName, O_WRONLY).isOpen(); }));
+    }
+    EXPECT_EQ(Queue(m_queueName, O_WRONLY).mode(), mode_t{0660});
+    m_gateway.reset();
+    {
+        const NoModeMask none;
+        ::umask(0027);
+        m_gateway = std::make_unique<GatewayImpl>();
+        ASSERT_TRUE(WaitUntil([this] { return Queue(m_queueName, O_WRONLY).isOpen(); }));
+    }
+    EXPECT_EQ(Queue(m_queueName, O_WRONLY).mode(), mode_t{0640});
+}
+
+TEST_F(GatewayImplThreadsTest, LeavesTheModeOfAQueueThatItReuses) {
+    createQueue();
+    const mode_t before = Queue(m_queueName, O_WRONLY).mode();
+    makeGateway();
+    const NamedSemaphore done;
+    ASSERT_TRUE(send(R"({"syncsem": ")" + done.name() + "\"}"));
+    ASSERT_TRUE(done.wait());
+    EXPECT_EQ(Queue(m_queueName, O_WRONLY).mode(), before);
 }
 
 TEST_F(GatewayImplThreadsTest, SaysThatItReusesAQueueAndWhatItIsLike) {
@@ -502,6 +599,45 @@ TEST_F(GatewayImplThreadsTest, FinishesTheMessageUnderWayBeforeItEnds) {
     EXPECT_EQ(done.value(), 1);
 }
 
+TEST_F(GatewayImplThreadsTest, CannotBeCancelledInTheMidstOfAMessage) {
+    makeGateway();
+    const NamedSemaphore done;
+    GatewayImpl::SetVerbose(true);
+    HoldingOutput output(" will be sent");
+    ASSERT_TRUE(send(R"({"event-type": "x", "syncsem": ")" + done.name() + "\"}"));
+    ASSERT_TRUE(WaitUntil([&] { return output.holds(); }));
+    std::atomic<bool> ended{false};
+    std::thread ender([&] {
+        m_gateway.reset();
+        ended = true;
+    });
+    EXPECT_FALSE(WaitUntil([&] { return ended.load(); }, std::chrono::milliseconds(50)));
+    EXPECT_EQ(GatewayImpl::latestEvent(), nullptr);
+    output.release();
+    ender.join();
+    EXPECT_NE(GatewayImpl::latestEvent(), nullptr) << "the message was handled to its end";
+    EXPECT_EQ(done.value(), 1);
+}
+
+TEST_F(GatewayImplThreadsTest, CannotBeCancelledWhileItStores) {
+    makeGateway();
+    GatewayImpl::SetVerbose(false);
+    DB::setVerbose(true);
+    HoldingOutput output("adding events");
+    m_gateway->Log(R"({"event-type": "x"})");
+    ASSERT_TRUE(WaitUntil([&] { return output.holds(); }));
+    std::atomic<bool> ended{false};
+    std::thread ender([&] {
+        m_gateway.reset();
+        ended = true;
+    });
+    EXPECT_FALSE(WaitUntil([&] { return ended.load(); }, std::chrono::milliseconds(50)));
+    output.release();
+    ender.join();
+    DB::setVerbose(false);
+    EXPECT_EQ(rows().size(), 1u) << "the batch was stored to its end";
+}
+
 TEST_F(GatewayImplThreadsTest, EndsWhileReceivingFails) {
     createQueue();
     SystemCallFaults::receiveError = EBADF;
@@ -634,19 +770,17 @@ TEST_F(GatewayImplThreadsTest, HoldsAtMostABatchWhileOneIsStored) {
     std::unique_lock<std::mutex> batch(GatewayImpl::m_QueueMutex);
     std::vector<std::string> expected;
     for (int i = 0; i < 300; ++i) expected.push_back("e" + std::to_string(i));
-    std::atomic<std::size_t> sent{0};
-    std::thread sender([&] {
-        const Queue queue(m_queueName, O_WRONLY);
+    std::atomic<std::size_t> handled{0};
+    std::thread receiver([&] {
         for (const std::string& type : expected) {
-            queue.send(R"({"event-type": ")" + type + "\"}");
-            ++sent;
+            GatewayImplPeer::handleReceived(*m_gateway, R"({"event-type": ")" + type + "\"}");
+            ++handled;
         }
     });
-    constexpr std::size_t most = 256 + 4;  // 4 fill the queue
-    EXPECT_TRUE(WaitUntil([&] { return sent == most; }));
-    EXPECT_FALSE(WaitUntil([&] { return sent > most; }, std::chrono::milliseconds(50)));
+    EXPECT_TRUE(WaitUntil([&] { return handled == 255; }));
+    EXPECT_FALSE(WaitUntil([&] { return handled > 255; }, std::chrono::milliseconds(50)));
     batch.unlock();
-    sender.join();
+    receiver.join();
     EXPECT_TRUE(WaitUntil([&] { return rows().size() == expected.size(); }));
     EXPECT_EQ(storedTypes(), expected);
 }
@@ -669,6 +803,42 @@ TEST_F(GatewayImplThreadsTest, FreesStoredEventsWhenNothingWaits) {
     makeGateway();
     EXPECT_EQ(storedFor(R"({"event-type": "x"})").optString("event-type"), "x");
     EXPECT_TRUE(WaitUntil([this] { return GatewayImplPeer::storedInMemory(*m_gateway) == 0; }));
+}
+
+TEST_F(GatewayImplThreadsTest, GathersABatchForTwentyMillisecondsWhileEventsPourIn) {
+    makeGateway();
+    storeFullBatchAndHold();
+    logMany(255);
+    SystemCallFaults::holdSleeps = false;
+    EXPECT_TRUE(WaitUntil([this] { return countStored() == "511"; }));
+    EXPECT_EQ(SystemCallFaults::sleepsBelowAMillisecond, 100) << "200 us each, before it stores";
+}
+
+TEST_F(GatewayImplThreadsTest, GathersNoLongerThanUntilTheBatchIsFull) {
+    makeGateway();
+    storeFullBatchAndHold();
+    logMany(256);
+    DB::setVerbose(true);
+    HoldingOutput output("adding events");
+    SystemCallFaults::holdSleeps = false;
+    EXPECT_TRUE(WaitUntil([&] { return output.holds(); }));
+    EXPECT_EQ(SystemCallFaults::sleepsBelowAMillisecond, 1);
+    output.release();
+    EXPECT_TRUE(WaitUntil([this] { return countStored() == "512"; }));
+    DB::setVerbose(false);
+}
+
+TEST_F(GatewayImplThreadsTest, GivesFreeMemoryBackOnceInARestOfFiveSeconds) {
+    constexpr int pollsOfARest = 25;  // of 200 ms
+    makeGateway();
+    SystemCallFaults::shortenSleeps = true;
+    EXPECT_TRUE(WaitUntil([] { return SystemCallFaults::heapTrims == 1; }));
+    EXPECT_GE(SystemCallFaults::sleeps, pollsOfARest - 1);
+    const int sleeps = SystemCallFaults::sleeps;
+    EXPECT_TRUE(WaitUntil([&] { return SystemCallFaults::sleeps > sleeps + 2 * pollsOfARest; }));
+    EXPECT_EQ(SystemCallFaults::heapTrims, 1);
+    logMany(1);
+    EXPECT_TRUE(WaitUntil([] { return SystemCallFaults::heapTrims == 2; })) << "after an event";
 }
 
 TEST_F(GatewayImplThreadsTest, StoresABacklogInFullBatches) {

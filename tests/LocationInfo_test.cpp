@@ -11,6 +11,7 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -539,6 +540,23 @@ TEST_F(LocationInfoTest, TriesToStoreUntilTheDatabaseCanBeOpened) {
     EXPECT_EQ(place.lat, 50.85);
     EXPECT_EQ(place.lng, 4.35);
     EXPECT_EQ(place.city, "Brussels");
+}
+
+TEST_F(LocationInfoTest, PausesForASecondBetweenTwoTriesToStore) {
+    LocationInfo::setDbPath(m_dir.file("missing/Db"));
+    OutputCapture capture;
+    const auto start = std::chrono::steady_clock::now();
+    std::thread storer(LocationInfo::StoreInDB, 1.5, 2.5, "", "Brussels", "", "BE");
+    EXPECT_TRUE(WaitUntil([&] { return !capture.err().empty(); }));
+    LocationInfo::setDbPath(m_db);
+    storer.join();
+    capture.stop();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: Can't open database " + m_dir.file("missing/Db") +
+                  ": unable to open database file\n"
+                  "kivDB: Can't Insert into table Location: no open database\n")
+        << "one try in vain";
 }
 
 TEST_F(LocationInfoTest, StoresAtThePathOfTheMoment) {

@@ -1,5 +1,6 @@
 #include "PimAppVersion.h"
 
+#include "support/DiskFaults.h"
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
 #include "support/PimAppVersionPeer.h"
@@ -9,6 +10,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <errno.h>
 
 #include <gtest/gtest.h>
 
@@ -170,6 +173,32 @@ TEST_F(PimAppVersionTest, PutsANewFileInThePlaceOfTheOld) {
     PimAppVersion::updatePimVersion("2.0", "today");
     EXPECT_EQ(m_dir.read("before"), R"({"pim-version": "1.0"})");
     EXPECT_EQ(m_dir.read(kFile), R"({"pim-version": "2.0", "pim-builddate": "today"})");
+}
+
+TEST_F(PimAppVersionTest, ReplacesTheFileInOneStepThatSurvivesAPowerCut) {
+    loadText(R"({"pim-version": "1.0"})");
+    const DiskWatch disk;
+    PimAppVersion::updatePimVersion("2.0", "today");
+    EXPECT_EQ(disk.calls, DiskWatch::safeReplacement());
+    EXPECT_EQ(m_dir.read(kFile), R"({"pim-version": "2.0", "pim-builddate": "today"})");
+}
+
+TEST_F(PimAppVersionTest, KeepsTheOldFileWholeWhenTheNewOneCannotBeWritten) {
+    const std::string old = R"({"pim-version": "1.0"})";
+    loadText(old);
+    {
+        const FullDisk full(10);
+        PimAppVersion::updatePimVersion("2.0", "today");
+    }
+    EXPECT_EQ(m_dir.read(kFile), old);
+    {
+        DiskWatch disk;
+        disk.fileSyncError = EIO;
+        PimAppVersion::updatePimVersion("3.0", "today");
+    }
+    EXPECT_EQ(m_dir.read(kFile), old);
+    EXPECT_FALSE(m_dir.has(std::string(".") + kFile + ".new"));
+    expectHeld("3.0", "today");
 }
 
 TEST_F(PimAppVersionTest, RefusesAVersionThatIsNoUtf8) {

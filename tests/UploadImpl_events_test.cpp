@@ -345,6 +345,30 @@ TEST_F(UploadImplEventsTest, AsksForTheLocationBeforeItLocksTheStore) {
     EXPECT_TRUE(WaitUntil([&] { return query("SELECT city FROM Location") == "Ghent"; }));
 }
 
+TEST_F(UploadImplEventsTest, AsksForTheLocationOnceAnUploadAlsoWhenItStaysUnknown) {
+    ::unsetenv("LOC_NETWORK");
+    LocationInfoPeer::setProvider(cloud.url("/json"));
+    script([](const Request& request) {
+        Response response = accept(request);
+        if (request.target == "/json") response.status = 500;
+        return response;
+    });
+    addEventOf(3, 1, 1000);
+    addEventOf(3, 2, 1000);
+    addEvent();
+    OutputCapture output;
+    EXPECT_NE(upload->uploadEvents(), 0);
+    output.stop();
+    EXPECT_EQ(otherRequests(), "/json ") << "one for three headers";
+    ASSERT_EQ(records().size(), 1u);
+    std::istringstream blocks(records()[0]);
+    int empty = 0;
+    for (std::string block; std::getline(blocks, block);) {
+        if (JsonObject::parse(block).getObject("location").dumpAsString() == "{}") ++empty;
+    }
+    EXPECT_EQ(empty, 3);
+}
+
 TEST_F(UploadImplEventsTest, DescribesAnUploadWhenVerbose) {
     addEvent(0, R"(, "utc-time": "1500000000000")");
     const std::string event = db().getOldestEvent();
@@ -400,6 +424,38 @@ TEST_F(UploadImplEventsTest, ChecksNoTimesUnderAnExpiredConfiguration) {
     addEvent();
     EXPECT_EQ(upload->eventsTimeCheck(), 0);
     EXPECT_TRUE(nothingIsScheduled());
+}
+
+TEST_F(UploadImplEventsTest, ChecksNoTimesWithoutAClock) {
+    device->setBootCounts(8, 0);  // a cycle of which nobody knows the time
+    addEventOf(3, 0, 1000);
+    OutputCapture output;
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    output.stop();
+    EXPECT_EQ(cloud.requests().size(), 0u);
+    EXPECT_TRUE(nothingIsScheduled());
+}
+
+TEST_F(UploadImplEventsTest, ChecksAgainInFiveMinutesWhileOnlyTheSystemKnowsTheTime) {
+    device->setBootCounts(8, 0);
+    timeManager->setTime(TimeSourceSystem, TimeReference(), kNowMs);
+    addEventOf(3, 0, 1000);  // of unknown age: due
+    OutputCapture output;
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    output.stop();
+    EXPECT_TRUE(isDelayed(4, 300000));
+    EXPECT_EQ(waiting(), Messages{});
+    EXPECT_EQ(records().size(), 0u);
+    EXPECT_EQ(storedEvents(), "1");
+}
+
+TEST_F(UploadImplEventsTest, ChecksAgainByTheSystemsTimeWhileTheWebsIsUnknown) {
+    device->setBootCounts(8, 0);
+    timeManager->setTime(TimeSourceSystem, TimeReference(), kNowMs);
+    addEventOf(8, 0, KernelTime::getTimeMonotonicAsInt64() - 1000000);
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_TRUE(isDelayed(4, 2600000));
+    EXPECT_EQ(cloud.requests().size(), 0u);
 }
 
 TEST_F(UploadImplEventsTest, ChecksNoTimesWithoutAMaximumDelay) {

@@ -6,6 +6,7 @@
 
 #include "EventType.h"
 #include "support/JsonMemory.h"
+#include "support/LocationInfoPeer.h"
 #include "support/UploadJobs.h"
 
 namespace {
@@ -422,6 +423,26 @@ TEST_F(UploadImplFilesTest, TriesTheDatabaseErrorEventAgainWithTheNextUpload) {
     EXPECT_EQ(upload->uploadFiles(), 0);
     EXPECT_EQ(records().size(), 2u);
     EXPECT_TRUE(UploadImplPeer::dbErrorEventSent(*upload));
+}
+
+TEST_F(UploadImplFilesTest, AsksForTheLocationOfTheErrorEventOnceAndWithoutTheStoresLock) {
+    ::unsetenv("LOC_NETWORK");
+    LocationInfoPeer::setProvider(cloud.url("/json"));
+    std::string seen;
+    script([&](const Request& request) {
+        Response response = accept(request);
+        if (request.target != "/json") return response;
+        const std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock, std::try_to_lock);
+        seen += lock.owns_lock() ? "free " : "held ";
+        response.body = R"({"ip": "192.0.2.9", "city": "Ghent", "region": "East", )"
+                        R"("country": "BE", "loc": "51.05,3.72"})";
+        return response;
+    });
+    DB::m_dbError = true;
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(seen, "free ");
+    ASSERT_EQ(records().size(), 1u);
+    EXPECT_EQ(JsonObject::parse(records()[0]).getObject("location").optString("city"), "Ghent");
 }
 
 TEST_F(UploadImplFilesTest, TakesAnErrorEventThatFitsNoPacketForFailed) {

@@ -12,6 +12,7 @@
 #include <signal.h>
 
 #include "support/ConfigImplPeer.h"
+#include "support/SystemCallFaults.h"
 #include "support/UploadJobs.h"
 
 namespace {
@@ -149,6 +150,17 @@ TEST_F(UploadImplTest, EndsTheThreadBehindAllWaitingWork) {
               "kivUpload: Got message 1 0\nkivUpload: Got message 2 0\n"
               "kivUpload: Got message 0 0\n");
     EXPECT_FALSE(UploadImplPeer::thread(*another).joinable());
+}
+
+TEST_F(UploadImplTest, GivesFreeMemoryBackBehindEachJob) {
+    const int before = SystemCallFaults::heapTrims;
+    auto another = startAnother();
+    another->sendMsg(7, 0);
+    EXPECT_TRUE(WaitUntil([&] { return SystemCallFaults::heapTrims == before + 1; }));
+    another->sendMsg(7, 0);
+    another->sendMsg(8, 0);
+    another->stopThread();
+    EXPECT_EQ(SystemCallFaults::heapTrims, before + 3);
 }
 
 TEST_F(UploadImplTest, StopsOnlyOnce) {

@@ -1,9 +1,10 @@
 #!/usr/bin/python3
 """The Debian packages. The native one is installed, started, stopped and purged on a copy of this
-machine's root that lives in memory; the machine itself stays as it is. The ARM one, where
-./build-arm --package has made it, is inspected.
+machine's root that lives in memory; the machine itself stays as it is. The ARM one, which
+./build-arm --package makes, is inspected.
 
     tests/packaging_test.py BUILD-FOLDER
+    tests/packaging_test.py --arm
 """
 import os
 import pathlib
@@ -21,6 +22,8 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 STATE = pathlib.Path("/var/lib/kivApp")
 SHARED = pathlib.Path("/mnt")  # where the copy of the root sees the package and the set's files
 INIT = "/etc/init.d/kivApp"
+UNIT = pathlib.Path("/etc/systemd/system/kivApp.service")  # an administrator's, or /dev/null
+AT_BOOT = pathlib.Path("/etc/systemd/system/multi-user.target.wants/kivApp.service")
 # The run level is what init tells; a package starts its daemon only where there is one.
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND": "noninteractive",
                "RUNLEVEL": "2", "PREVLEVEL": "N"}
@@ -118,6 +121,7 @@ class InstalledTest(unittest.TestCase):
         run("dpkg", "-i", deb)
         self.assertEqual(len(daemons()), 1, "started by the installation")
         self.assertTrue(set(FILES) <= everything())
+        self.assertTrue(AT_BOOT.is_symlink(), "systemd will start it, though it does not run here")
         run(INIT, "status")
 
         run(INIT, "stop")
@@ -149,7 +153,9 @@ class InstalledTest(unittest.TestCase):
         self.assertNotEqual(second, first)
         self.assertIn("usage.epg", stored_event_types())
 
+        AT_BOOT.unlink()
         run("dpkg", "-i", "--force-confold", deb)
+        self.assertFalse(AT_BOOT.is_symlink(), "an administrator's choice stays")
         self.assertEqual(len(daemons()), 1, "running again after an upgrade")
         self.assertNotIn(second[0], daemons(), "the new one")
         self.assertIn("KIV_SERVERENV=dev", pathlib.Path("/etc/default/kivApp").read_text())
@@ -157,6 +163,10 @@ class InstalledTest(unittest.TestCase):
         run("dpkg", "--remove", "kivapp")
         self.assertEqual(daemons(), [])
         self.assertTrue((STATE / "Db").exists(), "removing keeps what was stored")
+        self.assertEqual(os.readlink(UNIT), "/dev/null", "nor is the start script left a service")
+        run("dpkg", "-i", "--force-confold", deb)
+        self.assertFalse(UNIT.is_symlink())
+        run("dpkg", "--remove", "kivapp")
         run("dpkg", "--purge", "kivapp")
         self.assertEqual(sorted(everything() - before), [])
         self.assertEqual(sorted(before - everything()), [])
@@ -194,14 +204,20 @@ class PackagesTest(unittest.TestCase):
         self.write_set()
         shutil.copy(__file__, self.folder)
         with tempfile.TemporaryDirectory() as place:
-            print(run("unshare", "--mount", "--pid", "--fork", "--ipc", "--net", "--uts",
+            as_root = [] if os.geteuid() == 0 else ["sudo", "-n"]
+            print(run(*as_root, "unshare", "--mount", "--pid", "--fork", "--ipc", "--net", "--uts",
                       "/bin/sh", "-c", MAKE_ROOT, place, str(self.folder)))
+
+
+class ArmPackageTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
 
     def test_arm_package_is_for_the_set(self):
         debs = sorted((ROOT / "build/arm/packages").glob("*_armhf.deb"))
-        if not debs:
-            print("no ARM package: ./build-arm --package makes it")
-            return
+        self.assertTrue(debs, "no ARM package: ./build-arm --package makes it")
         self.assertEqual(run("dpkg-deb", "-f", debs[-1], "Architecture").strip(), "armhf")
         self.assertEqual(sorted(contents(debs[-1])), FILES)
         run("dpkg-deb", "-x", debs[-1], str(self.folder))
@@ -230,5 +246,7 @@ class PackagesTest(unittest.TestCase):
 if __name__ == "__main__":
     if sys.argv[1:] == ["--inside"]:
         unittest.main(argv=sys.argv[:1], defaultTest="InstalledTest")
+    if sys.argv[1:] == ["--arm"]:
+        unittest.main(argv=sys.argv[:1], defaultTest="ArmPackageTest")
     PackagesTest.build = pathlib.Path(sys.argv[1]).resolve()
     unittest.main(argv=sys.argv[:1], defaultTest="PackagesTest")

@@ -77,6 +77,20 @@ def utc_ms(text):
     return calendar.timegm(seconds) * 1000 + int(text[20:23])
 
 
+def refuse_to_disturb_a_daemon():
+    """The names of the queue and the pipe are the system's: without namespaces, a daemon at work
+    would lose them."""
+    if "KIV_ISOLATED" in os.environ:
+        return
+    for entry in pathlib.Path("/proc").glob("[0-9]*/comm"):
+        try:
+            if entry.read_text() == "kivApp\n":
+                sys.exit(f"kivApp runs (process {entry.parent.name}), and this machine allows no "
+                         "namespaces of the test's own: stop it first")
+        except OSError:
+            continue  # it has just ended
+
+
 def forget_system_wide_names():
     """Takes away the queue and the pipe that a killed daemon leaves behind."""
     RT.mq_unlink(QUEUE.encode())
@@ -219,6 +233,7 @@ class Device:
         """Starts kivApp; with `ready` waits until it takes messages."""
         self.runs += 1
         if self.runs == 1:
+            refuse_to_disturb_a_daemon()
             forget_system_wide_names()
         self.out_path = self.folder / f"out.{self.runs}"
         self.err_path = self.folder / f"err.{self.runs}"

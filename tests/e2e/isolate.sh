@@ -9,6 +9,7 @@ inside='
 set -e
 ip link set lo up
 mount --bind "$0" /mnt
+export KIV_ISOLATED=yes
 mount -t tmpfs tmpfs /tmp
 mkdir -p "$0"
 mount --bind /mnt "$0"

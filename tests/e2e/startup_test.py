@@ -1,7 +1,10 @@
 #!/usr/bin/python3
 """Command line, order of the start-up and its lines."""
 import json
+import pathlib
 import re
+import signal
+import sys
 import unittest
 
 from harness import (BUILD, DEVICE, MAC, PREFIX, WholeProgramTest, wait_until,
@@ -57,6 +60,50 @@ class CommandLineTest(WholeProgramTest):
                              "CKivApp: Both verbose and silent option specified!\n", arguments)
             self.assertEqual(ended.stdout, "")
         self.assertFalse((self.device.folder / "Config").exists())
+
+
+    def test_reader_that_goes_away_does_not_end_the_program(self):
+        self.close_output()
+        for option in ("-h", "-V"):
+            self.assertEqual(self.device.run(option).returncode, 0, option)
+
+    def close_output(self):
+        """Has the daemon write its standard output into a pipe that nobody reads."""
+        self.device.launcher = [
+            sys.executable, "-c",
+            "import os, signal, sys\n"
+            "signal.signal(signal.SIGPIPE, signal.SIG_DFL)\n"
+            "reading, writing = os.pipe()\n"
+            "os.close(reading)\n"
+            "os.dup2(writing, 1)\n"
+            "os.execvp(sys.argv[1], sys.argv[1:])", *self.device.launcher]
+
+
+class SignalTest(WholeProgramTest):
+    def signals(self, name):
+        """Numbers of the signals that are ignored ("SigIgn") or handled ("SigCgt")."""
+        status = pathlib.Path(f"/proc/{self.device.process.pid}/status").read_text()
+        mask = int(re.search(rf"^{name}:\s*(\w+)$", status, re.MULTILINE).group(1), 16)
+        return {number for number in range(1, 65) if mask >> (number - 1) & 1}
+
+    def test_inherited_dispositions_are_put_right_and_no_child_is_lost(self):
+        self.device.launcher = [
+            sys.executable, "-c",
+            "import os, signal, sys\n"
+            "signal.signal(signal.SIGPIPE, signal.SIG_DFL)\n"
+            "signal.signal(signal.SIGCHLD, signal.SIG_IGN)\n"
+            "os.execvp(sys.argv[1], sys.argv[1:])", *self.device.launcher]
+        self.start_with_consent()
+        self.assertIn(signal.SIGPIPE, self.signals("SigIgn"))
+        self.assertNotIn(signal.SIGCHLD, self.signals("SigIgn"))
+        self.assertNotIn(signal.SIGCHLD, self.signals("SigCgt"))
+        path = self.device.folder / "a.log"
+        path.write_text("content")
+        self.device.send("usage.app", {"text": "x" * 90}, "--url", str(path))
+        wait_until(lambda: self.device.alive() and self.cloud.objects(), "the file's arrival")
+        wait_until(lambda: self.device.query("SELECT COUNT(*) FROM Files") == [(0,)],
+                   "the child's success, which only its status tells")
+        self.assertEqual(self.device.errors_beginning("kivAWSWrapper: "), 0, self.device.err())
 
 
 class StartUpTest(WholeProgramTest):

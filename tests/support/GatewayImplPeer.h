@@ -19,6 +19,11 @@ struct GatewayImplPeer {
 
     static DB& database(GatewayImpl& gateway) { return *gateway.m_db; }
 
+    /// Handles a message as the receiving thread does.
+    static void handleReceived(GatewayImpl& gateway, const std::string& message) {
+        gateway.handle(message, GatewayImpl::Handover::MaySetAside);
+    }
+
     /// Stored events that are not freed yet.
     static std::size_t storedInMemory(const GatewayImpl& gateway) {
         const std::lock_guard<std::mutex> lock(GatewayImpl::m_QueueMutex);

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <mqueue.h>
 #include <semaphore.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -82,6 +83,10 @@ class Queue {
     bool isOpen() const { return m_queue != static_cast<mqd_t>(-1); }
     bool send(const std::string& message) const {
         return ::mq_send(m_queue, message.data(), message.size(), 0) == 0;
+    }
+    mode_t mode() const {
+        struct stat facts {};
+        return ::fstat(m_queue, &facts) == 0 ? facts.st_mode & 07777 : 0;
     }
     mq_attr attributes() const {
         mq_attr result{};

@@ -1,6 +1,11 @@
 #pragma once
 
 #include <cstdlib>
+#include <iostream>
+#include <optional>
+#include <streambuf>
+#include <string>
+#include <utility>
 
 #include <jansson.h>
 
@@ -18,4 +23,27 @@ class NoJsonMemory {
   private:
     json_malloc_t m_malloc = nullptr;
     json_free_t m_free = nullptr;
+};
+
+/// The same from the moment on when a text that contains `moment` is written on standard output,
+/// which shows nothing meanwhile.
+class NoJsonMemoryFrom : public std::streambuf {
+  public:
+    explicit NoJsonMemoryFrom(std::string moment)
+        : m_moment(std::move(moment)), m_before(std::cout.rdbuf(this)) {}
+    ~NoJsonMemoryFrom() override { std::cout.rdbuf(m_before); }
+
+    bool hasCome() const { return m_noMemory.has_value(); }
+
+  private:
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+        const std::string written(text, static_cast<std::size_t>(size));
+        if (!hasCome() && written.find(m_moment) != std::string::npos) m_noMemory.emplace();
+        return size;
+    }
+    int overflow(int character) override { return character; }
+
+    std::string m_moment;
+    std::streambuf* m_before;
+    std::optional<NoJsonMemory> m_noMemory;
 };

@@ -44,7 +44,8 @@ Function original(const char* name) {
 }
 
 bool takesText(CURLoption option) {
-    return option == CURLOPT_URL || option == CURLOPT_CAINFO || option == CURLOPT_PROTOCOLS_STR;
+    return option == CURLOPT_URL || option == CURLOPT_CAINFO || option == CURLOPT_CAPATH ||
+           option == CURLOPT_PROTOCOLS_STR;
 }
 
 bool takesList(CURLoption option) {
@@ -63,12 +64,15 @@ NetworkHooks::Option recordOf(CURLoption option, long number, void* pointer) {
 
 /// Notes the option; false when it is to be refused.
 bool note(CURLoption option, long number, void* pointer) {
-    const std::lock_guard<std::mutex> lock(wishesLock);
+    std::unique_lock<std::mutex> lock(wishesLock);
     if (!wishes().active) return true;
     wishes().options.push_back(recordOf(option, number, pointer));
-    const auto action = wishes().actions.find(option);
-    if (action != wishes().actions.end()) action->second();
-    return wishes().refused.count(option) == 0;
+    const bool taken = wishes().refused.count(option) == 0;
+    const auto found = wishes().actions.find(option);
+    const auto action = found != wishes().actions.end() ? found->second : nullptr;
+    lock.unlock();  // an action may look at the options
+    if (action) action();
+    return taken;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <malloc.h>
 #include <mqueue.h>
 #include <semaphore.h>
 #include <time.h>
@@ -15,7 +16,11 @@ std::atomic<int> SystemCallFaults::receiveError{0};
 std::atomic<int> SystemCallFaults::receiveFailures{0};
 std::atomic<bool> SystemCallFaults::holdSleeps{false};
 std::atomic<int> SystemCallFaults::heldSleeps{0};
+std::atomic<bool> SystemCallFaults::shortenSleeps{false};
 std::atomic<unsigned int> SystemCallFaults::longestSleep{0};
+std::atomic<int> SystemCallFaults::sleeps{0};
+std::atomic<int> SystemCallFaults::sleepsBelowAMillisecond{0};
+std::atomic<int> SystemCallFaults::heapTrims{0};
 
 void SystemCallFaults::clear() {
     getAttributesError = 0;
@@ -24,7 +29,11 @@ void SystemCallFaults::clear() {
     receiveError = 0;
     receiveFailures = 0;
     holdSleeps = false;
+    shortenSleeps = false;
     longestSleep = 0;
+    sleeps = 0;
+    sleepsBelowAMillisecond = 0;
+    heapTrims = 0;
 }
 
 namespace {
@@ -79,10 +88,20 @@ int sem_close(sem_t* semaphore) noexcept {
 int usleep(useconds_t microseconds) {
     if (microseconds > SystemCallFaults::longestSleep)
         SystemCallFaults::longestSleep = microseconds;
-    if (!SystemCallFaults::holdSleeps) return libraryCall<int(useconds_t)>("usleep")(microseconds);
-    const Held held;
+    ++SystemCallFaults::sleeps;
+    if (microseconds < 1000) ++SystemCallFaults::sleepsBelowAMillisecond;
     const timespec step = {0, 1000000};
-    while (SystemCallFaults::holdSleeps) ::nanosleep(&step, nullptr);
-    return 0;
+    if (SystemCallFaults::holdSleeps) {
+        const Held held;
+        while (SystemCallFaults::holdSleeps) ::nanosleep(&step, nullptr);
+        return 0;
+    }
+    if (SystemCallFaults::shortenSleeps) return ::nanosleep(&step, nullptr);
+    return libraryCall<int(useconds_t)>("usleep")(microseconds);
+}
+
+int malloc_trim(size_t pad) noexcept {
+    ++SystemCallFaults::heapTrims;
+    return libraryCall<int(size_t)>("malloc_trim")(pad);
 }
 }

@@ -3,7 +3,7 @@
 #include <atomic>
 
 /// What the calls of message queues, semaphores and sleeping do while a test says so: they fail
-/// with an error number, or hold. Everything else goes to the C library.
+/// with an error number, hold, or are short. Everything else goes to the C library.
 struct SystemCallFaults {
     static std::atomic<int> getAttributesError;
     static std::atomic<int> closeQueueError;  ///< the queue is closed all the same
@@ -12,7 +12,11 @@ struct SystemCallFaults {
     static std::atomic<int> receiveFailures;  ///< how many receive calls still fail
     static std::atomic<bool> holdSleeps;
     static std::atomic<int> heldSleeps;             ///< sleeps held at this moment
+    static std::atomic<bool> shortenSleeps;         ///< to a millisecond
     static std::atomic<unsigned int> longestSleep;  ///< microseconds asked for
+    static std::atomic<int> sleeps;                 ///< how many were asked for
+    static std::atomic<int> sleepsBelowAMillisecond;
+    static std::atomic<int> heapTrims;  ///< how often free memory went back to the system
 
     static void clear();
 };

@@ -22,6 +22,7 @@
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
 #include "WebTimeImpl.h"
+#include "support/FakeCommands.h"
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
 #include "support/ScriptedHttpServer.h"
@@ -42,6 +43,7 @@ class UploadSetup : public KivTest {
 
     void SetUp() override {
         KivTest::SetUp();
+        commands.setOutput("ifconfig", "");
         ::setenv("CURL_CA_BUNDLE", ScriptedHttpServer::caFile().c_str(), 1);
         ::setenv("LOC_NETWORK", "false", 1);
         DB().open(database, false);
@@ -142,6 +144,7 @@ class UploadSetup : public KivTest {
     /// The UTC milliseconds of a kernel time of the running cycle.
     std::int64_t utcOf(std::int64_t kernelMs) const { return kNowMs - kernelNow + kernelMs; }
 
+    FakeCommands commands;  ///< no network card to ask: what the machine has is not seen
     TempDir dir;
     std::string database = dir.file("Db");
     std::mutex scriptMutex;  ///< guards current
