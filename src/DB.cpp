@@ -83,6 +83,12 @@ std::string deletionOf(const std::string& table, const std::vector<Row>& rows) {
     return sql + ");";
 }
 
+/// Counts are kept as on a set, whose `long` has 32 bits: from 2^31 on they are negative there, and
+/// here too.
+std::int32_t asOnASet(long count) {
+    return static_cast<std::int32_t>(count);
+}
+
 std::string insertion(long long bootCount, long long standbyCount, long long kernelTime,
                       const std::string& type, const std::string& data) {
     std::string sql;
@@ -387,8 +393,8 @@ long DB::storeEvent(const NewEvent& event) {
 }
 
 bool DB::insertEvent(const NewEvent& event) {
-    const std::string sql =
-        insertion(event.bootCount, event.standbyCount, event.kernelTime, event.type, event.data);
+    const std::string sql = insertion(asOnASet(event.bootCount), asOnASet(event.standbyCount),
+                                      event.kernelTime, event.type, event.data);
     trace("Query is ", sql);
     const bool quoted =
         event.type.find('\'') != std::string::npos || event.data.find('\'') != std::string::npos;
@@ -606,8 +612,8 @@ long long DB::getStartTime(long bootCount, long standbyCount, int source) const 
     SqlStatement select(m_connection.get(),
                         "SELECT startTime FROM TimeOffsets "
                         "WHERE bootCount=? AND standbyCount=? AND source=?");
-    select.bind(1, std::int64_t{bootCount});
-    select.bind(2, std::int64_t{standbyCount});
+    select.bind(1, std::int64_t{asOnASet(bootCount)});
+    select.bind(2, std::int64_t{asOnASet(standbyCount)});
     select.bind(3, std::int64_t{source});
     return readNumber(select, "TimeOffsets");
 }
@@ -622,8 +628,8 @@ int DB::setStartTime(long bootCount, long standbyCount, int source, long long st
                         "INSERT OR REPLACE INTO TimeOffsets "
                         "(bootCount, standbyCount, source, startTime, status) "
                         "VALUES (?1, ?2, ?3, ?4, ?3)");
-    insert.bind(1, std::int64_t{bootCount});
-    insert.bind(2, std::int64_t{standbyCount});
+    insert.bind(1, std::int64_t{asOnASet(bootCount)});
+    insert.bind(2, std::int64_t{asOnASet(standbyCount)});
     insert.bind(3, std::int64_t{source});
     insert.bind(4, std::int64_t{startTime});
     const int result = insert.step();
@@ -642,8 +648,8 @@ void DB::setOpTime(long bootCount, long standbyCount, unsigned int opTime) {
     SqlStatement insert(m_connection.get(),
                         "INSERT OR REPLACE INTO OpTimes (bootCount, standbyCount, opTime) "
                         "VALUES (?1, ?2, ?3)");
-    insert.bind(1, std::int64_t{bootCount});
-    insert.bind(2, std::int64_t{standbyCount});
+    insert.bind(1, std::int64_t{asOnASet(bootCount)});
+    insert.bind(2, std::int64_t{asOnASet(standbyCount)});
     insert.bind(3, std::int64_t{opTime});
     if (insert.step() == SQLITE_DONE) return;
     failureLine("Can't Insert into table OpTimes: ", lastErrorOfConnection());
@@ -653,8 +659,8 @@ unsigned int DB::getOpTime(long bootCount, long standbyCount) const {
     const PruneGuard lock = lockFor("getOpTime");
     SqlStatement select(m_connection.get(),
                         "SELECT opTime FROM OpTimes WHERE bootCount=? AND standbyCount=?");
-    select.bind(1, std::int64_t{bootCount});
-    select.bind(2, std::int64_t{standbyCount});
+    select.bind(1, std::int64_t{asOnASet(bootCount)});
+    select.bind(2, std::int64_t{asOnASet(standbyCount)});
     return static_cast<unsigned int>(readNumber(select, "OpTimes"));
 }
 

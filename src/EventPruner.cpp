@@ -69,7 +69,9 @@ std::vector<std::int64_t> EventPruner::rowsOfForgottenCycles(sqlite3* connection
                                                              const std::string& table) {
     const Cycle newest = newestCycle(connection, table);
     const TimeReference now;
-    const Cycle running(now.bootCount, now.standbyCount);  // not the newest after a count's reset
+    // Not the newest after a count's reset. The tables have signed counts.
+    const Cycle running(static_cast<std::int32_t>(now.bootCount),
+                        static_cast<std::int32_t>(now.standbyCount));
     std::vector<std::int64_t> rows;
     SqlStatement cycles(connection, "SELECT ROWID, bootcount, standbycount FROM " + table);
     SqlStatement probe(connection,

@@ -323,6 +323,30 @@ TEST_F(DBTrimTest, KeepsTheRunningCycleAlsoWhenItIsNotTheHighest) {
     EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"2|1", "900|4"}));
 }
 
+TEST_F(DBTrimTest, KeepsCountsAsASetWithThirtyTwoBitsDoes) {
+    const Singleton<CGlobalInfoImpl> info;
+    info->setBootCounts(4294967295U, 2147483648U);
+    const auto boot = static_cast<long>(4294967295U);  // -1 where long has 32 bits
+    const auto standby = static_cast<long>(2147483648U);
+    db->setStartTime(boot, standby, 1234);
+    db->setOpTime(boot, standby, 5);
+    db->addEvent(boot, standby, 10, "t", "x");
+    addCycles({"900,4"});
+    db->pruneSessionBasedTable("TimeOffsets");
+    EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"-1|-2147483648", "900|4"}));
+    EXPECT_EQ(cyclesOf("Events"), Texts{"-1|-2147483648"});
+    EXPECT_EQ(db->getStartTime(boot, standby), 1234);
+    EXPECT_EQ(db->getOpTime(boot, standby), 5U);
+}
+
+TEST_F(DBTrimTest, KeepsTheRunningCycleOfALargeCountWithoutEvents) {
+    const Singleton<CGlobalInfoImpl> info;
+    info->setBootCounts(4294967295U, 0);
+    addCycles({"-1,0", "900,4"});
+    db->pruneSessionBasedTable("TimeOffsets");
+    EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"-1|0", "900|4"}));
+}
+
 TEST_F(DBTrimTest, KeepsEverySourceOfACycle) {
     aside("INSERT INTO TimeOffsets VALUES(3,0,0,1,0),(3,0,1,2,1),(4,0,0,3,0),(4,0,1,4,1)");
     db->addEvent(3, 0, 10, "t", "x");

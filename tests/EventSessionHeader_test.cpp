@@ -114,7 +114,7 @@ TEST_F(EventSessionHeaderTest, LeavesAStoredLocationEmptyThatCannotBePacked) {
     }
 }
 
-TEST_F(EventSessionHeaderTest, GivesAStoredLocationWithUnusableValuesAsUnknown) {
+TEST_F(EventSessionHeaderTest, SurvivesAStoredLocationOfUnusableValues) {
     ::unsetenv("LOC_NETWORK");
     LocationInfo::setDbPath(database);
     PlainDatabase(database).run(

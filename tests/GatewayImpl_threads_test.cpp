@@ -5,6 +5,7 @@
 #include "support/GatewaySetup.h"
 #include "support/NoThreads.h"
 #include "support/OutputCapture.h"
+#include "support/PoisonedOutput.h"
 #include "support/SystemCallFaults.h"
 #include "support/TempDir.h"
 #include "support/UploadImplPeer.h"
@@ -37,47 +38,6 @@
 namespace {
 
 using Messages = UploadImplPeer::Messages;
-
-/// Throws on a text written that contains `poison`, and has the gateway be silent from then on:
-/// the stream stays bad. Writes nothing.
-class PoisonedBuffer : public std::streambuf {
-  public:
-    explicit PoisonedBuffer(std::string poison) : m_poison(std::move(poison)) {}
-
-  private:
-    std::streamsize xsputn(const char* text, std::streamsize size) override {
-        if (std::string(text, static_cast<std::size_t>(size)).find(m_poison) != std::string::npos) {
-            GatewayImpl::SetVerbose(false);
-            throw std::runtime_error("poisoned");
-        }
-        return size;
-    }
-    int overflow(int character) override { return character; }
-
-    std::string m_poison;
-};
-
-/// Has `std::cout` throw at a text.
-class PoisonedOutput {
-  public:
-    explicit PoisonedOutput(const std::string& poison)
-        : m_buffer(poison), m_saved(std::cout.rdbuf(&m_buffer)) {
-        std::cerr.tie(nullptr);  // what it flushes first would throw
-        std::cout.exceptions(std::ios::badbit);
-    }
-    ~PoisonedOutput() {
-        std::cout.exceptions(std::ios::goodbit);
-        std::cout.clear();
-        std::cout.rdbuf(m_saved);
-        std::cerr.tie(&std::cout);
-    }
-    PoisonedOutput(const PoisonedOutput&) = delete;
-    PoisonedOutput& operator=(const PoisonedOutput&) = delete;
-
-  private:
-    PoisonedBuffer m_buffer;
-    std::streambuf* m_saved;
-};
 
 /// Holds, in a wait that can be cancelled, whoever writes a text that contains `moment` on
 /// standard output. Writes nothing.
@@ -481,7 +441,7 @@ TEST_F(GatewayImplThreadsTest, SurvivesAnExceptionWhileAnEventIsHandledAndWakesT
     GatewayImpl::SetVerbose(true);
     OutputCapture capture;
     {
-        const PoisonedOutput poison(" will be sent");
+        const PoisonedOutput poison(" will be sent", [] { GatewayImpl::SetVerbose(false); });
         EXPECT_TRUE(send(R"({"event-type": "x", "syncsem": ")" + done.name() + "\"}"));
         EXPECT_TRUE(done.wait());
     }
@@ -498,7 +458,7 @@ TEST_F(GatewayImplThreadsTest, SurvivesAnExceptionWhileAMessageIsRead) {
     GatewayImpl::SetVerbose(true);
     OutputCapture capture;
     {
-        const PoisonedOutput poison(" message received: ");
+        const PoisonedOutput poison(" message received: ", [] { GatewayImpl::SetVerbose(false); });
         EXPECT_TRUE(send(R"({"event-type": "x"})"));
         EXPECT_TRUE(send(R"({"event-type": "next", "syncsem": ")" + done.name() + "\"}"));
         EXPECT_TRUE(done.wait());
@@ -783,6 +743,36 @@ TEST_F(GatewayImplThreadsTest, HoldsAtMostABatchWhileOneIsStored) {
     receiver.join();
     EXPECT_TRUE(WaitUntil([&] { return rows().size() == expected.size(); }));
     EXPECT_EQ(storedTypes(), expected);
+}
+
+TEST_F(GatewayImplThreadsTest, QueuesWhatItSetAsideAlsoWhileMessagesThatAreRefusedKeepComing) {
+    makeGateway();
+    {
+        const std::lock_guard<std::mutex> batch(GatewayImpl::m_QueueMutex);
+        GatewayImplPeer::handleReceived(*m_gateway, R"({"event-type": "a"})");
+    }
+    EXPECT_TRUE(GatewayImpl::m_Queue.empty());
+    EXPECT_FALSE(GatewayImplPeer::isAnySetAside(*m_gateway)) << "asked before each message";
+    EXPECT_EQ(storedTypes(), std::vector<std::string>{"a"});
+}
+
+TEST_F(GatewayImplThreadsTest, StoresABatchOnceThatMetAnException) {
+    makeGateway();
+    SystemCallFaults::holdSleeps = true;  // all in one batch
+    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    const std::vector<std::string> types = {"a", "poisoned", "c"};
+    for (const std::string& type : types) m_gateway->Log(R"({"event-type": ")" + type + "\"}");
+    DB::setVerbose(true);
+    OutputCapture capture;
+    {
+        const PoisonedOutput output("'poisoned'", [] { DB::setVerbose(false); });
+        SystemCallFaults::holdSleeps = false;
+        EXPECT_TRUE(WaitUntil([this] { return rows().size() == 3; }));
+    }
+    capture.stop();
+    EXPECT_NE(capture.err().find("kivGateway:Events could not be stored: poisoned"),
+              std::string::npos);
+    EXPECT_EQ(storedTypes(), types);
 }
 
 TEST_F(GatewayImplThreadsTest, HasOtherThreadsWaitForTheBatch) {

@@ -563,7 +563,7 @@ TEST_F(MiddlewareTimeTest, TimeThatRunsWithTheKernelIsNoJump) {
 TEST_F(MiddlewareTimeTest, EachMessageIsThePreviousOneOfTheNext) {
     receive("1551953702000");
     const std::int64_t before = TimeReference().kernelTime;
-    receive("1551953752000");
+    receive("1551953752000", 5000);
     EXPECT_EQ(m_previousTime, 1551953752000);
     EXPECT_GE(m_previousRef.kernelTime, before);
     EXPECT_EQ(linesOf([this] { receive("1551953802000"); }), "TimeMgr: MW time = 1551953802000\n");

@@ -24,6 +24,8 @@ struct GatewayImplPeer {
         gateway.handle(message, GatewayImpl::Handover::MaySetAside);
     }
 
+    static bool isAnySetAside(GatewayImpl& gateway) { return gateway.isAnySetAside(); }
+
     /// Stored events that are not freed yet.
     static std::size_t storedInMemory(const GatewayImpl& gateway) {
         const std::lock_guard<std::mutex> lock(GatewayImpl::m_QueueMutex);
