@@ -464,15 +464,14 @@ std::size_t GatewayImpl::storeWaitingEvents() {
         {
             std::unique_lock<std::mutex> lock(m_QueueMutex);
             if (m_Queue.empty()) {
-                m_stored.clear();
+                std::vector<JsonObject>().swap(m_stored);
+                std::vector<DB::NewEvent>().swap(m_rows);
                 return stored;
             }
             const std::size_t taken = storeFromFront(totalSize);
             if (taken == 0) return stored;  // the store is being read for long
             stored += taken;
-            // What follows a batch that ended early goes ahead of the pruner that this one called.
-            const bool endedEarly = taken < kMaxBatch && !m_Queue.empty();
-            more = m_Queue.size() >= kMaxBatch || endedEarly;
+            more = m_Queue.size() >= kMaxBatch || !m_rows.empty();
         }
         if (Config()->MinimumSizeReached(totalSize)) m_upload->ScheduleEventsUpload();
     }
@@ -480,23 +479,26 @@ std::size_t GatewayImpl::storeWaitingEvents() {
 }
 
 std::size_t GatewayImpl::storeFromFront(long& totalSize) {
-    std::vector<DB::NewEvent> batch;
-    batch.reserve(std::min(m_Queue.size(), kMaxBatch));
-    for (const JsonObject& event : m_Queue) {
-        if (batch.size() == kMaxBatch) break;
-        batch.push_back(toRow(event));
-        if (verboseFlag && batch.size() > m_readFromQueue)
-            std::printf("%s message read from queue: %s\n", kTag, batch.back().data.c_str());
-    }
-    m_readFromQueue = std::max(m_readFromQueue, batch.size());
-    m_stored.reserve(m_stored.size() + batch.size());  // nothing may throw behind the commit
+    // Rows that a batch left when it ended early go at once: ahead of the pruner that it called.
+    if (m_rows.empty()) readFront();
+    m_stored.reserve(m_stored.size() + m_rows.size());  // nothing may throw behind the commit
     std::size_t taken = 0;
-    totalSize = m_db->addEvents(batch, taken);
-    m_readFromQueue -= taken;
-    const auto end = m_Queue.begin() + static_cast<std::ptrdiff_t>(taken);
+    totalSize = m_db->addEvents(m_rows, taken);
+    m_rows.erase(m_rows.begin(), m_rows.begin() + static_cast<std::ptrdiff_t>(taken));
+    const auto end = m_Queue.begin() + static_cast<std::ptrdiff_t>(std::min(taken, m_Queue.size()));
     std::move(m_Queue.begin(), end, std::back_inserter(m_stored));
     m_Queue.erase(m_Queue.begin(), end);
     return taken;
+}
+
+void GatewayImpl::readFront() {
+    m_rows.reserve(std::min(m_Queue.size(), kMaxBatch));
+    for (const JsonObject& event : m_Queue) {
+        if (m_rows.size() == kMaxBatch) break;
+        m_rows.push_back(toRow(event));
+        if (verboseFlag)
+            std::printf("%s message read from queue: %s\n", kTag, m_rows.back().data.c_str());
+    }
 }
 
 std::unique_ptr<TimeReference> GatewayImpl::latestEvent() {

@@ -61,6 +61,7 @@ class GatewayImpl {
     void store();
     std::size_t storeWaitingEvents();  ///< one look at the queue; how many events were handled
     std::size_t storeFromFront(long& totalSize);  ///< one batch, with m_QueueMutex held; how many
+    void readFront();                             ///< fills m_rows, with m_QueueMutex held
     /// What an event does that is complete while a batch is being stored.
     enum class Handover {
         Wait,         ///< waits for the batch
@@ -83,8 +84,8 @@ class GatewayImpl {
     std::atomic<bool> m_initialized{false};
     std::unique_ptr<EventFilter> m_eventFilter;
     std::unique_ptr<EventFilter> m_fileFilter;
-    std::size_t m_readFromQueue = 0;  ///< events at the front already traced; storing thread only
-    std::mutex m_logMutex;            ///< one message at a time in the filters; guards m_setAside
+    std::vector<DB::NewEvent> m_rows;  ///< the queue's first events as rows; storing thread only
+    std::mutex m_logMutex;             ///< one message at a time in the filters; guards m_setAside
     /// Complete events, in their order, that met the lock of a batch; fewer than a batch of them.
     std::vector<JsonObject> m_setAside;
     /// Stored events, left to the threads that made them: freed by the storing thread, they would
