@@ -12,6 +12,12 @@ if(KIV_STATE_DIR MATCHES "^/var/lib/(.+)$")
 else()
   set(KIV_STATE_DIRECTORY "# systemd makes folders below /var/lib only; this one is there already.")
 endif()
+# The settings that the start files name; where the last rules below put them.
+if(CMAKE_INSTALL_PREFIX MATCHES "^/usr/?$")
+  set(KIV_SETTINGS /etc/default/kivApp)
+else()
+  set(KIV_SETTINGS ${CMAKE_INSTALL_PREFIX}/etc/default/kivApp)
+endif()
 set(KIV_PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
 set(KIV_INSTALLED ${PROJECT_BINARY_DIR}/installed)  # with this build's paths filled in
 

@@ -3,7 +3,7 @@
 
 # Packages that the build, the tests and the local stack need.
 kiv_packages=(
-    g++ cmake ninja-build pkg-config
+    g++ make cmake ninja-build pkg-config
     libjansson-dev libsqlite3-dev libcurl4-openssl-dev libssl-dev uuid-dev zlib1g-dev
     python3 python3-botocore python3-cryptography
     iputils-ping iproute2 util-linux procps
