@@ -75,12 +75,13 @@ class Memory:
 class Set:
     """A native daemon with consent that uploads when 16384 bytes wait."""
 
-    def __init__(self, name):
+    def __init__(self, name, settings=()):
         folder = DATA / name
         shutil.rmtree(folder, ignore_errors=True)
         upload = {"min-size": 16384, "max-delay": 3500, "max-size": 131072}
         self.cloud = harness.Cloud(folder / "cloud", {"config": {"*": {"upload_events": upload}}})
         self.device = harness.Device(folder / "device", self.cloud)
+        self.device.environment.update(settings)
         self.device.start("-s")
         self.device.wait_for_config()
 
@@ -126,9 +127,15 @@ class Set:
         harness.wait_until(lambda: self.device.alive() and self.uploads() > before, "an upload")
 
 
-def memory_and_wake_ups():
+def memory_settings():
+    """What the installed settings say of the allocator."""
+    lines = (ROOT / "packaging/kivApp.default.in").read_text().splitlines()
+    return [line.split("=", 1) for line in lines if line.startswith("GLIBC_TUNABLES=")]
+
+
+def memory_and_wake_ups(settings):
     """(memory after start, memory after the bursts, uploads, wake-ups a second when idle)"""
-    with Set("memory") as tv:
+    with Set("memory", settings) as tv:
         tv.device.send("usage.epg")
         time.sleep(REST_S)
         start = tv.memory()
@@ -188,7 +195,7 @@ def measure():
     else:
         print("no ARM daemon: ./build-arm makes it")
         table.missed += 1
-    start, after, uploads, idle = memory_and_wake_ups()
+    start, after, uploads, idle = memory_and_wake_ups(memory_settings())
     more = f"more after {BURSTS * EVENTS_IN_BURST:,} events and {uploads} uploads"
     table.row("private memory after start, dirty", start.dirty, 6 * 1024, "KiB")
     table.row(more, after.dirty - start.dirty, 1024, "KiB")
@@ -197,6 +204,9 @@ def measure():
     table.share("of it libraries that libcurl brings along", start.brought_along, "KiB")
     table.share("of it the C++ library", start.language, "KiB")
     table.row(more, after.all() - start.all(), 1024, "KiB", depends=True)
+    start, after, uploads, _ = memory_and_wake_ups(())
+    table.share(f"{more}, dirty, without the installed settings of the allocator",
+                after.dirty - start.dirty, "KiB")
     table.row("wake-ups of all threads together, idle", idle, 6, "/s", 1)
     table.row("start to the first message handled", start_to_ready(), 150, "ms")
     return table

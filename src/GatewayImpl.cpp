@@ -44,7 +44,7 @@ constexpr int kRestPolls = 25;  // so many idle polls, 5 s, after an event are a
 constexpr useconds_t kBusyMicroseconds = 20000;
 constexpr useconds_t kShortMicroseconds = 200;
 constexpr useconds_t kCrowdedMicroseconds = 2000;
-constexpr std::size_t kMostWaiting = 1024;  // events in memory; beyond that the senders wait
+constexpr std::size_t kMostWaiting = 512;  // events in memory; beyond that the senders wait
 constexpr std::chrono::seconds kInitPatience(2);
 
 std::atomic<bool> verboseFlag{false};

@@ -682,14 +682,14 @@ TEST_F(GatewayImplThreadsTest, StopsReceivingWhileTooManyEventsWaitAndLosesNone)
     };
     std::thread sender([this] {
         const Queue queue(m_queueName, O_WRONLY);
-        for (int i = 0; i < 1100; ++i) queue.send(R"({"event-type": "flood"})");
+        for (int i = 0; i < 600; ++i) queue.send(R"({"event-type": "flood"})");
     });
     EXPECT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 1; }));
-    EXPECT_EQ(waiting(), 1024u);
+    EXPECT_EQ(waiting(), 512u);
     SystemCallFaults::holdSleeps = false;
     sender.join();
     EXPECT_TRUE(WaitUntil([this] {
-        return query("SELECT COUNT(*) FROM Events WHERE type='flood'")[0][0] == "1100";
+        return query("SELECT COUNT(*) FROM Events WHERE type='flood'")[0][0] == "600";
     }));
 }
 
