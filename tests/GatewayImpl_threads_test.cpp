@@ -688,9 +688,8 @@ TEST_F(GatewayImplThreadsTest, StopsReceivingWhileTooManyEventsWaitAndLosesNone)
     EXPECT_EQ(waiting(), 512u);
     SystemCallFaults::holdSleeps = false;
     sender.join();
-    EXPECT_TRUE(WaitUntil([this] {
-        return query("SELECT COUNT(*) FROM Events WHERE type='flood'")[0][0] == "600";
-    }));
+    EXPECT_TRUE(WaitUntil(
+        [this] { return query("SELECT COUNT(*) FROM Events WHERE type='flood'")[0][0] == "600"; }));
 }
 
 TEST_F(GatewayImplThreadsTest, GoesOnReceivingWhileABatchIsStored) {
