@@ -56,7 +56,7 @@ def flood(database, count, rate):
 class Set:
     """A daemon with consent; with `meter` its syncs and written bytes are counted."""
 
-    def __init__(self, name, meter=False, **configuration):
+    def __init__(self, name, meter=False, settings=(), **configuration):
         self.folder = DATA / name
         shutil.rmtree(self.folder, ignore_errors=True)
         configuration.setdefault("upload_events",
@@ -64,6 +64,7 @@ class Set:
         self.cloud = harness.Cloud(self.folder / "cloud", {"config": {"*": configuration}})
         self.device = harness.Device(self.folder / "device", self.cloud)
         self.meter = Meter(self.folder / "meter")
+        self.device.environment.update(settings)
         if meter:
             self.device.environment.update(self.meter.environment())
         self.device.start("-s")
@@ -128,17 +129,24 @@ class Intake:
         return flood(self.database, count, rate)
 
 
+def memory_settings():
+    """What the installed settings say of the allocator."""
+    lines = (ROOT / "packaging/kivApp.default.in").read_text().splitlines()
+    return [line.split("=", 1) for line in lines if line.startswith("GLIBC_TUNABLES=")]
+
+
 def intake():
     """Rates of the bare loops, of the intake alone and of the whole daemon, in turns, three times;
     the medians."""
-    rates = {"text": [], "bound": [], "intake": [], "daemon": []}
+    rates = {"text": [], "bound": [], "intake": [], "daemon": [], "frugal": []}
     for turn in range(3):
         for insertion in ("text", "bound"):
             rates[insertion].append(bare_rate(insertion))
         with Intake() as gateway:
             rates["intake"].append(LONG_FLOOD / gateway.flood(LONG_FLOOD))
-        with Set(f"intake{turn}") as tv:
-            rates["daemon"].append(LONG_FLOOD / tv.flood(LONG_FLOOD))
+        for name, settings in (("daemon", ()), ("frugal", memory_settings())):
+            with Set(f"intake{turn}.{name}", settings=settings) as tv:
+                rates[name].append(LONG_FLOOD / tv.flood(LONG_FLOOD))
     return {name: statistics.median(values) for name, values in rates.items()}
 
 
@@ -212,6 +220,7 @@ def measure():
 
     row("kivApp's gateway, from the queue to durable rows, no limit to the store", compared("intake"))
     row("kivApp whole, store at its limit: every event pushes an older one out", compared("daemon"))
+    row("the same with the installed settings of the allocator", compared("frugal"))
     for label, what, count, rate in (
             ("at 1 event/s", lambda: Set("wear1", meter=True), 10, 1),
             ("at 10 events/s", lambda: Set("wear10", meter=True), 100, 10),

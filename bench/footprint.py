@@ -42,6 +42,7 @@ build build/bench all -DCMAKE_BUILD_TYPE=Release -DKIV_TESTS=OFF -DKIV_BENCH=ON 
 
 sys.path[:0] = [str(ROOT / "tests/e2e"), str(ROOT / "bench")]
 import harness  # noqa: E402
+from bench import memory_settings  # noqa: E402
 
 DATA = harness.BUILD / "footprint"  # on the disk of the build folder: /tmp may be memory
 
@@ -62,7 +63,7 @@ class Memory:
             self.dirty += kib
         else:
             self.clean += kib
-        library = mapped.split(".so")[0].rstrip("0123456789.-")
+        library = mapped.split(".so")[0]
         if library == "libstdc++":
             self.language += kib
         elif ".so" in mapped and library not in self.OWN:
@@ -125,12 +126,6 @@ class Set:
         subprocess.run([harness.BUILD / "bench/flood", harness.QUEUE, str(EVENTS_IN_BURST)],
                        check=True)
         harness.wait_until(lambda: self.device.alive() and self.uploads() > before, "an upload")
-
-
-def memory_settings():
-    """What the installed settings say of the allocator."""
-    lines = (ROOT / "packaging/kivApp.default.in").read_text().splitlines()
-    return [line.split("=", 1) for line in lines if line.startswith("GLIBC_TUNABLES=")]
 
 
 def memory_and_wake_ups(settings):
@@ -204,9 +199,9 @@ def measure():
     table.share("of it libraries that libcurl brings along", start.brought_along, "KiB")
     table.share("of it the C++ library", start.language, "KiB")
     table.row(more, after.all() - start.all(), 1024, "KiB", depends=True)
-    start, after, uploads, _ = memory_and_wake_ups(())
-    table.share(f"{more}, dirty, without the installed settings of the allocator",
-                after.dirty - start.dirty, "KiB")
+    start, after, _, _ = memory_and_wake_ups(())
+    table.share(f"more after {BURSTS * EVENTS_IN_BURST:,} events, dirty, without the installed "
+                "settings of the allocator", after.dirty - start.dirty, "KiB")
     table.row("wake-ups of all threads together, idle", idle, 6, "/s", 1)
     table.row("start to the first message handled", start_to_ready(), 150, "ms")
     return table

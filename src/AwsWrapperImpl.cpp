@@ -208,7 +208,10 @@ long long readFile(const std::string& path, std::iostream& content) {
             logError("could not read file ", path, ": ", ::strerror(errno));
             return -1;
         }
-        content.write(buffer.data(), count);
+        if (!content.write(buffer.data(), count)) {
+            logError("could not hold file ", path, ": out of memory");
+            return -1;
+        }
     }
     return size;
 }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <exception>
 #include <utility>
 
 #include <errno.h>
@@ -323,10 +324,20 @@ long DB::addEvents(const std::vector<NewEvent>& events, std::size_t& taken) {
             else
                 storeSingly(events, taken, total);
         }
-        if (total < 0 || taken == 0) total = totalEventSize();
+        if (total < 0 || taken == 0) total = recountedSize();
     }
     startPrunerAbove(total);
     return total;
+}
+
+/// Throws nothing: the events are stored by now. -1 when it stays unknown.
+long DB::recountedSize() {
+    try {
+        return totalEventSize();
+    } catch (const std::exception& error) {
+        failureLine("Events could not be counted: ", error.what());
+        return -1;
+    }
 }
 
 /// Whether the last statement met another process's lock, and not for too long: it may end soon.
@@ -343,7 +354,14 @@ bool DB::batchCanWait() {
 /// Whatever of a failed batch can be stored is stored. Nothing waits here: the senders have.
 void DB::storeSingly(const std::vector<NewEvent>& events, std::size_t count, long& total) {
     if (m_connection) sqlite3_busy_timeout(m_connection.get(), 0);
-    for (std::size_t i = 0; i < count; ++i) total = storeEvent(events[i]);
+    for (std::size_t i = 0; i < count; ++i) {
+        try {
+            total = storeEvent(events[i]);
+        } catch (const std::exception& error) {  // costs this event alone
+            failureLine("Event could not be stored: ", error.what());
+            total = m_TotalEventSize;
+        }
+    }
     if (m_connection) sqlite3_busy_timeout(m_connection.get(), kBusyTimeoutMs);
 }
 
@@ -370,9 +388,9 @@ bool DB::storeInOneTransaction(const std::vector<NewEvent>& events, bool ahead, 
     return true;
 }
 
-long DB::sizeThatEndsABatch(bool ahead) const {
+long DB::sizeThatEndsABatch(bool ahead) {
     // Ahead of a pruner that waits, at most as much again as it is going to remove.
-    const long total = m_TotalEventSize;
+    const long total = ahead ? totalEventSize() : 0;
     return ahead ? total + (m_pruneThreshold - m_pruneTarget) : m_pruneThreshold;
 }
 

@@ -173,7 +173,8 @@ class DB {
                                long& total);
     void storeSingly(const std::vector<NewEvent>& events, std::size_t count, long& total);
     bool batchCanWait();
-    long sizeThatEndsABatch(bool ahead) const;
+    long sizeThatEndsABatch(bool ahead);
+    long recountedSize();
     void startPrunerAbove(long total);  // without the lock
 
     bool replaceOldestEvents(long limit);

@@ -272,6 +272,7 @@ bool GatewayImpl::receive() {
             first = false;
             handle(buffer.data(), Handover::MaySetAside);
             if (m_crowded) waitWhileCrowded();
+            m_crowded = false;
         } catch (const std::exception& error) {  // the unwinding of a cancelled thread passes
             cerrdbg << kTag << "Message could not be received: " << error.what() << std::endl;
             cancellableSleep(kIdleMicroseconds);
@@ -279,7 +280,8 @@ bool GatewayImpl::receive() {
     }
 }
 
-/// Nothing stays set aside for longer than a batch, nor while this thread waits for a message.
+/// Nothing stays set aside for longer than a batch, or while too many wait, nor while this thread
+/// waits for a message.
 ssize_t GatewayImpl::nextMessage(mqd_t queue, std::vector<char>& buffer) {
     if (isAnySetAside()) {
         const ssize_t size = receiveWaiting(queue, buffer);

@@ -23,8 +23,9 @@
 /// The intake: receives events from the POSIX message queue "/kiv_queue" (docs/event-message.md),
 /// keeps those that consent and filters allow, completes them, and stores them in batches.
 ///
-/// Reached through `Singleton<GatewayImpl>`. Two threads: "GatewayThread" receives and calls
-/// `Log`, "GatewayLogThread" stores. Both use the instance they were started by. They can be
+/// Reached through `Singleton<GatewayImpl>`. Two threads: "GatewayThread" receives and handles
+/// messages as `Log` does, but without waiting for a batch that is being stored;
+/// "GatewayLogThread" stores. Both use the instance they were started by. They can be
 /// cancelled only where they wait: in `mq_receive` and in their sleeps. Lock order: m_logMutex,
 /// m_QueueMutex, then `DB::m_PruneLock`.
 class GatewayImpl {

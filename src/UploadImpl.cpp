@@ -229,9 +229,18 @@ void UploadImpl::handleMsg(int id, long param) {
         throw;
     } catch (const std::exception& error) {
         logError("Message ", id, " failed: ", error.what());
+        tryAgain(id);
     } catch (...) {
         logError("Message ", id, " failed");
+        tryAgain(id);
     }
+}
+
+/// A job that was thrown out has not asked for the next one, on which uploads depend.
+void UploadImpl::tryAgain(int id) {
+    if (id == UploadEvents || id == EventsTimeCheck) ScheduleEventsTimeCheck(kRecheckMs);
+    if (id == UploadFiles) ScheduleFilesUpload(kRetryMs);
+    if (id == Initialization) ScheduleInitialization(kRetryMs);
 }
 
 void UploadImpl::runJob(int id, long param) {

@@ -86,6 +86,7 @@ class UploadImpl {
 
     void uploadThread();
     void runJob(int id, long param);
+    void tryAgain(int id);
     void schedule(std::uint64_t& timer, long long delayMs, int id, long param);
     static bool uploadIsPermitted();
     bool readyToUpload(const Config& config);

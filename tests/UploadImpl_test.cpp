@@ -12,6 +12,7 @@
 #include <signal.h>
 
 #include "support/ConfigImplPeer.h"
+#include "support/PoisonedOutput.h"
 #include "support/SystemCallFaults.h"
 #include "support/UploadJobs.h"
 
@@ -198,6 +199,21 @@ TEST_F(UploadImplTest, SurvivesAJobThatThrows) {
     config->RegisterCallback(nullptr);
     EXPECT_EQ(output.errWithoutPrefixes(),
               "kivUpload: Message 3 failed: out of order\nkivUpload: Message 3 failed\n");
+}
+
+TEST_F(UploadImplTest, AsksForTheNextTryOfAJobThatThrew) {
+    const auto delayAfter = [this](int job, const std::string& firstLine, int next) {
+        UploadImpl::SetVerbose(true);
+        const PoisonedOutput output(firstLine, [] { UploadImpl::SetVerbose(false); });
+        upload->handleMsg(job, 0);
+        return (UploadImplPeer::pendingDelay(*upload, next) + 999) / 1000;
+    };
+    OutputCapture errors;
+    EXPECT_EQ(delayAfter(1, "uploadEvents request", 4), 300);
+    EXPECT_EQ(delayAfter(2, "uploadFiles request", 2), 60);
+    EXPECT_EQ(delayAfter(5, "Initializ", 5), 60);
+    upload->ScheduleEventsTimeCheck(1000);
+    EXPECT_EQ(delayAfter(4, "eventsTimeCheck request", 4), 300);
 }
 
 TEST_F(UploadImplTest, NamesItsThreadAndLeavesTheAlarmToTheCreatingThread) {
