@@ -11,7 +11,6 @@ build on this machine, as an emulator would be measured with an emulated daemon.
 import os
 import pathlib
 import platform
-import shutil
 import signal
 import statistics
 import subprocess
@@ -41,10 +40,9 @@ build build/bench all -DCMAKE_BUILD_TYPE=Release -DKIV_TESTS=OFF -DKIV_BENCH=ON 
               *sys.argv[1:]])
 
 sys.path[:0] = [str(ROOT / "tests/e2e"), str(ROOT / "bench")]
+import bench  # noqa: E402
 import harness  # noqa: E402
-from bench import memory_settings  # noqa: E402
 
-DATA = harness.BUILD / "footprint"  # on the disk of the build folder: /tmp may be memory
 
 
 class Memory:
@@ -73,25 +71,12 @@ class Memory:
         return self.dirty + self.clean
 
 
-class Set:
+class Set(bench.Set):
     """A native daemon with consent that uploads when 16384 bytes wait."""
 
     def __init__(self, name, settings=()):
-        folder = DATA / name
-        shutil.rmtree(folder, ignore_errors=True)
-        upload = {"min-size": 16384, "max-delay": 3500, "max-size": 131072}
-        self.cloud = harness.Cloud(folder / "cloud", {"config": {"*": {"upload_events": upload}}})
-        self.device = harness.Device(folder / "device", self.cloud)
-        self.device.environment.update(settings)
-        self.device.start("-s")
-        self.device.wait_for_config()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.device.stop()
-        self.cloud.stop()
+        super().__init__(name, settings=settings, upload_events={
+            "min-size": 16384, "max-delay": 3500, "max-size": 131072})
 
     def proc(self, name):
         return pathlib.Path(f"/proc/{self.device.process.pid}/{name}")
@@ -183,14 +168,14 @@ class Table:
 
 
 def measure():
-    DATA.mkdir(parents=True, exist_ok=True)
+    bench.DATA.mkdir(parents=True, exist_ok=True)
     table = Table()
     if ARM_DAEMON.exists():
         table.row("stripped ARM daemon", ARM_DAEMON.stat().st_size / 1024, 900, "KiB")
     else:
         print("no ARM daemon: ./build-arm makes it")
         table.missed += 1
-    start, after, uploads, idle = memory_and_wake_ups(memory_settings())
+    start, after, uploads, idle = memory_and_wake_ups(bench.memory_settings())
     more = f"more after {BURSTS * EVENTS_IN_BURST:,} events and {uploads} uploads"
     table.row("private memory after start, dirty", start.dirty, 6 * 1024, "KiB")
     table.row(more, after.dirty - start.dirty, 1024, "KiB")

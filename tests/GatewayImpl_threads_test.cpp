@@ -99,6 +99,12 @@ std::ptrdiff_t openDescriptors() {
 
 class GatewayImplThreadsTest : public GatewaySetup {
   protected:
+    /// What is handled from now on waits, until the sleeps go on.
+    static void holdStoring() {
+        SystemCallFaults::holdSleeps = true;
+        ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    }
+
     void logMany(int count) {
         for (int i = 0; i < count; ++i) m_gateway->Log(R"({"event-type": "many"})");
     }
@@ -343,8 +349,7 @@ TEST_F(GatewayImplThreadsTest, LooksForEventsEveryTwoHundredMilliseconds) {
 
 TEST_F(GatewayImplThreadsTest, StoresABacklogOfSeveralBatchesInOrder) {
     makeGateway();
-    SystemCallFaults::holdSleeps = true;
-    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    holdStoring();
     std::vector<std::string> expected;
     for (int i = 0; i < 700; ++i) {
         expected.push_back("e" + std::to_string(i));
@@ -360,8 +365,7 @@ TEST_F(GatewayImplThreadsTest, StoresABacklogOfSeveralBatchesInOrder) {
 
 TEST_F(GatewayImplThreadsTest, LosesOnlyTheEventWithASingleQuoteInItsType) {
     makeGateway();
-    SystemCallFaults::holdSleeps = true;  // all in one batch
-    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    holdStoring();  // all in one batch
     OutputCapture capture;
     m_gateway->Log(R"({"event-type": "before"})");
     m_gateway->Log(R"({"event-type": "it's"})");
@@ -528,8 +532,7 @@ TEST_F(GatewayImplThreadsTest, SaysWhenTheQueueCannotBeClosed) {
 
 TEST_F(GatewayImplThreadsTest, DiscardsTheEventsThatStillWait) {
     makeGateway();
-    SystemCallFaults::holdSleeps = true;
-    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    holdStoring();
     m_gateway->Log(R"({"event-type": "x"})");
     m_gateway->Log(R"({"event-type": "y"})");
     {
@@ -674,8 +677,7 @@ TEST_F(GatewayImplThreadsTest, KeepsEveryEventWhileAnotherProcessLocksTheStore) 
 
 TEST_F(GatewayImplThreadsTest, StopsReceivingWhileTooManyEventsWaitAndLosesNone) {
     makeGateway();
-    SystemCallFaults::holdSleeps = true;  // the storing thread's, and then the receiving thread's
-    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    holdStoring();  // the storing thread's, and then the receiving thread's
     const auto waiting = [] {
         const std::lock_guard<std::mutex> lock(GatewayImpl::m_QueueMutex);
         return GatewayImpl::m_Queue.size();
@@ -757,8 +759,7 @@ TEST_F(GatewayImplThreadsTest, QueuesWhatItSetAsideAlsoWhileMessagesThatAreRefus
 
 TEST_F(GatewayImplThreadsTest, StoresABatchOnceThatMetAnException) {
     makeGateway();
-    SystemCallFaults::holdSleeps = true;  // all in one batch
-    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    holdStoring();  // all in one batch
     const std::vector<std::string> types = {"a", "poisoned", "c"};
     for (const std::string& type : types) m_gateway->Log(R"({"event-type": ")" + type + "\"}");
     DB::setVerbose(true);
@@ -832,8 +833,7 @@ TEST_F(GatewayImplThreadsTest, GivesFreeMemoryBackOnceInARestOfFiveSeconds) {
 
 TEST_F(GatewayImplThreadsTest, StoresABacklogInFullBatches) {
     makeGateway();
-    SystemCallFaults::holdSleeps = true;
-    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::heldSleeps > 0; }));
+    holdStoring();
     for (int i = 0; i < 600; ++i) m_gateway->Log(R"({"event-type": "backlog"})");
     DB::setVerbose(true);
     OutputCapture capture;
