@@ -11,8 +11,6 @@ build on this machine, as an emulator would be measured with an emulated daemon.
 import os
 import pathlib
 import platform
-import signal
-import statistics
 import subprocess
 import sys
 import time
@@ -128,22 +126,6 @@ def memory_and_wake_ups(settings):
         return start, tv.memory(), tv.uploads(), idle
 
 
-def start_to_ready():
-    """Milliseconds from exec until the first message was handled; the median."""
-    times = []
-    with Set("start") as tv:
-        for _ in range(STARTS):
-            tv.device.stop(signal.SIGKILL)
-            harness.forget_system_wide_names()
-            begin = time.monotonic()
-            tv.device.start("-s", ready=False)
-            while not tv.device.queue_exists():
-                time.sleep(0.0005)
-            tv.device.send("start.probe")
-            times.append((time.monotonic() - begin) * 1000)
-    return statistics.median(times)
-
-
 class Table:
     def __init__(self):
         self.rows = []
@@ -188,7 +170,7 @@ def measure():
     table.share(f"more after {BURSTS * EVENTS_IN_BURST:,} events, dirty, without the installed "
                 "settings of the allocator", after.dirty - start.dirty, "KiB")
     table.row("wake-ups of all threads together, idle", idle, 6, "/s", 1)
-    table.row("start to the first message handled", start_to_ready(), 150, "ms")
+    table.row("start to the first message handled", bench.start_time(STARTS), 150, "ms")
     return table
 
 

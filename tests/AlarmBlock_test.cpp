@@ -165,6 +165,19 @@ TEST(AlarmBlock, ThreadsStartedMeanwhileInheritTheBlockAndKeepIt) {
     });
 }
 
+TEST(AlarmUnblock, LetsTheAlarmThroughAsLongAsItLives) {
+    onAThreadThatTakesTheAlarm([] {
+        const AlarmBlock block;
+        setBlocked(SIGUSR1, true);
+        {
+            const AlarmUnblock inherited;
+            EXPECT_FALSE(isBlocked(SIGALRM));
+            EXPECT_TRUE(isBlocked(SIGUSR1)) << "other signals stay as they are";
+        }
+        EXPECT_TRUE(isBlocked(SIGALRM));
+    });
+}
+
 TEST(AlarmBlock, LeavesThreadsAloneThatRunAlready) {
     onAThreadThatTakesTheAlarm([] {
         std::atomic<bool> runs{false};

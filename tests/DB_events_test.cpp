@@ -1,4 +1,6 @@
 #include <atomic>
+#include <chrono>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -7,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "SqlStatement.h"
 #include "support/PoisonedOutput.h"
 #include "support/StoreTest.h"
 #include "support/WaitUntil.h"
@@ -592,6 +595,29 @@ TEST_F(DBEventsTest, AForeignLockOfMoreThanThirtySecondsCostsTheBatch) {
     EXPECT_EQ(capture.errWithoutPrefixes(),
               "kivDB: SQL error (begin transaction): database is locked\n" + line + line);
     EXPECT_TRUE(storedData().empty());
+}
+
+TEST_F(DBEventsTest, AnExceptionAmidSinglyStoredEventsCostsThatEventAlone) {
+    PlainDatabase locker(path);
+    locker.run("BEGIN IMMEDIATE");
+    DBPeer::setBusySince(*db, std::chrono::steady_clock::now() - std::chrono::seconds(31));
+    std::size_t taken = 0;
+    OutputCapture capture;
+    DB::setVerbose(true);
+    {
+        const PoisonedOutput output("'e1'", [] { DB::setVerbose(false); });
+        db->addEvents(events(3), taken);
+    }
+    capture.stop();
+    locker.run("ROLLBACK");
+    EXPECT_EQ(taken, 3u) << "none is tried again";
+    const std::string line = "kivDB: SQL error (insert event): database is locked\n";
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (begin transaction): database is locked\n" + line +
+                  "kivDB: Event could not be stored: poisoned\n" + line);
+    SqlStatement timeout(DBPeer::connection(*db), "PRAGMA busy_timeout");
+    ASSERT_EQ(timeout.step(), SQLITE_ROW);
+    EXPECT_EQ(timeout.columnInt64(0), 1000) << "statements wait for readers again";
 }
 
 TEST_F(DBEventsTest, AForeignLockIsTimedFromItsOwnBeginning) {

@@ -415,6 +415,19 @@ TEST_F(DBPruningTest, OneBatchGoesAheadOfAWaitingPrunerButIsNoLargerThanWhatItRe
         << "one prune has removed the first event and two of the batch";
 }
 
+TEST_F(DBPruningTest, TheBatchAheadIsAsLargeWhereTheSizeMustBeCountedFirst) {
+    DBPeer::setPruneSizes(*db, 1000, 500);
+    std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
+    db->addEvent(1, 1, 0, "t", std::string(1999, 'x'));  // the pruner waits from here on
+    DB::m_TotalEventSize = -1;                           // as an upload leaves it
+    const std::vector<DB::NewEvent> batch(20, {1, 1, 1, "t", std::string(99, 'y')});
+    std::size_t taken = 0;
+    db->addEvents(batch, taken);
+    EXPECT_EQ(taken, 6u) << "600 bytes are the first to exceed 500";
+    lock.unlock();
+    DBPeer::waitForPruners(*db);
+}
+
 TEST_F(DBPruningTest, DestructionWaitsForTheOwnPruners) {
     std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
     DBPeer::setPruneSizes(*db, 100, 50);

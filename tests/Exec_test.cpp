@@ -1,5 +1,6 @@
 #include "NetworkHelper.h"
 
+#include "AlarmBlock.h"
 #include "support/NetworkHooks.h"
 #include "support/OutputCapture.h"
 #include "support/TempDir.h"
@@ -17,6 +18,7 @@
 #include <cstdlib>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -45,6 +47,16 @@ TEST(ExecTest, GivesTheStandardOutput) {
     EXPECT_EQ(Exec("true"), "");
     EXPECT_EQ(Exec("echo out; false"), "out\n");
     EXPECT_EQ(Exec("exit 3"), "");
+}
+
+TEST(ExecTest, StartsCommandsThatCanEndThemselvesByAnAlarm) {
+    const AlarmBlock asOnEveryThreadButTheMainOne;
+    const std::string line = Exec("grep SigBlk: /proc/self/status");
+    ASSERT_EQ(line.rfind("SigBlk:", 0), 0u) << line;
+    EXPECT_EQ(std::stoull(line.substr(7), nullptr, 16) & (1ULL << (SIGALRM - 1)), 0u);
+    sigset_t mask;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    EXPECT_EQ(::sigismember(&mask, SIGALRM), 1) << "the thread's own mask is back";
 }
 
 TEST(ExecTest, DoesNotTakeTheStandardError) {

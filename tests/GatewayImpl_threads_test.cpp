@@ -30,6 +30,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <mqueue.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -99,6 +100,13 @@ std::ptrdiff_t openDescriptors() {
 
 class GatewayImplThreadsTest : public GatewaySetup {
   protected:
+    /// Sends an event of the type. @return whether it was handled
+    bool sendAndWait(const std::string& type) {
+        const NamedSemaphore done;
+        return send(R"({"event-type": ")" + type + R"(", "syncsem": ")" + done.name() + "\"}") &&
+               done.wait();
+    }
+
     /// What is handled from now on waits, until the sleeps go on.
     static void holdStoring() {
         SystemCallFaults::holdSleeps = true;
@@ -308,9 +316,7 @@ TEST_F(GatewayImplThreadsTest, WaitsAndGoesOnAfterAReceiveError) {
     SystemCallFaults::receiveFailures = 2;
     OutputCapture capture;
     makeGateway();
-    const NamedSemaphore done;
-    EXPECT_TRUE(send(R"({"event-type": "after", "syncsem": ")" + done.name() + "\"}"));
-    EXPECT_TRUE(done.wait());
+    EXPECT_TRUE(sendAndWait("after"));
     capture.stop();
     EXPECT_EQ(capture.errWithoutPrefixes(),
               "kivGateway:mq_receive failed : Message too long\n"
@@ -325,9 +331,7 @@ TEST_F(GatewayImplThreadsTest, GoesOnSilentlyWhenReceivingIsInterrupted) {
     SystemCallFaults::receiveFailures = 3;
     OutputCapture capture;
     makeGateway();
-    const NamedSemaphore done;
-    EXPECT_TRUE(send(R"({"event-type": "after", "syncsem": ")" + done.name() + "\"}"));
-    EXPECT_TRUE(done.wait());
+    EXPECT_TRUE(sendAndWait("after"));
     capture.stop();
     EXPECT_EQ(capture.errWithoutPrefixes(), "");
     EXPECT_EQ(storedTypes(), std::vector<std::string>{"after"});
@@ -336,6 +340,26 @@ TEST_F(GatewayImplThreadsTest, GoesOnSilentlyWhenReceivingIsInterrupted) {
 TEST_F(GatewayImplThreadsTest, NamesTheReceivingThread) {
     makeEarlyGateway();
     EXPECT_TRUE(WaitUntil([] { return hasThreadNamed("GatewayThread"); }));
+}
+
+TEST_F(GatewayImplThreadsTest, LeavesTheAlarmToTheThreadThatMadeIt) {
+    const auto thatTakeTheAlarm = [] {
+        std::ptrdiff_t count = 0;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            const std::string status = TempDir::readFile(task.path().string() + "/status");
+            const std::size_t at = status.find("SigBlk:");
+            if (at == std::string::npos) continue;
+            const auto blocked = std::stoull(status.substr(at + 7), nullptr, 16);
+            if ((blocked & (1ULL << (SIGALRM - 1))) == 0) ++count;
+        }
+        return count;
+    };
+    const std::ptrdiff_t before = thatTakeTheAlarm();
+    makeGateway();
+    ASSERT_TRUE(GatewayImplPeer::isReceiverStarted(*m_gateway));
+    ASSERT_TRUE(GatewayImplPeer::isStorerStarted(*m_gateway));
+    EXPECT_EQ(thatTakeTheAlarm(), before) << "neither the receiving thread nor the storing one";
+    EXPECT_EQ(storedFor(R"({"event-type": "x"})").optString("event-type"), "x") << "both run";
 }
 
 // --- storing --------------------------------------------------------------------------------
