@@ -17,6 +17,7 @@ class QueueTest(WholeProgramTest):
         self.device.send("usage.epg", LONG)
         self.wait_for_events(before + 1, "usage.epg")
 
+    #: Messages that are no JSON object get one line each; strange but valid ones do no harm.
     def test_messages_that_are_no_json_object_get_one_line_each_and_are_dropped(self):
         self.start_with_consent()
         junk = [b"hello", b"{", b"[]", b"17", b"null", b'"text"', b"\0", b"\xff\xfe\xfd",
@@ -29,6 +30,7 @@ class QueueTest(WholeProgramTest):
         self.assertEqual(self.device.errors_beginning(INVALID), len(junk))
         self.assertEqual({event["event-type"] for event in self.cloud.events()}, {"usage.epg"})
 
+    #: Messages that are no JSON object get one line each; strange but valid ones do no harm.
     def test_strange_but_valid_messages_do_not_harm_the_daemon(self):
         self.start_with_consent()
         for message in ({}, {"event-type": 5}, {"event-type": None}, {"event-type": ""},
@@ -55,6 +57,7 @@ class QueueTest(WholeProgramTest):
                              + b'{"a":' * 500 + b"1" + b"}" * 502)
         self.assert_takes_events()
 
+    #: An event with a single quote is refused alone and does nothing else.
     def test_event_with_a_single_quote_is_refused_alone_and_does_nothing_else(self):
         self.start_with_consent()
         self.device.send("usage.epg", {"text": "it's"})
@@ -64,6 +67,7 @@ class QueueTest(WholeProgramTest):
         self.assertEqual(self.device.query("SELECT COUNT(*) FROM TimeOffsets"), [(1,)])
         self.assert_takes_events()
 
+    #: Messages that are no JSON object get one line each; strange but valid ones do no harm.
     def test_random_bytes_in_valid_events_never_end_the_daemon(self):
         dice = random.Random(4242)
         self.start_with_consent()
@@ -76,6 +80,7 @@ class QueueTest(WholeProgramTest):
             self.device.post_raw(bytes(message[:dice.randrange(1, len(message) + 1)]))
         self.assert_takes_events()
 
+    #: A missing semaphore is reported with name and reason.
     def test_missing_semaphore_is_reported_with_its_name_and_reason(self):
         self.start_with_consent()
         self.device.post_raw(b'{"event-type": "usage.epg", "syncsem": "/nobody.waits"}')
@@ -84,6 +89,7 @@ class QueueTest(WholeProgramTest):
 
 
 class JunkFilesTest(WholeProgramTest):
+    #: Junk in every file of the set leaves a running daemon.
     def test_junk_in_every_file_of_the_set_leaves_a_running_daemon(self):
         for boot, junk in enumerate((b"", b"junk", b"\0" * 100, b"[]", b"17", b"\xff" * 5000,
                                      b"[" * 100000, b"{}"), start=1):
@@ -106,6 +112,7 @@ class JunkFilesTest(WholeProgramTest):
 class CaptivePortalTest(WholeProgramTest):
     SERVICES = ("config", "tou", "time", "geo", "firehose", "s3")
 
+    #: A captive portal on every service harms nothing and passes.
     def test_page_of_a_captive_portal_on_every_service_harms_nothing_and_passes(self):
         self.start_with_consent()
         self.device.send("usage.epg", LONG)

@@ -14,6 +14,8 @@ TOO_RECENT = "Last request was too recent : time = "
 class ExpiryTest(WholeProgramTest):
     configuration = {"expiry_tou": 4, "upload_events": {"min-size": 100}}
 
+    #: An expired configuration stops uploads and is not asked for again within 600 s; a
+    #: fresh one is not asked for.
     def test_expired_configuration_stops_uploads_and_is_not_asked_for_again_within_600_s(self):
         self.start_with_consent("-v")
         self.device.send("usage.epg", {"number": 1, **LONG})
@@ -32,6 +34,8 @@ class ExpiryTest(WholeProgramTest):
         self.wait_for_events(2, "usage.epg")
         self.assertEqual(len(self.cloud.requests("config")), 2)
 
+    #: An expired configuration stops uploads and is not asked for again within 600 s; a
+    #: fresh one is not asked for.
     def test_fresh_configuration_is_not_asked_for(self):
         self.device.write_config(expiry_tou=600, upload_events={"min-size": 100})
         self.device.start()
@@ -64,33 +68,39 @@ class AnswerTest(WholeProgramTest):
         self.wait_for_events(1, "usage.epg")
         self.assertNotEqual((self.device.folder / "Config").read_bytes(), self.before)
 
+    #: An error answer changes nothing and counts as fresh.
     def test_error_answer_changes_nothing_and_counts_as_fresh(self):
         self.start_with_old_config("error-answer")
         self.wait_for_events(1, "usage.epg")
         self.assert_configuration_in_force_stays()
 
+    #: An error answer changes nothing and counts as fresh.
     def test_forbidden_is_an_error_answer_too(self):
         self.start_with_old_config("refuse")
         self.wait_for_events(1, "usage.epg")
         self.assert_configuration_in_force_stays()
 
+    #: Answers that are no JSON object change nothing and are reported whole.
     def test_broken_json_is_reported_whole_and_changes_nothing(self):
         self.start_with_old_config("not-json")
         self.device.wait_for_error(
             'kivconfig: Invalid Config JSON object received: {"kiv_tou": tru')
         self.assert_expired_until_next_start()
 
+    #: Answers that are no JSON object change nothing and are reported whole.
     def test_json_that_is_no_object_changes_nothing(self):
         self.start_with_old_config({"action": "answer", "body": '["kiv_tou", true]'})
         self.device.wait_for_error(
             'kivconfig: Invalid Config JSON object received: ["kiv_tou", true]')
         self.assert_expired_until_next_start()
 
+    #: Answers that are no JSON object change nothing and are reported whole.
     def test_page_of_a_captive_portal_changes_nothing(self):
         self.start_with_old_config("server-error")
         self.device.wait_for_error("kivconfig: Invalid Config JSON object received: <html>")
         self.assert_expired_until_next_start()
 
+    #: Answers above 1 MiB, headers above 64 KiB, cut and reset connections change nothing.
     def test_answer_above_a_mebibyte_is_refused(self):
         for length in (True, False):
             with self.subTest(length=length):
@@ -101,11 +111,13 @@ class AnswerTest(WholeProgramTest):
                 self.assert_configuration_in_force_stays()
                 self.device.stop()
 
+    #: Answers above 1 MiB, headers above 64 KiB, cut and reset connections change nothing.
     def test_headers_above_64_kib_are_refused(self):
         self.start_with_old_config({"action": "huge", "part": "headers"})
         self.device.wait_for_error("kivconfig: Config could not be retrieved from server")
         self.assert_configuration_in_force_stays()
 
+    #: Answers above 1 MiB, headers above 64 KiB, cut and reset connections change nothing.
     def test_connection_that_is_cut_or_reset_changes_nothing(self):
         for action in ("cut", "reset"):
             with self.subTest(action):
@@ -114,6 +126,7 @@ class AnswerTest(WholeProgramTest):
                 self.assert_configuration_in_force_stays()
                 self.device.stop()
 
+    #: Wrong types everywhere do not harm the daemon.
     def test_document_with_wrong_types_everywhere_does_not_harm_the_daemon(self):
         body = json.dumps({
             "version": 3, "kiv_tou": "true", "expiry_tou": "x", "event-filter": [1], "file-filter":
@@ -129,6 +142,7 @@ class AnswerTest(WholeProgramTest):
 
 
 class PersistentFileTest(WholeProgramTest):
+    #: A missing or broken configuration file becomes the default document.
     def test_missing_or_broken_file_is_replaced_by_the_default_document(self):
         self.cloud.misbehave(config="reset")
         for run, text in enumerate((None, "", '{"kiv_tou": tr', "\0\1\2", "null"), start=1):
@@ -149,6 +163,7 @@ class PersistentFileTest(WholeProgramTest):
                 ("s3_bucket", "norvane-ddump/kiv-test"), ("Last-Modified", ""), ("UTC-Time", 0)])
             self.device.stop()
 
+    #: An answer is mirrored whole with the time of its arrival.
     def test_answer_is_mirrored_whole_with_the_time_of_its_arrival(self):
         self.cloud.control({"config": {"*": {"version": "7", "unknown": {"deep": [1, None]}}}})
         self.start_with_consent()
@@ -157,6 +172,7 @@ class PersistentFileTest(WholeProgramTest):
         self.assertLess(abs(document["UTC-Time"] - time.time()), 10)
         self.assertRegex(document["Last-Modified"], r"\A\w{3}, \d\d \w{3} \d{4} [0-9:]{8} GMT\Z")
 
+    #: A power cut at any moment of a refresh leaves a whole document.
     def test_power_cut_at_any_moment_of_the_refresh_leaves_a_whole_document(self):
         dice = random.Random(1558062013)
         self.device.write_config(version="0")

@@ -9,6 +9,7 @@ LONG = {"text": "x" * 100}
 
 
 class ConsentTest(WholeProgramTest):
+    #: Without the server's consent nothing is kept or sent; only JSON true counts.
     def test_nothing_is_kept_while_the_server_knows_of_no_consent(self):
         self.cloud.control({"config": {"*": {"kiv_tou": False}}})
         log = self.device.folder / "file.log"
@@ -23,6 +24,7 @@ class ConsentTest(WholeProgramTest):
         self.assertEqual(self.device.query("SELECT COUNT(*) FROM Files"), [(0,)])
         self.assertEqual(self.cloud.requests("firehose") + self.cloud.requests("s3"), [])
 
+    #: Without the server's consent nothing is kept or sent; only JSON true counts.
     def test_only_the_json_value_true_counts_as_consent(self):
         for run, value in enumerate(("true", 1, {"accepted": True}), start=1):
             self.cloud.control({"config": {"*": {"kiv_tou": value}}})
@@ -35,6 +37,7 @@ class ConsentTest(WholeProgramTest):
             self.device.stop()
             (self.device.folder / "Config").unlink()
 
+    #: Later consent counts from then on; withdrawn consent keeps stored events from leaving.
     def test_consent_that_comes_later_counts_from_then_on(self):
         self.cloud.control({"config": {"*": {"kiv_tou": False}}})
         self.device.start()
@@ -49,6 +52,7 @@ class ConsentTest(WholeProgramTest):
         self.wait_for_events(1, "usage.epg")
         self.assertEqual([event["before"] for event in self.cloud.events("usage.epg")], [False])
 
+    #: Later consent counts from then on; withdrawn consent keeps stored events from leaving.
     def test_consent_that_is_withdrawn_keeps_stored_events_from_leaving(self):
         self.cloud.misbehave(firehose="refuse")
         self.start_with_consent()
@@ -69,6 +73,8 @@ class ConsentTest(WholeProgramTest):
         self.assertEqual(len([event for event in self.device.stored_events()
                               if event["event-type"] == "usage.epg"]), 1)
 
+    #: Without the user's answer no configuration is fetched; malformed answers are no
+    #: acceptance.
     def test_no_configuration_is_fetched_without_the_users_answer(self):
         os.unlink(self.device.folder / "current_tou.txt")
         self.device.start()
@@ -84,6 +90,8 @@ class ConsentTest(WholeProgramTest):
         self.device.write_consent("CUL-TOU 1 TRUE")
         self.start_with_consent()
 
+    #: Without the user's answer no configuration is fetched; malformed answers are no
+    #: acceptance.
     def test_malformed_answers_of_the_user_are_no_acceptance(self):
         for text, error in (("", "TOU:TOU file wrong format: "),
                             ("CUL-TOU 2", "TOU:TOU file wrong format: CUL-TOU 2"),
@@ -110,6 +118,8 @@ class FilterTest(WholeProgramTest):
                          "exclude": [{"data": {"channel": {"$and": [{"$>=": 900}, {"$<": 1000}]}}},
                                      {"data": {"text": {"$regex": "se.ret.*"}}}]}}
 
+    #: The filter in force at the start decides what is kept; a later one does not count in
+    #: this run.
     def test_filter_in_force_at_the_start_decides_what_is_kept(self):
         self.start_with_consent()
         self.restart(2, 1)
@@ -125,11 +135,14 @@ class FilterTest(WholeProgramTest):
                          [("kiv.start", None), ("usage.epg", 1), ("usage.epg", 1000),
                           ("usage.app", None)])
 
+    #: The filter in force at the start decides what is kept; a later one does not count in
+    #: this run.
     def test_filter_that_arrives_while_running_counts_from_the_next_start(self):
         self.start_with_consent()
         self.device.send("usage.moreinfo", LONG)
         self.wait_for_events(1, "usage.moreinfo")
 
+    #: The file filter takes some files and leaves the events.
     def test_filter_for_files_takes_some_and_leaves_the_event_either_way(self):
         self.device.write_config(**self.configuration, **{
             "file-filter": {"exclude": [{"event-type": "usage.app"}]}})

@@ -45,6 +45,7 @@ class FullDatabaseTest(WholeProgramTest):
                 store.execute("INSERT INTO Filler VALUES (zeroblob(3500))")
                 store.commit()
 
+    #: A full database is reported once by listing and event, and recovers without a restart.
     def test_full_database_is_reported_once_and_recovers_without_a_restart(self):
         self.start_with_consent()
         wait_until(lambda: self.device.query("SELECT COUNT(*) FROM TimeOffsets") == [(1,)]
@@ -87,6 +88,7 @@ class FullDatabaseTest(WholeProgramTest):
 
 
 class UnusableDatabaseTest(WholeProgramTest):
+    #: A file that is no database is made anew with a new identity.
     def test_file_that_is_no_database_is_made_anew_with_a_new_identity(self):
         self.start_with_consent()
         tokens = {self.device.db_token()}
@@ -101,6 +103,7 @@ class UnusableDatabaseTest(WholeProgramTest):
         self.assertEqual(len(tokens), 3)
         self.assertEqual(self.device.query("PRAGMA user_version"), [(2,)])
 
+    #: A database of version 1 keeps its rows and gains the column.
     def test_database_of_version_1_keeps_its_rows_and_gains_the_column(self):
         with contextlib.closing(sqlite3.connect(self.device.database)) as store:
             store.executescript(
@@ -117,6 +120,7 @@ class UnusableDatabaseTest(WholeProgramTest):
         self.assertIn("info", [row[1] for row in self.device.query("PRAGMA table_info(Files)")])
         self.assertEqual(self.device.query("PRAGMA user_version"), [(2,)])
 
+    #: Rows that are no events do not harm the daemon.
     def test_rows_that_are_no_events_do_not_harm_the_daemon(self):
         self.start_with_consent()
         self.device.stop()

@@ -7,6 +7,7 @@ from harness import DEVICE, WholeProgramTest, kernel_ms, utc_ms, utc_text, wait_
 
 
 class DeliveryTest(WholeProgramTest):
+    #: An event posted on the queue reaches the stream and leaves the store.
     def test_event_posted_on_the_queue_reaches_the_stream(self):
         self.start_with_consent()
         for channel in range(5):
@@ -15,6 +16,7 @@ class DeliveryTest(WholeProgramTest):
         self.assertEqual([event["channel"] for event in events], list(range(5)))
         self.device.wait_for_empty_store()
 
+    #: A number as type arrives as name, an unknown name as it is.
     def test_number_as_event_type_becomes_the_name_and_an_unknown_name_stays(self):
         self.start_with_consent()
         for event_type in ("15", "my.event"):
@@ -23,6 +25,8 @@ class DeliveryTest(WholeProgramTest):
         self.assertEqual([(event["event-type"], event["eventid"]) for event in self.cloud.events()],
                          [("ui.key.press", 15), ("my.event", 0)])
 
+    #: A sender's time is kept without a source; an unreadable one is reported and the cycle
+    #: dates the event.
     def test_time_that_the_sender_knows_is_kept_without_a_source(self):
         self.start_with_consent()
         self.device.send_lines([{"event-type": "usage.epg", "utc-time": "1500000000123",
@@ -32,6 +36,8 @@ class DeliveryTest(WholeProgramTest):
                                  "time": "2017-07-14T02:40:00.123Z", "ts": 77})
         self.assertEqual(self.cloud.blocks()[0]["start-time"], "2017-07-14T02:40:00.123Z")
 
+    #: A sender's time is kept without a source; an unreadable one is reported and the cycle
+    #: dates the event.
     def test_unreadable_utc_time_is_reported_and_the_cycle_dates_the_event(self):
         self.start_with_consent()
         at = kernel_ms() - 5000
@@ -42,6 +48,7 @@ class DeliveryTest(WholeProgramTest):
         start = dict(self.device.query("SELECT source,startTime FROM TimeOffsets"))[1]
         self.assertEqual((event["time"], event["utc-src"]), (utc_text(start + at), "web"))
 
+    #: A store below the least size waits until its oldest event is of age.
     def test_store_below_the_least_size_waits_until_its_oldest_event_comes_of_age(self):
         self.device.write_config(upload_events={"min-size": 100000, "max-delay": 3})
         self.cloud.control({"config": {"*": {"upload_events": {"min-size": 100000,
@@ -58,6 +65,7 @@ class DeliveryTest(WholeProgramTest):
 class BacklogTest(WholeProgramTest):
     configuration = {"upload_events": {"min-size": 1000, "max-delay": 3500, "max-size": 3000}}
 
+    #: A backlog is drained in order, packets full and within the limit.
     def test_backlog_is_drained_packet_after_packet_in_order(self):
         self.cloud.misbehave(firehose="refuse")
         self.start_with_consent()
@@ -80,6 +88,7 @@ class BacklogTest(WholeProgramTest):
         for record in records[:-1]:
             self.assertGreater(len(record), 2200)  # none of them was sent half empty
 
+    #: An event too long for any packet is neither sent nor lost.
     def test_event_too_long_for_any_packet_is_not_sent_and_not_lost(self):
         self.start_with_consent()
         self.device.send("usage.epg", {"text": "x" * 4000})
@@ -97,6 +106,7 @@ class RecordTest(WholeProgramTest):
     scenario = {"geo": {"ip": "203.0.113.9", "city": "Liège", "region": "Wallonia",
                         "country": "BE", "loc": "50.625,5.5"}}
 
+    #: A record of two cycles is as documented, to the byte.
     def test_record_of_two_cycles_is_as_documented_to_the_byte(self):
         self.device.environment["TZ"] = "CET-1"
         self.device.write_global_info(country="BEL")

@@ -27,6 +27,7 @@ class FilesTest(WholeProgramTest):
         wait_until(lambda: self.device.query("SELECT COUNT(*) FROM Files") == [(0,)],
                    "no waiting file")
 
+    #: An undescribed file arrives whole under a name of its own and is kept.
     def test_file_without_description_arrives_whole_under_a_name_of_its_own_and_is_kept(self):
         self.start_with_consent()
         content = os.urandom(20 * 1024 * 1024)
@@ -44,6 +45,7 @@ class FilesTest(WholeProgramTest):
         self.wait_for_no_files()
         self.assertTrue(path.exists())
 
+    #: A described file travels alone under its own name and is deleted.
     def test_described_file_travels_alone_under_its_own_name_and_is_deleted(self):
         self.start_with_consent()
         path = self.file("a.log", b"")
@@ -54,6 +56,7 @@ class FilesTest(WholeProgramTest):
         wait_until(lambda: not path.exists(), "the file's end")
         self.assertEqual(self.device.stored_events() + self.cloud.events("usage.app"), [])
 
+    #: A description's bucket stays in force.
     def test_bucket_of_a_description_stays_in_force_for_files_without_one(self):
         self.cloud.control({"buckets": ["other"]})
         self.start_with_consent()
@@ -70,6 +73,7 @@ class FilesTest(WholeProgramTest):
         self.assertRegex(second, r"\AE2E/oob_")
         self.assertIn(("other", second), objects)
 
+    #: What is no regular file is dropped; junk in the files table stops nothing.
     def test_what_is_no_regular_file_is_dropped_and_the_next_file_goes(self):
         self.start_with_consent("-v")
         fifo = self.device.folder / "fifo"
@@ -86,6 +90,7 @@ class FilesTest(WholeProgramTest):
         self.assertEqual(list(self.cloud.objects()), [(BUCKET, "kiv-test/good")])
         self.assertTrue(fifo.exists())
 
+    #: A waiting name is not taken twice.
     def test_second_announcement_of_a_waiting_name_is_refused(self):
         self.cloud.misbehave(s3="refuse")
         self.start_with_consent()
@@ -95,6 +100,7 @@ class FilesTest(WholeProgramTest):
         self.assertEqual(self.device.query("SELECT url FROM Files"),
                          [(str(self.device.folder / "one"),)])
 
+    #: A refused file waits a minute and leaves neither child nor descriptor.
     def test_refused_file_waits_a_minute_and_leaves_neither_child_nor_descriptor(self):
         self.start_with_consent("-v")
         wait_until(lambda: self.cloud.requests("tou"), "the end of the start-up's requests")
@@ -129,6 +135,7 @@ class FilesTest(WholeProgramTest):
         rows = self.device.query("SELECT MIN(lastfail),COUNT(*) FROM Files")
         return rows[0][1] == 3 and rows[0][0] + 60000 - kernel_ms()
 
+    #: Waiting files, and one cut off under way, leave with the next start.
     def test_waiting_files_leave_with_the_next_start(self):
         self.cloud.misbehave(s3="refuse")
         self.start_with_consent()
@@ -147,6 +154,7 @@ class FilesTest(WholeProgramTest):
             store.execute("UPDATE Files SET lastfail=lastfail-60000")
         store.close()
 
+    #: Waiting files, and one cut off under way, leave with the next start.
     def test_power_cut_while_a_file_is_under_way_leaves_it_for_the_next_start(self):
         self.start_with_consent()
         self.cloud.misbehave(s3="hang")
@@ -158,6 +166,7 @@ class FilesTest(WholeProgramTest):
         self.device.start()
         self.assertEqual(self.wait_for_objects(1), {(BUCKET, "kiv-test/first"): b"1"})
 
+    #: What is no regular file is dropped; junk in the files table stops nothing.
     def test_junk_in_the_files_table_does_not_stop_the_pass(self):
         self.start_with_consent()
         self.device.stop()

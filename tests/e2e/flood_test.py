@@ -14,6 +14,8 @@ KEYS = ("boot-count", "standby-count", "kernel-time")
 class FloodTest(WholeProgramTest):
     configuration = {"upload_events": {"min-size": 16384, "max-delay": 2, "max-size": 131072}}
 
+    #: In a flood, received events and named losses make up all that was sent, with at most
+    #: two pruning threads.
     def test_received_events_and_named_losses_make_up_all_that_was_sent(self):
         self.start_with_consent()
         first = FIRST
@@ -64,6 +66,7 @@ class FloodTest(WholeProgramTest):
         return self.device.query("SELECT IFNULL(SUM(length(CAST(data AS BLOB))+1)+1,0) "
                                  "FROM Events")[0][0]
 
+    #: A store that cannot be sent stays below the threshold and names its losses.
     def test_store_that_cannot_be_sent_stays_below_the_threshold_and_names_its_losses(self):
         self.cloud.misbehave(firehose="refuse")
         self.start_with_consent()

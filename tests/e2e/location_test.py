@@ -26,6 +26,7 @@ class LocationTest(WholeProgramTest):
     def row(self):
         return self.device.query("SELECT * FROM Location")
 
+    #: The place is asked for once, is in the header and stored for later runs.
     def test_known_place_is_in_the_header_and_stored_for_later_runs(self):
         self.assertEqual(self.location_of_next_record(), HEADER)
         wait_until(lambda: self.row() == [ROW], "the stored place")
@@ -43,12 +44,16 @@ class LocationTest(WholeProgramTest):
         self.assertEqual(self.location_of_next_record(3)["city"], "Gent")
         wait_until(lambda: self.row()[0][4] == "Gent", "the new place")
 
+    #: Failed requests leave the location empty; a portal's page does not overwrite the
+    #: stored place.
     def test_failed_request_without_a_stored_place_leaves_the_location_empty(self):
         for boot, action in enumerate(("reset", "server-error", "not-json", "cut", "huge"), start=1):
             self.cloud.misbehave(geo=action)
             self.assertEqual(self.location_of_next_record(boot), {}, action)
             self.assertEqual(self.row(), [])
 
+    #: Failed requests leave the location empty; a portal's page does not overwrite the
+    #: stored place.
     def test_page_of_a_captive_portal_does_not_overwrite_the_stored_place(self):
         self.location_of_next_record()
         wait_until(lambda: self.row() == [ROW], "the stored place")
@@ -57,6 +62,7 @@ class LocationTest(WholeProgramTest):
         self.assertEqual(self.location_of_next_record(2), HEADER)
         self.assertEqual(self.row(), [ROW])
 
+    #: Bad coordinates and unknown countries are unknown in the header.
     def test_coordinates_out_of_range_or_unreadable_are_unknown(self):
         for boot, (loc, lat, lng) in enumerate((
                 ("91,5.5", 999.99, 5.5), ("50.625,-180.5", 50.625, 999.99),
@@ -66,12 +72,14 @@ class LocationTest(WholeProgramTest):
             location = self.location_of_next_record(boot)
             self.assertEqual((location["lat"], location["lng"]), (lat, lng), loc)
 
+    #: Bad coordinates and unknown countries are unknown in the header.
     def test_unknown_country_has_neither_name_nor_continent(self):
         self.cloud.control({"geo": {**LIEGE, "country": "QQ"}})
         location = self.location_of_next_record()
         self.assertEqual((location["country-code"], location["country"], location["continent"]),
                          ("QQ", "", ""))
 
+    #: Switched-off geolocation asks nobody and gives the fixed place.
     def test_switched_off_geolocation_asks_nobody_and_gives_the_fallback(self):
         for boot, value in enumerate(("false", ""), start=1):
             self.device.environment["LOC_NETWORK"] = value

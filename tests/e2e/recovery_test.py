@@ -48,28 +48,39 @@ class RefusalTest(WholeProgramTest):
     def wait_for_quiet_connections(self):
         wait_until(lambda: self.cloud.requests("tou"), "the end of the start-up's requests")
 
+    #: Refusals, error pages, portals and resets of the stream keep the events for the next
+    #: start.
     def test_refusal_with_403_keeps_the_events(self):
         self.fail_and_recover("Error = ", firehose={"action": "refuse", "status": 403,
                                                     "code": "AccessDeniedException"})
 
+    #: Refusals, error pages, portals and resets of the stream keep the events for the next
+    #: start.
     def test_server_error_page_keeps_the_events(self):
         self.fail_and_recover("Error = ", firehose="server-error")
 
+    #: Refusals, error pages, portals and resets of the stream keep the events for the next
+    #: start.
     def test_success_status_with_a_captive_portals_page_keeps_the_events(self):
         self.fail_and_recover("Error = ", firehose={
             "action": "answer", "status": 200, "body": "<html>Please log in</html>",
             "content-type": "text/html"})
 
+    #: Refusals, error pages, portals and resets of the stream keep the events for the next
+    #: start.
     def test_reset_connection_keeps_the_events(self):
         self.fail_and_recover("Error = ", firehose="reset")
 
+    #: A lost or cut answer repeats its packet once.
     def test_answer_lost_behind_a_kept_record_repeats_that_packet_once(self):
         self.fail_and_recover("Error = ", times=2, firehose={"action": "reset",
                                                              "processed": True})
 
+    #: A lost or cut answer repeats its packet once.
     def test_cut_answer_repeats_that_packet_at_most_once(self):
         self.fail_and_recover("Error = ", times=2, firehose="cut")
 
+    #: A stranger's certificate is never trusted.
     def test_certificate_of_a_stranger_is_never_trusted(self):
         for kind in ("untrusted", "expired", "other-host"):
             with self.subTest(kind):
@@ -90,6 +101,7 @@ class RefusalTest(WholeProgramTest):
         self.device.wait_for_empty_store()
         self.assertEqual(deliveries(self.cloud), {1: 1})
 
+    #: Rotated credentials are refused until a new configuration names them.
     def test_rotated_credentials_are_refused_until_a_new_configuration_names_them(self):
         self.start_with_consent()
         self.wait_for_quiet_connections()
@@ -103,6 +115,7 @@ class RefusalTest(WholeProgramTest):
         self.wait_for_events(1, "usage.epg")
         self.assertEqual(deliveries(self.cloud), {1: 1})
 
+    #: A slow answer is waited for, a silent stream given up after half a minute.
     def test_answer_that_drips_in_is_waited_for(self):
         self.start_with_consent()
         self.cloud.misbehave(firehose={"action": "drip", "delay": 0.02})
@@ -112,6 +125,7 @@ class RefusalTest(WholeProgramTest):
         self.assertEqual(deliveries(self.cloud), {1: 1})
         self.assertEqual(self.device.errors_beginning(FAILED), 0)
 
+    #: A slow answer is waited for, a silent stream given up after half a minute.
     def test_silent_stream_is_given_up_after_half_a_minute(self):
         started = time.monotonic()
         self.fail_and_recover("Error = ", limit_s=50, firehose="hang")
@@ -119,6 +133,7 @@ class RefusalTest(WholeProgramTest):
 
 
 class RestartTest(WholeProgramTest):
+    #: Stored events leave with the next start.
     def test_events_in_the_store_leave_with_the_next_start(self):
         self.cloud.misbehave(firehose="refuse")
         self.start_with_consent()
@@ -132,6 +147,8 @@ class RestartTest(WholeProgramTest):
         self.assertEqual(deliveries(self.cloud), {number: 1 for number in range(5)})
         self.assertEqual(self.cloud.blocks()[0]["standby-count"], 1)
 
+    #: A power cut while a packet is under way loses nothing; behind the answer it repeats
+    #: that packet.
     def test_power_cut_while_a_packet_is_under_way_loses_nothing(self):
         self.start_with_consent()
         self.cloud.misbehave(firehose="hang")
@@ -147,6 +164,8 @@ class RestartTest(WholeProgramTest):
         self.device.wait_for_empty_store()
         self.assertEqual(deliveries(self.cloud), {number: 1 for number in range(5)})
 
+    #: A power cut while a packet is under way loses nothing; behind the answer it repeats
+    #: that packet.
     def test_power_cut_behind_the_answer_repeats_at_most_that_packet(self):
         self.start_with_consent()
         self.cloud.misbehave(firehose={"action": "hang", "processed": True})
@@ -160,6 +179,7 @@ class RestartTest(WholeProgramTest):
         self.device.wait_for_empty_store()
         self.assertEqual(deliveries(self.cloud), {1: 2})
 
+    #: Power cuts during a stream of events leave every stored row and a sound database.
     def test_power_cuts_during_a_stream_of_events_leave_every_stored_row_and_a_sound_database(self):
         """What was seen in the store before the cut is delivered, in the end, at least once."""
         self.cloud.misbehave(firehose="refuse")
@@ -196,6 +216,7 @@ class RestartTest(WholeProgramTest):
             while not gone.wait(0.002) and not self.device.post_now(message.encode()):
                 pass
 
+    #: A restart keeps the token, a lost store gets a new one.
     def test_start_over_keeps_the_token_and_a_lost_store_gets_a_new_one(self):
         self.start_with_consent()
         token = self.device.db_token()
@@ -213,6 +234,7 @@ class RestartTest(WholeProgramTest):
 
 
 class ReaderTest(WholeProgramTest):
+    #: Another process that reads the database costs no event.
     def test_other_process_reading_the_database_costs_no_event(self):
         self.start_with_consent()
         self.device.query("SELECT 1")

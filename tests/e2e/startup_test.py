@@ -28,6 +28,7 @@ USAGE = """Usage: PROGRAM [OPTIONS]
 
 
 class CommandLineTest(WholeProgramTest):
+    #: The program exits with 0 for version and help, with 255 for wrong options.
     def test_version_is_two_lines_and_reads_no_file(self):
         for option in ("-V", "--version"):
             ended = self.device.run("-g", "missing", "-d", "ignored", option)
@@ -39,12 +40,14 @@ class CommandLineTest(WholeProgramTest):
         self.assertFalse(self.device.database.exists())
         self.assertEqual(self.device.run("-V").stderr, "")
 
+    #: The program exits with 0 for version and help, with 255 for wrong options.
     def test_help_prints_the_usage_whole(self):
         for option in ("-h", "--help"):
             ended = self.device.run(option)
             self.assertEqual(ended.stdout.replace(str(BUILD / "kivApp"), "PROGRAM"), USAGE)
             self.assertEqual((ended.returncode, ended.stderr), (0, ""))
 
+    #: The program exits with 0 for version and help, with 255 for wrong options.
     def test_unknown_option_ends_with_status_255(self):
         for arguments in (["-x"], ["--wrong"], ["-d"]):
             ended = self.device.run(*arguments)
@@ -52,6 +55,7 @@ class CommandLineTest(WholeProgramTest):
             self.assertEqual(without_prefix(ended.stderr.splitlines()[-1]),
                              "CKivApp: Unknown option", arguments)
 
+    #: The program exits with 0 for version and help, with 255 for wrong options.
     def test_verbose_and_silent_together_are_refused_before_any_file_is_written(self):
         for arguments in (["-v", "-s"], ["-s", "-v"], ["--silent", "--verbose"]):
             ended = self.device.run(*arguments)
@@ -62,6 +66,9 @@ class CommandLineTest(WholeProgramTest):
         self.assertFalse((self.device.folder / "Config").exists())
 
 
+    #: SIGPIPE is ignored and SIGCHLD has its default, whatever was inherited, before
+    #: anything else: a reader that goes away ends nothing, and no upload child's status is
+    #: lost.
     def test_reader_that_goes_away_does_not_end_the_program(self):
         self.close_output()
         for option in ("-h", "-V"):
@@ -86,6 +93,9 @@ class SignalTest(WholeProgramTest):
         mask = int(re.search(rf"^{name}:\s*(\w+)$", status, re.MULTILINE).group(1), 16)
         return {number for number in range(1, 65) if mask >> (number - 1) & 1}
 
+    #: SIGPIPE is ignored and SIGCHLD has its default, whatever was inherited, before
+    #: anything else: a reader that goes away ends nothing, and no upload child's status is
+    #: lost.
     def test_inherited_dispositions_are_put_right_and_no_child_is_lost(self):
         self.device.launcher = [
             sys.executable, "-c",
@@ -124,6 +134,8 @@ class StartUpTest(WholeProgramTest):
             "Config GetExpiryPeriod   : 600",
         )]
 
+    #: On success it prints version and options summary before anything else; a silent start
+    #: writes no error.
     def test_first_lines_are_the_version_and_the_options_summary_whole(self):
         for run, options in enumerate(([], ["-s"]), start=1):
             self.device.write_boot(run, 7)
@@ -135,6 +147,7 @@ class StartUpTest(WholeProgramTest):
             self.device.stop()
             self.assertEqual(self.device.err(), "")
 
+    #: A verbose start takes its steps in order.
     def test_verbose_start_takes_its_steps_in_order(self):
         self.device.start("-v")
         self.device.wait_for_config()
@@ -178,6 +191,7 @@ class StartUpTest(WholeProgramTest):
             self.assertTrue(found, f"not behind the step before it: {step}")
             place = found[0] + 1
 
+    #: The start event arrives once consent is on record, once.
     def test_start_event_arrives_once_consent_is_on_record(self):
         self.start_with_consent()
         self.restart(2, 3)
@@ -188,6 +202,7 @@ class StartUpTest(WholeProgramTest):
         self.device.wait_for_empty_store()
         self.assertEqual(len(self.cloud.events("kiv.start")), 1)
 
+    #: The operating minutes of each cycle are recorded.
     def test_operating_minutes_of_the_cycle_are_recorded(self):
         self.device.start()
         self.device.write_global_info(op_hour=9)
@@ -195,6 +210,7 @@ class StartUpTest(WholeProgramTest):
         wait_until(lambda: self.device.query("SELECT * FROM OpTimes ORDER BY 1,2")
                    == [(1, 1, 420), (1, 2, 540)], "the second cycle's operating minutes")
 
+    #: Unreadable information files are reported and the defaults read.
     def test_unreadable_information_files_are_reported_and_the_defaults_are_read(self):
         folder = self.device.folder
         (folder / "Zero").write_text('{"boot-count": 0, "standby-count": 4}')
@@ -206,6 +222,7 @@ class StartUpTest(WholeProgramTest):
         self.device.wait_for_output("GetExpiryPeriod")
         self.assertEqual(self.device.out_lines()[:14], VERSION + self.summary(0))
 
+    #: A set without identity never asks for a configuration.
     def test_set_without_identity_never_asks_for_a_configuration(self):
         (self.device.folder / "GlobalInfo").write_text("{}")
         self.device.start("-v")
@@ -219,6 +236,7 @@ class StartUpTest(WholeProgramTest):
         self.device.wait_for_output("TOU: tou version")
         self.assertEqual(self.cloud.requests("config"), [])
 
+    #: Token and sibling's version stand beside the configuration.
     def test_files_stand_beside_the_configuration_file(self):
         folder = self.device.folder / "data"
         folder.mkdir()
@@ -230,6 +248,7 @@ class StartUpTest(WholeProgramTest):
         self.assertRegex(token, r'\A\{"db-uuid": "[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}"\}\Z')
         self.assertFalse((self.device.folder / "dbuuid.json").exists())
 
+    #: Without a network the start asks nothing of it and takes events.
     def test_start_waits_for_the_network_without_asking_anything_of_it(self):
         self.use_command("ping", "exit 1\n")
         self.device.start("-v")
@@ -238,6 +257,7 @@ class StartUpTest(WholeProgramTest):
         self.device.send("usage.epg", {"channel": 1})
         self.assertEqual(self.cloud.requests(), [])
 
+    #: "KIV_SERVERENV" chooses addresses and keys.
     def test_server_environment_chooses_addresses_and_keys(self):
         for name in ("dev", "acc"):
             (self.device.folder / "Config").unlink(missing_ok=True)
@@ -252,6 +272,7 @@ class StartUpTest(WholeProgramTest):
         self.assertEqual(asked["tou"], ["dev", "acc"])
         self.assertEqual(asked["time"], ["dev"])  # known by then for this cycle
 
+    #: A request says which device asks.
     def test_request_says_which_device_asks(self):
         (self.device.folder / "pimversion.json").write_text('{"pim-version": "7.1"}')
         self.start_with_consent()

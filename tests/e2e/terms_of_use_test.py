@@ -27,10 +27,14 @@ class TermsOfUseTest(WholeProgramTest):
     def announced(self):
         return self.cloud.requests("tou")[-1]["headers"]["X-currentTou"]
 
+    #: A version of the terms that is not newer leaves no file; a newer one is shown and
+    #: consent stays.
     def test_version_that_is_not_newer_leaves_no_file(self):
         self.start_and_wait(1)
         self.assertFalse(self.shown.exists() or self.answer.exists())
 
+    #: A version of the terms that is not newer leaves no file; a newer one is shown and
+    #: consent stays.
     def test_newer_version_is_shown_and_consent_stays(self):
         self.cloud.control({"tou": {"version": 2, "url": URL}})
         self.start_and_wait(1)
@@ -40,6 +44,8 @@ class TermsOfUseTest(WholeProgramTest):
         self.assertTrue(self.accepted())
         self.assertEqual(self.announced(), "1")
 
+    #: A mandatory version withdraws consent at the next start until the user accepts; a
+    #: refusal is an answer too.
     def test_mandatory_version_withdraws_consent_at_the_next_start_until_the_user_accepts(self):
         self.cloud.control({"tou": {"version": 2, "url": URL, "mandatory": True}})
         self.start_and_wait(1)
@@ -60,6 +66,8 @@ class TermsOfUseTest(WholeProgramTest):
         self.assertEqual(self.announced(), "2")
         self.assertFalse(self.answer.exists())
 
+    #: A mandatory version withdraws consent at the next start until the user accepts; a
+    #: refusal is an answer too.
     def test_refusal_of_the_new_version_is_an_answer_too(self):
         self.answer.write_text('{"version": 2}')
         self.device.write_consent("CUL-TOU 2 FALSE")
@@ -67,6 +75,8 @@ class TermsOfUseTest(WholeProgramTest):
         self.assertFalse(self.accepted())
         self.assertFalse(self.answer.exists())
 
+    #: Bad answers of the terms' server leave all files alone; a missing directory is
+    #: reported.
     def test_bad_answers_of_the_server_leave_all_files_alone(self):
         self.shown.write_text("before")
         for boot, told in enumerate((
@@ -86,6 +96,8 @@ class TermsOfUseTest(WholeProgramTest):
             if told["action"] == "error-answer":
                 self.assertIn("TOU:ToU server error: no", self.device.err_lines())
 
+    #: Bad answers of the terms' server leave all files alone; a missing directory is
+    #: reported.
     def test_missing_directory_is_reported_and_the_daemon_goes_on(self):
         self.cloud.control({"tou": {"version": 2, "url": URL, "mandatory": True}})
         self.device.start("-t", f"{self.device.folder}/nowhere/")

@@ -60,6 +60,8 @@ class TimeTest(WholeProgramTest):
         self.assertLessEqual(abs(start - expected), within_ms)
         return start
 
+    #: The middleware dates the cycle until the web does, which also dates the signed
+    #: requests.
     def test_middleware_dates_the_cycle_until_the_web_does(self):
         self.start_without_web_time()
         self.assertEqual(stat.S_IFMT(os.stat(PIPE).st_mode), stat.S_IFIFO)
@@ -90,6 +92,7 @@ class TimeTest(WholeProgramTest):
         self.assertLessEqual(abs(calendar.timegm(time.strptime(signed, "%Y%m%dT%H%M%SZ"))
                                  - time.time()), 5)
 
+    #: Once the web knows the time the pipe is no longer read.
     def test_pipe_is_no_longer_read_once_the_web_knows_the_time(self):
         self.start_with_consent()
         wait_until(lambda: (1, 1, 1) in self.starts(), "web time")
@@ -103,6 +106,7 @@ class TimeTest(WholeProgramTest):
         wait_until(nobody_reads, "the end of the watch")
         self.assertEqual(list(self.starts()), [(1, 1, 1)])
 
+    #: Small steps of the middleware change nothing, large ones do.
     def test_small_steps_of_the_middleware_change_nothing_and_large_ones_do(self):
         self.start_without_web_time()
         base = self.utc_now_ms() - kernel_ms()
@@ -113,6 +117,7 @@ class TimeTest(WholeProgramTest):
         wait_until(lambda: self.starts()[1, 1, 0] != first, "the jump")
         self.assertLessEqual(abs(self.starts()[1, 1, 0] - base - 235000), 3000)
 
+    #: Junk on the pipe gets a line; a file in its place is a failed opening.
     def test_junk_on_the_pipe_gets_a_line_and_changes_nothing(self):
         self.start_without_web_time()
         for count, junk in enumerate(("yesterday", "-", "99999999999999999999999", "{}"), start=1):
@@ -128,6 +133,7 @@ class TimeTest(WholeProgramTest):
         self.tell(str(now + kernel_ms()))
         self.wait_for_start(0, now, 2000)
 
+    #: Junk on the pipe gets a line; a file in its place is a failed opening.
     def test_place_of_the_pipe_taken_by_a_file_is_a_failed_open(self):
         forget_system_wide_names()
         with open(PIPE, "w") as file:
@@ -143,6 +149,7 @@ class TimeTest(WholeProgramTest):
         finally:
             os.unlink(PIPE)
 
+    #: Wrong dates of the web are not believed; each cycle gets a start of its own.
     def test_wrong_dates_of_the_web_are_not_believed(self):
         self.device.write_config(upload_events={"min-size": 100})
         for boot, value in enumerate(("yesterday", None, "Thu, 01 Jan 1970 00:00:10 GMT",
@@ -157,6 +164,7 @@ class TimeTest(WholeProgramTest):
         self.restart(9, 1)
         wait_until(lambda: (9, 1, 1) in self.starts(), "web time")
 
+    #: Wrong dates of the web are not believed; each cycle gets a start of its own.
     def test_each_cycle_gets_a_start_of_its_own(self):
         self.cloud.misbehave(firehose="refuse")
         self.start_with_consent()

@@ -1,0 +1,173 @@
+#include "NetworkHelper.h"
+
+#include "AlarmBlock.h"
+#include "support/NetworkHooks.h"
+#include "support/OutputCapture.h"
+#include "support/TempDir.h"
+#include "support/WaitUntil.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <cstddef>
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+std::ptrdiff_t openDescriptors() {
+    const std::filesystem::directory_iterator entries("/proc/self/fd");
+    return std::distance(begin(entries), end(entries));
+}
+
+/// The descriptors through which this process reads pipes.
+std::vector<int> pipesBeingRead() {
+    std::vector<int> pipes;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::atoi(entry.path().filename().c_str());
+        struct stat facts {};
+        if (::fstat(fd, &facts) != 0 || !S_ISFIFO(facts.st_mode)) continue;
+        if ((::fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY) pipes.push_back(fd);
+    }
+    return pipes;
+}
+
+/// `Exec` gives the whole standard output and not the standard error.
+TEST(ExecTest, GivesTheStandardOutput) {
+    EXPECT_EQ(Exec("printf 'a\\nb'"), "a\nb");
+    EXPECT_EQ(Exec("true"), "");
+    EXPECT_EQ(Exec("echo out; false"), "out\n");
+    EXPECT_EQ(Exec("exit 3"), "");
+}
+
+/// Commands are started with SIGALRM let through, whatever their thread does with it.
+TEST(ExecTest, StartsCommandsThatCanEndThemselvesByAnAlarm) {
+    const AlarmBlock asOnEveryThreadButTheMainOne;
+    // Read by the shell itself: some shells let every signal through before they start a command.
+    const std::string line = Exec(
+        "while read -r line; do case $line in SigBlk*) echo \"$line\"; esac; done "
+        "</proc/self/status");
+    ASSERT_EQ(line.rfind("SigBlk:", 0), 0u) << line;
+    EXPECT_EQ(std::stoull(line.substr(7), nullptr, 16) & (1ULL << (SIGALRM - 1)), 0u);
+    sigset_t mask;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    EXPECT_EQ(::sigismember(&mask, SIGALRM), 1) << "the thread's own mask is back";
+}
+
+/// `Exec` gives the whole standard output and not the standard error.
+TEST(ExecTest, DoesNotTakeTheStandardError) {
+    OutputCapture capture;
+    EXPECT_EQ(Exec("echo wrong >&2; echo right"), "right\n");
+    capture.stop();
+    EXPECT_EQ(capture.err(), "wrong\n");
+}
+
+/// `Exec` gives the whole standard output and not the standard error.
+TEST(ExecTest, TakesOutputLongerThanItsBuffer) {
+    std::string expected;
+    for (int i = 1; i <= 200; ++i) expected += std::to_string(i) + " ";
+    EXPECT_EQ(Exec("seq -s ' ' 1 200 | tr '\\n' ' '"), expected);
+}
+
+/// `Exec` throws "popen() failed!" and leaves no descriptor open.
+TEST(ExecTest, ThrowsWhenTheCommandDoesNotStart) {
+    NetworkHooks hooks;
+    hooks.failPopen();
+    try {
+        Exec("true");
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "popen() failed!");
+    }
+}
+
+/// `Exec` throws "popen() failed!" and leaves no descriptor open.
+TEST(ExecTest, LeavesNoDescriptorOpen) {
+    Exec("true");
+    const std::ptrdiff_t before = openDescriptors();
+    for (int i = 0; i < 3; ++i) Exec("echo x");
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+/// Commands started meanwhile inherit neither pipe nor socket.
+TEST(ExecTest, CommandsStartedMeanwhileDoNotInheritThePipe) {
+    const TempDir directory;
+    const std::string gate = directory.file("gate");
+    ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
+    const std::vector<int> before = pipesBeingRead();
+    auto output = std::async(std::launch::async,
+                             [&] { return Exec(("echo begins; cat '" + gate + "'").c_str()); });
+    // The command waits for a writer at the gate, so the pipe is open until there was one.
+    std::vector<int> pipes;
+    EXPECT_TRUE(WaitUntil([&] {
+        pipes.clear();
+        for (const int fd : pipesBeingRead()) {
+            if (std::count(before.begin(), before.end(), fd) == 0) pipes.push_back(fd);
+        }
+        return pipes.size() == 1;
+    }));
+    for (const int fd : pipes) EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    std::ofstream(gate) << "ends";
+    EXPECT_EQ(output.get(), "begins\nends");
+}
+
+/// `StringExtractBetween` looks for any single character of its marks and gives the whole text
+/// without a beginning.
+TEST(StringExtractBetweenTest, CutsOutWhatStandsBetween) {
+    EXPECT_EQ(StringExtractBetween("https://host/path", "//", "/"), "host");
+    EXPECT_EQ(StringExtractBetween("https://host", "//", "/"), "host");
+    EXPECT_EQ(StringExtractBetween("PING x (192.0.2.1) 56(84)", "(", ")"), "192.0.2.1");
+    EXPECT_EQ(StringExtractBetween("x (open", "(", ")"), "open");
+    EXPECT_EQ(StringExtractBetween("x ()", "(", ")"), "");
+}
+
+/// `StringExtractBetween` looks for any single character of its marks and gives the whole text
+/// without a beginning.
+TEST(StringExtractBetweenTest, LooksForSingleCharacters) {
+    EXPECT_EQ(StringExtractBetween("a/b//c/d", "//", "/"), "");
+    EXPECT_EQ(StringExtractBetween("xaybz", "ab", "z"), "b");
+}
+
+/// `StringExtractBetween` looks for any single character of its marks and gives the whole text
+/// without a beginning.
+TEST(StringExtractBetweenTest, GivesTheWholeTextWithoutABeginning) {
+    EXPECT_EQ(StringExtractBetween("host", "//", "/"), "host");
+    EXPECT_EQ(StringExtractBetween("unknown host", "(", ")"), "unknown host");
+    EXPECT_EQ(StringExtractBetween("", "(", ")"), "");
+    EXPECT_EQ(StringExtractBetween("abc", "", "b"), "abc");
+}
+
+/// `StringExtractBetween` looks for any single character of its marks and gives the whole text
+/// without a beginning.
+TEST(StringExtractBetweenTest, TakesABeginningThatReachesBehindTheEnd) {
+    EXPECT_EQ(StringExtractBetween("host/", "//", "/"), "");
+}
+
+/// `StringReplace` replaces the first occurrence and tells whether there was one.
+TEST(StringReplaceTest, ReplacesTheFirstOccurrence) {
+    std::string text = "one two one";
+    EXPECT_TRUE(StringReplace(text, "one", "1"));
+    EXPECT_EQ(text, "1 two one");
+    EXPECT_TRUE(StringReplace(text, " two", ""));
+    EXPECT_EQ(text, "1 one");
+}
+
+/// `StringReplace` replaces the first occurrence and tells whether there was one.
+TEST(StringReplaceTest, LeavesTheTextWhenThereIsNone) {
+    std::string text = "one";
+    EXPECT_FALSE(StringReplace(text, "two", "2"));
+    EXPECT_FALSE(StringReplace(text, "One", "2"));
+    EXPECT_EQ(text, "one");
+}
+
+}  // namespace

@@ -1,0 +1,129 @@
+#include "SqlStatement.h"
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+namespace {
+
+struct Close {
+    void operator()(sqlite3* connection) const { sqlite3_close(connection); }
+};
+
+class SqlStatementTest : public ::testing::Test {
+  protected:
+    SqlStatementTest() {
+        sqlite3* opened = nullptr;
+        EXPECT_EQ(sqlite3_open(":memory:", &opened), SQLITE_OK);
+        connection.reset(opened);
+        run("CREATE TABLE T(a, b)");
+    }
+
+    void run(const std::string& sql) {
+        EXPECT_EQ(SqlStatement(connection.get(), sql).step(), SQLITE_DONE) << sql;
+    }
+
+    std::unique_ptr<sqlite3, Close> connection;
+};
+
+/// Bound values come back unaltered, quotes and NUL characters included.
+TEST_F(SqlStatementTest, ReturnsWhatWasBound) {
+    SqlStatement insert(connection.get(), "INSERT INTO T VALUES(?1, ?2)");
+    ASSERT_TRUE(insert.isPrepared());
+    insert.bind(1, std::numeric_limits<std::int64_t>::min());
+    insert.bind(2, std::string("it's; DROP TABLE T"));
+    EXPECT_EQ(insert.step(), SQLITE_DONE);
+    insert.resetAndClear();
+    insert.bind(1, 4.25);
+    insert.bindNull(2);
+    EXPECT_EQ(insert.step(), SQLITE_DONE);
+
+    SqlStatement select(connection.get(), "SELECT a, b FROM T ORDER BY ROWID");
+    EXPECT_EQ(select.columnCount(), 2);
+    ASSERT_EQ(select.step(), SQLITE_ROW);
+    EXPECT_EQ(select.columnInt64(0), std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(select.columnText(1), "it's; DROP TABLE T");
+    EXPECT_FALSE(select.columnIsNull(1));
+    ASSERT_EQ(select.step(), SQLITE_ROW);
+    EXPECT_EQ(select.columnDouble(0), 4.25);
+    EXPECT_TRUE(select.columnIsNull(1));
+    EXPECT_EQ(select.columnText(1), "");
+    EXPECT_EQ(select.step(), SQLITE_DONE);
+}
+
+/// Bound values come back unaltered, quotes and NUL characters included.
+TEST_F(SqlStatementTest, CopiesTheTextItBinds) {
+    SqlStatement insert(connection.get(), "INSERT INTO T VALUES(?1, 0)");
+    {
+        std::string text = "a text too long for the string's own buffer";
+        insert.bind(1, text);
+        text.assign(text.size(), 'x');
+    }
+    EXPECT_EQ(insert.step(), SQLITE_DONE);
+    SqlStatement select(connection.get(), "SELECT a FROM T");
+    ASSERT_EQ(select.step(), SQLITE_ROW);
+    EXPECT_EQ(select.columnText(0), "a text too long for the string's own buffer");
+}
+
+/// Bound values come back unaltered, quotes and NUL characters included.
+TEST_F(SqlStatementTest, KeepsNulCharactersInTexts) {
+    SqlStatement insert(connection.get(), "INSERT INTO T VALUES(?1, 0)");
+    insert.bind(1, std::string("a\0b", 3));
+    EXPECT_EQ(insert.step(), SQLITE_DONE);
+    SqlStatement select(connection.get(), "SELECT a FROM T");
+    ASSERT_EQ(select.step(), SQLITE_ROW);
+    EXPECT_EQ(select.columnText(0), std::string("a\0b", 3));
+}
+
+/// A reset forgets the bindings.
+TEST_F(SqlStatementTest, ResetForgetsTheBindings) {
+    SqlStatement probe(connection.get(), "SELECT ?1");
+    probe.bind(1, std::int64_t{7});
+    ASSERT_EQ(probe.step(), SQLITE_ROW);
+    EXPECT_EQ(probe.columnInt64(0), 7);
+    probe.resetAndClear();
+    ASSERT_EQ(probe.step(), SQLITE_ROW);
+    EXPECT_TRUE(probe.columnIsNull(0));
+}
+
+/// A statement that does not prepare does nothing.
+TEST_F(SqlStatementTest, AStatementThatDoesNotPrepareIsInert) {
+    SqlStatement broken(connection.get(), "SELECT a FROM Nowhere");
+    SqlStatement withoutConnection(nullptr, "SELECT 1");
+    SqlStatement empty;
+    for (SqlStatement* statement : {&broken, &withoutConnection, &empty}) {
+        EXPECT_FALSE(statement->isPrepared());
+        EXPECT_EQ(statement->columnCount(), 0);
+        statement->bind(1, std::int64_t{1});
+        statement->bind(1, 1.0);
+        statement->bind(1, std::string("x"));
+        statement->bindNull(1);
+        EXPECT_EQ(statement->step(), SQLITE_MISUSE);
+        statement->resetAndClear();
+        EXPECT_EQ(statement->columnInt64(0), 0);
+        EXPECT_EQ(statement->columnDouble(0), 0.0);
+        EXPECT_EQ(statement->columnText(0), "");
+        EXPECT_TRUE(statement->columnIsNull(0));
+    }
+    EXPECT_STREQ(sqlite3_errmsg(connection.get()), "no such table: Nowhere");
+}
+
+/// It is finalized with its owner, also after a move.
+TEST_F(SqlStatementTest, FinalizesWithItsOwnerAlsoAfterAMove) {
+    {
+        SqlStatement first(connection.get(), "SELECT 1");
+        SqlStatement second(std::move(first));
+        first = SqlStatement(connection.get(), "SELECT 2");
+        EXPECT_EQ(second.step(), SQLITE_ROW);
+        EXPECT_EQ(second.columnInt64(0), 1);
+        EXPECT_NE(sqlite3_next_stmt(connection.get(), nullptr), nullptr);
+    }
+    EXPECT_EQ(sqlite3_next_stmt(connection.get(), nullptr), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,600 @@
+#include <iostream>
+#include <mutex>
+#include <sstream>
+#include <streambuf>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/LocationInfoPeer.h"
+#include "support/UploadJobs.h"
+
+namespace {
+
+constexpr const char* kDbErrorType = R"("event-type": "db.error")";
+
+class UploadImplEventsTest : public UploadJobs {
+  protected:
+    /// The events of all blocks of a record.
+    static std::vector<JsonObject> eventsOf(const std::string& record) {
+        std::vector<JsonObject> events;
+        std::istringstream in(record);
+        for (std::string line; std::getline(in, line);) {
+            const JsonObject block = JsonObject::parse(line);
+            EXPECT_TRUE(block.isObject()) << line;
+            JsonArrayIterator event(block.getObject("events"));
+            for (; event; ++event) events.push_back(event.current());
+        }
+        return events;
+    }
+
+    std::vector<JsonObject> sentEvents() const {
+        std::vector<JsonObject> events;
+        for (const std::string& record : records()) {
+            for (const JsonObject& event : eventsOf(record)) events.push_back(event);
+        }
+        return events;
+    }
+
+    std::int64_t nowSeconds() const { return timeManager->getTime() / 1000; }
+
+    /// A store connection of another process that keeps everybody else from writing.
+    std::shared_ptr<sqlite3> lockStore() const {
+        sqlite3* raw = nullptr;
+        sqlite3_open(database.c_str(), &raw);
+        std::shared_ptr<sqlite3> connection(raw, &sqlite3_close);
+        EXPECT_EQ(sqlite3_exec(raw, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+        return connection;
+    }
+};
+
+/// Looks, whenever a text with `moment` is written, whether another thread can have the store.
+class LockProbe : public std::streambuf {
+  public:
+    explicit LockProbe(std::string moment)
+        : m_moment(std::move(moment)), m_before(std::cout.rdbuf(this)) {}
+    ~LockProbe() override { std::cout.rdbuf(m_before); }
+
+    int free = 0;
+    int taken = 0;
+
+  private:
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+        if (std::string(text, static_cast<std::size_t>(size)).find(m_moment) != std::string::npos)
+            std::thread([this] { look(); }).join();
+        return size;
+    }
+    int overflow(int character) override { return character; }
+
+    void look() {
+        const std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock, std::try_to_lock);
+        ++(lock.owns_lock() ? free : taken);
+    }
+
+    std::string m_moment;
+    std::streambuf* m_before;
+};
+
+}  // namespace
+
+// --- events upload ------------------------------------------------------------------------------
+
+/// Stored events are sent in stored order and deleted.
+TEST_F(UploadImplEventsTest, SendsTheStoredEventsAndDeletesThem) {
+    addEvent(2000);
+    addEvent(1000);
+    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_EQ(storedEvents(), "0");
+    ASSERT_EQ(records().size(), 1u);
+    const std::string record = records()[0];
+    EXPECT_EQ(record.substr(record.find(",\"events\":[")),
+              ",\"events\":["
+              R"({"event-type": "e", "utc-src": "web", )"
+              R"("time": "2019-03-07T10:15:00.000Z", "ts": )" +
+                  std::to_string(kernelNow - 2000) +
+                  R"(},{"event-type": "e", "utc-src": "web", )"
+                  R"("time": "2019-03-07T10:15:01.000Z", "ts": )" +
+                  std::to_string(kernelNow - 1000) + "}]}\n");
+    EXPECT_EQ(waiting(), (Messages{{4, 0}}));
+    EXPECT_FALSE(DB::m_dbError) << "or the backlog would not drain";
+}
+
+/// Stored events are sent in stored order and deleted.
+TEST_F(UploadImplEventsTest, SendsTheEventsInStoredOrder) {
+    addEventOf(kBoot, kStandby, kernelNow);
+    addEventOf(kBoot, 1, 500);
+    addEventOf(3, 4, 700);
+    addEventOf(3, 4, 600);
+    EXPECT_NE(upload->uploadEvents(), 0);
+    std::vector<long long> order;
+    for (const JsonObject& event : sentEvents()) order.push_back(event.optInteger("ts", -1));
+    EXPECT_EQ(order, (std::vector<long long>{600, 700, 500, kernelNow}));
+    EXPECT_EQ(records().size(), 1u);
+}
+
+/// A given time is sent without source; an unknown one is the epoch.
+TEST_F(UploadImplEventsTest, SendsAGivenTimeWithoutSource) {
+    addEvent(0, R"(, "utc-time": "1500000000000")");
+    EXPECT_NE(upload->uploadEvents(), 0);
+    ASSERT_EQ(sentEvents().size(), 1u);
+    EXPECT_EQ(sentEvents()[0].optString("time"), "2017-07-14T02:40:00.000Z");
+    EXPECT_TRUE(sentEvents()[0].getObject("utc-src").isNull());
+}
+
+/// A given time is sent without source; an unknown one is the epoch.
+TEST_F(UploadImplEventsTest, SendsAnEventOfAnUnknownCycleAtTheEpoch) {
+    addEventOf(3, 0, 1000);
+    EXPECT_NE(upload->uploadEvents(), 0);
+    ASSERT_EQ(sentEvents().size(), 1u);
+    EXPECT_EQ(sentEvents()[0].optString("time"), "1970-01-01T00:00:00.000Z");
+    EXPECT_TRUE(sentEvents()[0].getObject("utc-src").isNull());
+    EXPECT_TRUE(sentEvents()[0].getObject("utc-time").isNull());
+}
+
+/// An empty store sends nothing.
+TEST_F(UploadImplEventsTest, SendsNothingOfAnEmptyStore) {
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(cloud.requests().size(), 0u);
+    EXPECT_TRUE(nothingIsScheduled());
+}
+
+/// A backlog above the minimum is drained packet after packet; a rest below it waits for its
+/// age.
+TEST_F(UploadImplEventsTest, DrainsABacklogPacketAfterPacket) {
+    configure(R"({"upload_events": {"max-size": 1500, "min-size": 10}})");
+    for (int i = 0; i < 30; ++i) addEvent(30 - i);
+    int packets = 0;
+    while (storedEvents() != "0") {
+        ASSERT_NE(upload->uploadEvents(), 0);
+        ++packets;
+        const Messages expected{{storedEvents() == "0" ? 4 : 1, 0}};
+        EXPECT_EQ(UploadImplPeer::take(*upload), expected);
+    }
+    EXPECT_GT(packets, 2);
+    EXPECT_EQ(sentEvents().size(), 30u) << "each once";
+    for (const std::string& record : records()) EXPECT_LE(record.size(), 1501u);
+}
+
+/// A backlog above the minimum is drained packet after packet; a rest below it waits for its
+/// age.
+TEST_F(UploadImplEventsTest, WaitsForTheAgeOfARestBelowTheMinimum) {
+    configure(R"({"upload_events": {"max-size": 1500, "min-size": 100000}})");
+    for (int i = 0; i < 30; ++i) addEvent(30 - i);
+    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(storedEvents(), "0");
+    EXPECT_EQ(waiting(), (Messages{{4, 0}}));
+}
+
+/// An event that fits no packet blocks the queue and is no failure.
+TEST_F(UploadImplEventsTest, LetsAnEventThatFitsNoPacketBlockTheQueue) {
+    configure(R"({"upload_events": {"max-size": 100}})");
+    addEvent();
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(cloud.requests().size(), 0u);
+    EXPECT_EQ(storedEvents(), "1");
+    EXPECT_EQ(UploadImplPeer::lastFailureTime(*upload), 0);
+}
+
+/// A failed send keeps the rows, says "Event upload failed, will try later in " 60 " seconds"
+/// and checks in 60000 ms.
+TEST_F(UploadImplEventsTest, KeepsTheRowsWhenTheStreamRefuses) {
+    script(refuse);
+    addEvent();
+    OutputCapture output;
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    output.stop();
+    EXPECT_EQ(taggedLines(output.errWithoutPrefixes(), kTag),
+              "kivUpload: Event upload failed, will try later in 60 seconds\n");
+    EXPECT_EQ(storedEvents(), "1");
+    EXPECT_TRUE(isDelayed(4, 60000));
+    EXPECT_NEAR(static_cast<double>(UploadImplPeer::lastFailureTime(*upload)),
+                static_cast<double>(nowSeconds()), 2);
+    EXPECT_EQ(waiting(), Messages{});
+}
+
+/// A failed send keeps the rows, says "Event upload failed, will try later in " 60 " seconds"
+/// and checks in 60000 ms.
+TEST_F(UploadImplEventsTest, SendsTheSameEventsAgainAfterAFailure) {
+    script(refuse);
+    addEvent(0, R"(, "utc-time": "1500000000000")");
+    OutputCapture output;
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    output.stop();
+    script(accept);
+    UploadImplPeer::setLastFailureTime(*upload, nowSeconds() - 60);
+    EXPECT_NE(upload->uploadEvents(), 0);
+    const auto events = sentEvents();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_TRUE(events[0].equals(events[1]));
+    EXPECT_EQ(UploadImplPeer::lastFailureTime(*upload), 0);
+    EXPECT_EQ(storedEvents(), "0");
+}
+
+/// Within 60 s of a failure nothing is tried; a failure in the future is an old one.
+TEST_F(UploadImplEventsTest, TriesNothingWithinAMinuteOfAFailure) {
+    script(refuse);
+    addEvent();
+    OutputCapture output;
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    output.stop();
+    EXPECT_EQ(cloud.requests().size(), 1u);
+}
+
+/// Within 60 s of a failure nothing is tried; a failure in the future is an old one.
+TEST_F(UploadImplEventsTest, TriesAgainAMinuteAfterAFailure) {
+    addEvent();
+    UploadImplPeer::setLastFailureTime(*upload, nowSeconds() - 50);
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    UploadImplPeer::setLastFailureTime(*upload, nowSeconds() - 60);
+    EXPECT_NE(upload->uploadEvents(), 0);
+}
+
+/// Within 60 s of a failure nothing is tried; a failure in the future is an old one.
+TEST_F(UploadImplEventsTest, TakesAFailureInTheFutureForAnOldOne) {
+    addEvent();
+    UploadImplPeer::setLastFailureTime(*upload, nowSeconds() + 1000);
+    EXPECT_NE(upload->uploadEvents(), 0);
+}
+
+/// Without consent, current configuration, web time or clock nothing is sent or scheduled.
+TEST_F(UploadImplEventsTest, UploadsNothingWithoutConsent) {
+    configure(R"({"kiv_tou": false})");
+    addEvent();
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(cloud.requests().size(), 0u);
+    EXPECT_TRUE(nothingIsScheduled());
+}
+
+/// Without consent, current configuration, web time or clock nothing is sent or scheduled.
+TEST_F(UploadImplEventsTest, UploadsNothingUnderAnExpiredConfiguration) {
+    configure(R"({"expiry_tou": 0})");
+    addEvent();
+    script([](const Request&) {
+        Response response;
+        response.closeWithoutAnswer = true;
+        return response;
+    });
+    OutputCapture output;
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    output.stop();
+    EXPECT_EQ(otherRequests(), "/config/dev1 ") << "it asks for a new one";
+    EXPECT_EQ(records().size(), 0u);
+    EXPECT_TRUE(nothingIsScheduled());
+}
+
+/// Without consent, current configuration, web time or clock nothing is sent or scheduled.
+TEST_F(UploadImplEventsTest, UploadsNothingWithoutWebTime) {
+    device->setBootCounts(8, 0);
+    timeManager->setTime(TimeSourceSystem, TimeReference(), kNowMs);
+    addEvent();
+    OutputCapture output;
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    output.stop();
+    EXPECT_EQ(otherRequests(), "/time ");
+    EXPECT_EQ(records().size(), 0u);
+    EXPECT_TRUE(nothingIsScheduled());
+}
+
+/// Without consent, current configuration, web time or clock nothing is sent or scheduled.
+TEST_F(UploadImplEventsTest, UploadsNothingWithoutAClock) {
+    device->setBootCounts(8, 0);
+    addEvent();
+    OutputCapture output;
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    output.stop();
+    EXPECT_EQ(records().size(), 0u);
+    EXPECT_TRUE(nothingIsScheduled());
+}
+
+/// A database in error is reported instead of events and of files.
+TEST_F(UploadImplEventsTest, ReportsADatabaseErrorInsteadOfEvents) {
+    addEvent();
+    DB::m_dbError = true;
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    ASSERT_EQ(records().size(), 1u);
+    EXPECT_NE(records()[0].find(kDbErrorType), std::string::npos);
+    EXPECT_EQ(storedEvents(), "1");
+    EXPECT_TRUE(nothingIsScheduled());
+}
+
+/// The store's lock is not held while sending or asking for the location.
+TEST_F(UploadImplEventsTest, HoldsNoLockOfTheStoreWhileSending) {
+    addEvent();
+    std::string seen;
+    script([&](const Request& request) {
+        const std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock, std::try_to_lock);
+        seen = lock.owns_lock() ? "free" : "held";
+        return accept(request);
+    });
+    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_EQ(seen, "free");
+}
+
+/// A prune that went on while sending keeps its overflow event.
+TEST_F(UploadImplEventsTest, KeepsTheRecordOfAPruneThatWentOnWhileSending) {
+    for (int i = 0; i < 5; ++i) addEvent(5 - i);
+    script([&](const Request& request) {
+        DB other;
+        other.open(database, false);
+        other.pruneAboveSize(0);
+        return accept(request);
+    });
+    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_EQ(storedEvents(), "1");
+    EXPECT_NE(db().getOldestEvent().find("logging.overflow"), std::string::npos);
+    EXPECT_EQ(sentEvents().size(), 5u);
+}
+
+/// Rows that cannot be deleted count as a failed send.
+TEST_F(UploadImplEventsTest, TreatsRowsThatCannotBeDeletedLikeAFailedSend) {
+    addEvent();
+    std::shared_ptr<sqlite3> locked;
+    script([&](const Request& request) {
+        locked = lockStore();
+        return accept(request);
+    });
+    OutputCapture output;
+    EXPECT_EQ(upload->uploadEvents(), 0);
+    output.stop();
+    locked.reset();
+    EXPECT_EQ(taggedLines(output.errWithoutPrefixes(), kTag),
+              "kivUpload: Deleting the sent events failed, will try later in 60 seconds\n");
+    EXPECT_NE(UploadImplPeer::lastFailureTime(*upload), 0);
+    EXPECT_TRUE(isDelayed(4, 60000));
+    EXPECT_EQ(waiting(), Messages{});
+    EXPECT_EQ(storedEvents(), "1");
+}
+
+/// The store's lock is not held while sending or asking for the location.
+TEST_F(UploadImplEventsTest, AsksForTheLocationBeforeItLocksTheStore) {
+    ::unsetenv("LOC_NETWORK");
+    LocationInfoPeer::setProvider(cloud.url("/json"));
+    LocationInfo::setDbPath(database);
+    std::string seen;
+    script([&](const Request& request) {
+        Response response = accept(request);
+        if (request.target == "/json") {
+            const std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock, std::try_to_lock);
+            seen = lock.owns_lock() ? "free" : "held";
+            response.body = R"({"ip": "192.0.2.9", "city": "Ghent", "region": "East", )"
+                            R"("country": "BE", "loc": "51.05,3.72"})";
+        }
+        return response;
+    });
+    addEvent();
+    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_EQ(seen, "free");
+    ASSERT_EQ(records().size(), 1u);
+    EXPECT_EQ(JsonObject::parse(records()[0]).getObject("location").optString("city"), "Ghent");
+    EXPECT_TRUE(WaitUntil([&] { return query("SELECT city FROM Location") == "Ghent"; }));
+}
+
+/// The location is asked for once an upload and once a database-error event, without the
+/// store's lock.
+TEST_F(UploadImplEventsTest, AsksForTheLocationOnceAnUploadAlsoWhenItStaysUnknown) {
+    ::unsetenv("LOC_NETWORK");
+    LocationInfoPeer::setProvider(cloud.url("/json"));
+    script([](const Request& request) {
+        Response response = accept(request);
+        if (request.target == "/json") response.status = 500;
+        return response;
+    });
+    addEventOf(3, 1, 1000);
+    addEventOf(3, 2, 1000);
+    addEvent();
+    OutputCapture output;
+    EXPECT_NE(upload->uploadEvents(), 0);
+    output.stop();
+    EXPECT_EQ(otherRequests(), "/json ") << "one for three headers";
+    ASSERT_EQ(records().size(), 1u);
+    std::istringstream blocks(records()[0]);
+    int empty = 0;
+    for (std::string block; std::getline(blocks, block);) {
+        if (JsonObject::parse(block).getObject("location").dumpAsString() == "{}") ++empty;
+    }
+    EXPECT_EQ(empty, 3);
+}
+
+/// Verbose, an upload is told step by step; otherwise nothing is.
+TEST_F(UploadImplEventsTest, DescribesAnUploadWhenVerbose) {
+    addEvent(0, R"(, "utc-time": "1500000000000")");
+    const std::string event = db().getOldestEvent();
+    UploadImpl::SetVerbose(true);
+    OutputCapture output;
+    EXPECT_NE(upload->uploadEvents(), 0);
+    output.stop();
+    const std::string lines = taggedLines(output.outWithoutPrefixes(), kTag);
+    const std::string tail =
+        "kivUpload: uploadEvents will be done\n"
+        "kivUpload: Process event: " +
+        event +
+        "\nkivUpload: Add event to packet with utc time = 1500000000000\n"
+        "kivUpload: Try to send packet\n"
+        "kivUpload: Delete marked events from database\n"
+        "kivUpload: DB remaining size = -1\n"
+        "kivUpload:  Send message 4 0\n";
+    EXPECT_EQ(lines.rfind("kivUpload: uploadEvents request\n", 0), 0u) << lines;
+    ASSERT_GE(lines.size(), tail.size());
+    EXPECT_EQ(lines.substr(lines.size() - tail.size()), tail);
+}
+
+/// Verbose, an upload is told step by step; otherwise nothing is.
+TEST_F(UploadImplEventsTest, DescribesAFullPacketAndTheNextOneWhenVerbose) {
+    configure(R"({"upload_events": {"max-size": 1500, "min-size": 10}})");
+    for (int i = 0; i < 30; ++i) addEvent(30 - i);
+    UploadImpl::SetVerbose(true);
+    OutputCapture output;
+    EXPECT_NE(upload->uploadEvents(), 0);
+    output.stop();
+    const std::string lines = output.outWithoutPrefixes();
+    EXPECT_NE(lines.find("kivUpload: Packet full. Unmark last event\n"), std::string::npos);
+    const std::string size = std::to_string(db().totalEventSize());
+    EXPECT_NE(lines.find("kivUpload: DB remaining size = " + size +
+                         "\nkivUpload: Scheduling upload of events of size " + size +
+                         "\nkivUpload:  Send message 1 0\n"),
+              std::string::npos)
+        << lines;
+}
+
+/// Verbose, an upload is told step by step; otherwise nothing is.
+TEST_F(UploadImplEventsTest, UploadsSilentlyOtherwise) {
+    addEvent();
+    OutputCapture output;
+    EXPECT_NE(upload->uploadEvents(), 0);
+    output.stop();
+    EXPECT_EQ(output.out(), "");
+    EXPECT_EQ(output.err(), "");
+}
+
+// --- time check ---------------------------------------------------------------------------------
+
+/// The time check stops under an expired configuration and with a delay below 1.
+TEST_F(UploadImplEventsTest, ChecksNoTimesUnderAnExpiredConfiguration) {
+    configure(R"({"expiry_tou": 0})");
+    addEvent();
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_TRUE(nothingIsScheduled());
+}
+
+/// Without a clock the time check schedules nothing; by the system's time it waits for the age,
+/// and a due event for web time in steps of 300000 ms.
+TEST_F(UploadImplEventsTest, ChecksNoTimesWithoutAClock) {
+    device->setBootCounts(8, 0);  // a cycle of which nobody knows the time
+    addEventOf(3, 0, 1000);
+    OutputCapture output;
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    output.stop();
+    EXPECT_EQ(cloud.requests().size(), 0u);
+    EXPECT_TRUE(nothingIsScheduled());
+}
+
+/// Without a clock the time check schedules nothing; by the system's time it waits for the age,
+/// and a due event for web time in steps of 300000 ms.
+TEST_F(UploadImplEventsTest, ChecksAgainInFiveMinutesWhileOnlyTheSystemKnowsTheTime) {
+    device->setBootCounts(8, 0);
+    timeManager->setTime(TimeSourceSystem, TimeReference(), kNowMs);
+    addEventOf(3, 0, 1000);  // of unknown age: due
+    OutputCapture output;
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    output.stop();
+    EXPECT_TRUE(isDelayed(4, 300000));
+    EXPECT_EQ(waiting(), Messages{});
+    EXPECT_EQ(records().size(), 0u);
+    EXPECT_EQ(storedEvents(), "1");
+}
+
+/// Without a clock the time check schedules nothing; by the system's time it waits for the age,
+/// and a due event for web time in steps of 300000 ms.
+TEST_F(UploadImplEventsTest, ChecksAgainByTheSystemsTimeWhileTheWebsIsUnknown) {
+    device->setBootCounts(8, 0);
+    timeManager->setTime(TimeSourceSystem, TimeReference(), kNowMs);
+    addEventOf(8, 0, KernelTime::getTimeMonotonicAsInt64() - 1000000);
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_TRUE(isDelayed(4, 2600000));
+    EXPECT_EQ(cloud.requests().size(), 0u);
+}
+
+/// The time check stops under an expired configuration and with a delay below 1.
+TEST_F(UploadImplEventsTest, ChecksNoTimesWithoutAMaximumDelay) {
+    for (const char* delay : {"0", "-1"}) {
+        configure(std::string(R"({"upload_events": {"max-delay": )") + delay + "}}");
+        addEvent(100000000);
+        EXPECT_EQ(upload->eventsTimeCheck(), 0);
+        EXPECT_TRUE(nothingIsScheduled());
+    }
+    EXPECT_EQ(records().size(), 0u);
+}
+
+/// An empty store is checked after the maximum delay.
+TEST_F(UploadImplEventsTest, ChecksAnEmptyStoreAfterTheMaximumDelay) {
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_TRUE(isDelayed(4, 3600000));
+}
+
+/// The next check comes when the oldest event is of age, never later than the maximum delay.
+TEST_F(UploadImplEventsTest, ChecksAgainWhenTheOldestEventComesOfAge) {
+    addEvent(1000000);
+    addEvent(5000);
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_TRUE(isDelayed(4, 2600000));
+    EXPECT_EQ(records().size(), 0u);
+    EXPECT_EQ(waiting(), Messages{});
+}
+
+/// The next check comes when the oldest event is of age, never later than the maximum delay.
+TEST_F(UploadImplEventsTest, NeverChecksLaterThanTheMaximumDelay) {
+    addEvent(0, R"(, "utc-time": "4000000000000")");
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_TRUE(isDelayed(4, 3600000));
+}
+
+/// The next check comes when the oldest event is of age, never later than the maximum delay.
+TEST_F(UploadImplEventsTest, ClampsAnEndlessMaximumDelay) {
+    configure(R"({"upload_events": {"max-delay": 9223372036854775807}})");
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_TRUE(isDelayed(4, 2147483000));
+    addEvent(5000);
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_TRUE(isDelayed(4, 2147483000));
+}
+
+/// A due event, or one of unknown time, is uploaded at once.
+TEST_F(UploadImplEventsTest, UploadsWhenTheOldestEventIsDue) {
+    addEvent(3600000);
+    addEvent();
+    EXPECT_NE(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(storedEvents(), "0");
+    EXPECT_EQ(waiting(), (Messages{{4, 0}}));
+    EXPECT_EQ(UploadImplPeer::pendingDelay(*upload, 4), -1);
+}
+
+/// A due event, or one of unknown time, is uploaded at once.
+TEST_F(UploadImplEventsTest, UploadsWhenTheTimeOfTheOldestEventIsUnknown) {
+    addEventOf(3, 0, 1000);
+    EXPECT_NE(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(storedEvents(), "0");
+}
+
+/// An upload that failed in a check is tried again in 300000 ms.
+TEST_F(UploadImplEventsTest, ChecksAgainInFiveMinutesWhenTheUploadFailed) {
+    script(refuse);
+    addEvent(3600000);
+    OutputCapture output;
+    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    output.stop();
+    EXPECT_TRUE(isDelayed(4, 300000));
+    EXPECT_TRUE(WaitUntil([&] { return UploadImplPeer::pendingTimers(*upload) <= 2; }));
+    EXPECT_EQ(waiting(), Messages{});
+}
+
+/// A check is told when verbose.
+TEST_F(UploadImplEventsTest, NotesATimeCheckWhenVerbose) {
+    UploadImpl::SetVerbose(true);
+    OutputCapture output;
+    upload->eventsTimeCheck();
+    output.stop();
+    EXPECT_EQ(taggedLines(output.outWithoutPrefixes(), kTag),
+              "kivUpload: eventsTimeCheck request\n");
+}
+
+/// A packet is put together under the store's lock and sent without it.
+TEST_F(UploadImplEventsTest, PacksUnderTheStoresLockAndSendsWithoutIt) {
+    addEvent(1);
+    UploadImpl::SetVerbose(true);
+    {
+        const LockProbe packing("Process event: ");
+        upload->uploadEvents();
+        EXPECT_EQ(packing.taken, 1);
+        EXPECT_EQ(packing.free, 0);
+    }
+    addEvent(1);
+    {
+        const LockProbe sending("Try to send packet");
+        upload->uploadEvents();
+        EXPECT_EQ(sending.taken, 0);
+        EXPECT_EQ(sending.free, 1);
+    }
+    UploadImpl::SetVerbose(false);
+}
