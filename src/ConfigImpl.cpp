@@ -11,6 +11,7 @@
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
 #include "UtcTime.h"
+#include "UtcTimeMs.h"
 
 #include <algorithm>
 #include <atomic>

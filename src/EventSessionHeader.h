@@ -3,7 +3,7 @@
 #include <string>
 
 #include "JsonObject.h"
-#include "UtcTime.h"
+#include "UtcTimeMs.h"
 
 /// The JSON text that opens a session block of a record: what device, which software, which
 /// clocks and where (docs/record-format.md). Built whole in the constructor, on the upload thread,

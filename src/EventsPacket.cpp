@@ -3,6 +3,7 @@
 #include "AwsWrapperImpl.h"
 #include "DbgOut.h"
 #include "EventSessionHeader.h"
+#include "JsonIterator.h"
 #include "Singleton.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "JsonObject.h"
-#include "UtcTime.h"
+#include "UtcTimeMs.h"
 
 namespace AwsWrapper {
 

@@ -1,6 +1,7 @@
 #include "JsonFilter.h"
 
 #include "DbgOut.h"
+#include "JsonArrayIterator.h"
 #include "JsonFilterRule.h"
 
 namespace {

@@ -1,6 +1,8 @@
 #include "JsonFilterRule.h"
 
 #include "DbgOut.h"
+#include "JsonArrayIterator.h"
+#include "JsonIterator.h"
 #include "RegexCache.h"
 
 #include <regex>

@@ -214,34 +214,3 @@ std::size_t JsonObject::getArraySize() const {
 std::ostream& operator<<(std::ostream& out, const JsonObject& value) {
     return out << value.getStringRep();
 }
-
-JsonIterator::JsonIterator(const JsonObject& object)
-    : m_object(object), m_position(json_object_iter(object.get())) {}
-
-void JsonIterator::advance() {
-    m_position = json_object_iter_next(m_object.get(), m_position);
-}
-
-const char* JsonIterator::key() const {
-    const char* key = json_object_iter_key(m_position);
-    return key != nullptr ? key : "";
-}
-
-JsonObject JsonIterator::value() const {
-    return JsonObject::share(json_object_iter_value(m_position));
-}
-
-JsonArrayIterator::JsonArrayIterator(const JsonObject& array) : m_array(array) {}
-
-JsonArrayIterator& JsonArrayIterator::operator++() {
-    if (*this) ++m_index;
-    return *this;
-}
-
-JsonArrayIterator::operator bool() const {
-    return m_index < m_array.getArraySize();
-}
-
-JsonObject JsonArrayIterator::current() const {
-    return JsonObject::share(json_array_get(m_array.get(), m_index));
-}

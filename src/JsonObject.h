@@ -86,34 +86,3 @@ class JsonObject {
 
 /// Writes `getStringRep()`.
 std::ostream& operator<<(std::ostream& out, const JsonObject& value);
-
-/// Walks the members of an object in jansson's order and keeps the object alive. The object must
-/// not change meanwhile. Ends at once for a value that is no object.
-class JsonIterator {
-  public:
-    explicit JsonIterator(const JsonObject& object);
-
-    bool atEnd() const { return m_position == nullptr; }
-    void advance();
-    const char* key() const;   ///< valid while the member exists
-    JsonObject value() const;  ///< with a reference taken
-
-  private:
-    JsonObject m_object;
-    void* m_position;
-};
-
-/// Walks the elements of an array and keeps the array alive.
-class JsonArrayIterator {
-  public:
-    explicit JsonArrayIterator(const JsonObject& array);
-
-    JsonArrayIterator& operator++();  ///< clamped to the array's size
-    explicit operator bool() const;   ///< whether there is an element here
-    JsonObject current() const;
-    unsigned int index() const { return m_index; }
-
-  private:
-    unsigned int m_index = 0;
-    JsonObject m_array;
-};

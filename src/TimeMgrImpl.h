@@ -15,7 +15,7 @@
 
 #include "JsonObject.h"
 #include "TimeReference.h"
-#include "UtcTime.h"
+#include "UtcTimeMs.h"
 
 class DB;
 

@@ -17,6 +17,7 @@
 #include "TimeMgrImpl.h"
 #include "TimeReference.h"
 #include "UtcTime.h"
+#include "UtcTimeMs.h"
 #include "WebTimeImpl.h"
 
 #include <algorithm>

@@ -4,8 +4,6 @@
 
 #include <limits>
 
-#include <cstdio>
-
 namespace {
 
 constexpr const char* kTextForms[] = {
@@ -91,19 +89,6 @@ std::string UtcTime::format(const char* pattern) const {
         cerrdbg << "UtcTime: "
                 << "Conversion of time " << m_seconds << " to string failed" << std::endl;
         return "";
-    }
-    return text;
-}
-
-std::string UtcTimeMs::getString() const {
-    std::string text = UtcTime(static_cast<std::int32_t>(m_ms / 1000)).getString();
-    // The span begins one character before the dot, so that the texts always differ.
-    if (text.size() > 4 && text.compare(text.size() - 6, 5, ".000Z") != 0) {
-        // A remainder below zero is cut to the first three digits of its unsigned form.
-        char milliseconds[4];
-        const int wanted = std::snprintf(milliseconds, sizeof milliseconds, "%03u",
-                                         static_cast<unsigned int>(m_ms % 1000));
-        if (wanted > 0) text.replace(text.size() - 4, 3, milliseconds);
     }
     return text;
 }

@@ -7,6 +7,7 @@
 #include "TimeMgrImpl.h"
 #include "TimeReference.h"
 #include "UtcTime.h"
+#include "UtcTimeMs.h"
 
 #include <cstdio>
 

@@ -54,9 +54,9 @@ def check_layers(listed):
 def check_wrapped_libraries():
     """Third-party headers stay in the classes that wrap them."""
     allowed = {
-        "sqlite3.h": {"DB", "EventPruner", "EventSet", "SqlStatement"},
+        "sqlite3.h": {"DB", "EventPruner", "EventSet", "EventTable", "SqlConnection", "SqlStatement"},
         "curl/curl.h": {"NetworkHelper"},
-        "jansson.h": {"JsonObject"},
+        "jansson.h": {"JsonObject"},  # its users see JSON's integer type through it
         "aws/": {"AwsWrapperImpl", "Credentials"},
     }
     for path in sorted((ROOT / "src").glob("*.[hc]*")):

@@ -16,6 +16,7 @@
 #include "DB.h"
 #include "DBToken.h"
 #include "EventSessionHeader.h"
+#include "JsonIterator.h"
 #include "JsonObject.h"
 #include "KernelTime.h"
 #include "PimAppVersion.h"

@@ -1,5 +1,6 @@
 #include "CountryCode.h"
 
+#include "JsonArrayIterator.h"
 #include "JsonObject.h"
 
 #include <algorithm>

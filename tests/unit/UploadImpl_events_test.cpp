@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "JsonArrayIterator.h"
 #include "support/LocationInfoPeer.h"
 #include "support/UploadJobs.h"
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "EventType.h"
+#include "JsonArrayIterator.h"
 #include "support/JsonMemory.h"
 #include "support/LocationInfoPeer.h"
 #include "support/UploadJobs.h"

@@ -2,41 +2,16 @@
 
 #include "support/OutputCapture.h"
 #include "support/TaggedLines.h"
+#include "support/TimeFaults.h"
 
 #include <limits>
 #include <optional>
 #include <string>
 
-#include <dlfcn.h>
 #include <stdlib.h>
 #include <time.h>
 
 #include <gtest/gtest.h>
-
-namespace {
-
-thread_local bool localtimeFails = false;
-thread_local bool strftimeFails = false;
-
-template <typename Function>
-Function* next(const char* name) {
-    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
-
-}  // namespace
-
-// In front of the C library's, which never fail with the values of these tests.
-extern "C" struct tm* localtime_r(const time_t* seconds, struct tm* fields) noexcept {
-    static auto* const real = next<struct tm*(const time_t*, struct tm*)>("localtime_r");
-    return localtimeFails ? nullptr : real(seconds, fields);
-}
-
-extern "C" size_t strftime(char* text, size_t size, const char* format,
-                           const struct tm* fields) noexcept {
-    static auto* const real =
-        next<size_t(char*, size_t, const char*, const struct tm*)>("strftime");
-    return strftimeFails ? 0 : real(text, size, format, fields);
-}
 
 namespace {
 
@@ -241,9 +216,9 @@ TEST(UtcTime, ItsLinesCarryTheDiagnosticPrefix) {
 TEST(UtcTime, SaysWhenItCannotCalibrate) {
     const ZoneScope zone("UTC");
     OutputCapture capture;
-    localtimeFails = true;
+    TimeFaults::localtimeFails = true;
     const time_t seconds = UtcTime().parseTime("2019-03-07", "%Y-%m-%d");
-    localtimeFails = false;
+    TimeFaults::localtimeFails = false;
     capture.stop();
     EXPECT_EQ(seconds, -1);
     EXPECT_EQ(capture.errWithoutPrefixes(), "UtcTime: Cannot determine 'calibration time'\n");
@@ -269,55 +244,14 @@ TEST(UtcTime, WritesTheDateAlone) {
 /// A failed conversion gives the empty text and "Conversion of time ... to string failed".
 TEST(UtcTime, SaysWhenItCannotBeWritten) {
     OutputCapture capture;
-    strftimeFails = true;
+    TimeFaults::strftimeFails = true;
     const std::string text = UtcTime(kWinter).getString();
     const std::string date = UtcTime(-5).getDateString();
-    strftimeFails = false;
+    TimeFaults::strftimeFails = false;
     capture.stop();
     EXPECT_EQ(text, "");
     EXPECT_EQ(date, "");
     EXPECT_EQ(capture.errWithoutPrefixes(),
               "UtcTime: Conversion of time 1551953702 to string failed\n"
               "UtcTime: Conversion of time -5 to string failed\n");
-}
-
-/// `UtcTimeMs` is its number of milliseconds.
-TEST(UtcTimeMs, ConvertsFromAndToItsNumber) {
-    UtcTimeMs time = 1551953702347;
-    EXPECT_EQ(time / 1000, kWinter);
-    time = 5;
-    EXPECT_EQ(time, 5);
-    EXPECT_EQ(UtcTimeMs(), 0);
-}
-
-/// `UtcTimeMs` writes its milliseconds with three digits.
-TEST(UtcTimeMs, WritesItsMilliseconds) {
-    EXPECT_EQ(UtcTimeMs(1551953702347).getString(), "2019-03-07T10:15:02.347Z");
-    EXPECT_EQ(UtcTimeMs(1551953702005).getString(), "2019-03-07T10:15:02.005Z");
-    EXPECT_EQ(UtcTimeMs(1551953702000).getString(), "2019-03-07T10:15:02.000Z");
-    EXPECT_EQ(UtcTimeMs(999).getString(), "1970-01-01T00:00:00.999Z");
-}
-
-/// A remainder below zero is cut to three characters.
-TEST(UtcTimeMs, CutsARemainderBelowZeroToThreeCharacters) {
-    EXPECT_EQ(UtcTimeMs(-1).getString(), "1970-01-01T00:00:00.429Z");
-    EXPECT_EQ(UtcTimeMs(-1500).getString(), "1969-12-31T23:59:59.429Z");
-    EXPECT_EQ(UtcTimeMs(-2000).getString(), "1969-12-31T23:59:58.000Z");
-}
-
-/// Seconds beyond 32 bits wrap.
-TEST(UtcTimeMs, WrapsSecondsThatDoNotFit32Bits) {
-    EXPECT_EQ(UtcTimeMs(4294967296000LL + 1551953702347LL).getString(), "2019-03-07T10:15:02.347Z");
-}
-
-/// An empty seconds text stays empty.
-TEST(UtcTimeMs, StaysEmptyWhenTheSecondsCannotBeWritten) {
-    OutputCapture capture;
-    strftimeFails = true;
-    const std::string text = UtcTimeMs(1551953702347).getString();
-    strftimeFails = false;
-    capture.stop();
-    EXPECT_EQ(text, "");
-    EXPECT_EQ(capture.errWithoutPrefixes(),
-              "UtcTime: Conversion of time 1551953702 to string failed\n");
 }
