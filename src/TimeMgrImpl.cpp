@@ -247,7 +247,7 @@ bool TimeMgrImpl::waitForDBPath(std::chrono::milliseconds limit) {
 
 // --- times --------------------------------------------------------------------------------------
 
-UtcTimeMs TimeMgrImpl::getTime(TimeSource source, const TimeReference& ref) const {
+std::int64_t TimeMgrImpl::getStartTime(TimeSource source, const TimeReference& ref) const {
     const StoreLock lock(m_mutex);
     if (m_db == nullptr) {
         reportNoDatabase("");
@@ -259,8 +259,17 @@ UtcTimeMs TimeMgrImpl::getTime(TimeSource source, const TimeReference& ref) cons
         coutdbg << kLogPrefix << "getTime ts=" << source << " bc = " << ref.bootCount
                 << " sc = " << ref.standbyCount << " utc = " << start << std::endl;
     }
+    return start;
+}
+
+UtcTimeMs TimeMgrImpl::timeSince(std::int64_t startTime, std::int64_t kernelTime) {
+    return startTime == 0 ? 0 : saturatedSum(startTime, kernelTime);
+}
+
+UtcTimeMs TimeMgrImpl::getTime(TimeSource source, const TimeReference& ref) const {
+    const std::int64_t start = getStartTime(source, ref);
     if (start == 0) return 0;
-    const std::int64_t utc = saturatedSum(start, ref.kernelTime);
+    const std::int64_t utc = timeSince(start, ref.kernelTime);
     if (m_verbose) {
         coutdbg << kLogPrefix << "getTime for tr=" << ref << " is " << utc << std::endl;
     }

@@ -48,6 +48,10 @@ class TimeMgrImpl {
     /// A source reports that the moment `ref` is `utc`; changes of up to a minute are ignored,
     /// `utc` 0 forgets.
     void setTime(TimeSource source, const TimeReference& ref, UtcTimeMs utc);
+    /// The UTC milliseconds of kernel time 0 of the cycle of `ref` by that source; 0 when unknown.
+    std::int64_t getStartTime(TimeSource source, const TimeReference& ref) const;
+    /// The UTC of kernel time `kernelTime` (ms) of a cycle with that start time; 0 for start 0.
+    static UtcTimeMs timeSince(std::int64_t startTime, std::int64_t kernelTime);
     /// The UTC of `ref` by that source; 0 when unknown.
     UtcTimeMs getTime(TimeSource source, const TimeReference& ref) const;
     /// By web time if known, else by system time, else 0.
