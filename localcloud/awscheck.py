@@ -245,7 +245,7 @@ class _Check:
 
 
 def _seconds(date):
-    """UTC seconds of YYYYMMDDTHHMMSSZ, None when it is none."""
+    """UTC seconds of YYYYMMDDTHHMMSSZ, None when it is not such a text."""
     if not re.fullmatch(r"\d{8}T\d{6}Z", date):
         return None
     try:

@@ -25,7 +25,7 @@ HTML = b"<html><head><title>Error</title></head><body><h1>Something went wrong</
 
 
 class LocalCloud:
-    """Everything behind the listeners."""
+    """Everything that the listeners share."""
 
     def __init__(self, services, scenario, store, certificates, verbose=False):
         self.services = services
@@ -134,7 +134,7 @@ class HttpServer(http.server.ThreadingHTTPServer):
         self.server_name, self.server_port = "localhost", self.server_address[1]
 
     def handle_error(self, request, client_address):
-        """A client that has gone is no error of ours; the base shows all others."""
+        """A client that has gone is not an error of ours; the base shows all others."""
         error = sys.exc_info()[1]
         if not isinstance(error, (ConnectionError, TimeoutError, ssl.SSLError)):
             super().handle_error(request, client_address)
@@ -225,7 +225,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
     do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_PATCH = do_OPTIONS = dispatch
 
     def _read_request(self):
-        """The whole request; None when it was no good (then it is answered)."""
+        """The whole request; None when it could not be used (then it is answered)."""
         length = self.headers.get("Content-Length", "0")
         if "Transfer-Encoding" in self.headers:
             return self._give_up(411, "a body without Content-Length")

@@ -3,6 +3,7 @@
 
     tests/behaviours.py                 the list, as Markdown
     tests/behaviours.py WORD ...        only behaviours and tests that contain all the words
+    tests/behaviours.py --check         names the tests without a sentence; exits 1 if there is one
 
 The sentence stands above its test, in C++ after "///", in Python after "#:"; an empty comment line
 divides two sentences. Tests that share a sentence prove it together.
@@ -82,7 +83,17 @@ def behaviours(tests, group):
     return result
 
 
+def check(tests):
+    """Names the tests without a sentence. Returns the exit status."""
+    silent = [test for test in tests if not test.sentences]
+    for test in silent:
+        print(f"{test.path.relative_to(ROOT)}:{test.line}: {test.name} has no sentence above it")
+    return 1 if silent else 0
+
+
 def main():
+    if sys.argv[1:] == ["--check"]:
+        return check(all_tests())
     words = [word.lower() for word in sys.argv[1:]]
     tests = list(all_tests())
     for group in groups_in_reading_order(tests):
@@ -93,7 +104,8 @@ def main():
                 rows.append(row)
         if rows:
             print(f"## {group}\n", *rows, "", sep="\n")
+    return 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""kivApp at work on this machine, behind ./run.
+"""kivApp at work on this machine: what ./run runs.
 
 Starts the local cloud and the daemon with a device of its own under a scratch directory, and
 feeds it this machine's readings: idle time and free memory from /proc, kernel log lines where

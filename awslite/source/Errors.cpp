@@ -27,7 +27,7 @@ struct KnownError {
     bool retryable;
 };
 
-/// The names of all services; each is known with "Exception" behind it too.
+/// The names of all services; each is known with "Exception" at its end too.
 constexpr KnownError kCoreErrors[] = {
     {"AccessDenied", static_cast<int>(CoreErrors::ACCESS_DENIED), false},
     {"IncompleteSignature", static_cast<int>(CoreErrors::INCOMPLETE_SIGNATURE), false},

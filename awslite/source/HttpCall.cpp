@@ -56,8 +56,8 @@ void pay(RateLimiterInterface* limiter, size_t bytes) {
     if (limiter != nullptr && bytes > 0) limiter->ApplyAndPayForCost(static_cast<int64_t>(bytes));
 }
 
-/// What the callbacks of one call work on. An exception of a stream ends the call like any other
-/// failure of it: none may cross libcurl.
+/// What the callbacks of one call work on. When a stream throws, the call fails: the exception
+/// must not pass through libcurl, which is written in C.
 struct Exchange {
     const HttpRequest& request;
     const ClientConfiguration& configuration;

@@ -89,7 +89,8 @@ String readBack(IOStream& stream) {
     return document;
 }
 
-/// Null when the factory gives none. The outcome tells failures: the stream throws none.
+/// Null when the factory gives no stream. The stream does not throw: its failures are told in the
+/// outcome.
 std::unique_ptr<IOStream> makeStream(const IOStreamFactory& factory) {
     std::unique_ptr<IOStream> stream;
     if (factory) {

@@ -32,7 +32,7 @@ bool isSigned(const std::string& header) {
            header != "expect";
 }
 
-/// Without the blanks around it, and with one blank for each run of them inside.
+/// The value without the blanks around it; each run of blanks inside becomes one blank.
 std::string canonicalValue(const std::string& value) {
     std::string canonical;
     bool gap = false;

@@ -275,14 +275,14 @@ TEST(AwsliteJsonError, KnowsTheNamesOfTheFirehoseAndOfAllServices) {
     }
 }
 
-/// A document that is no JSON: "Failed to parse error payload"; one without a name tells its
+/// A document that is not JSON: "Failed to parse error payload"; one without a name tells its
 /// message.
 TEST(AwsliteJsonError, TellsADocumentThatIsNoJson) {
     EXPECT_EQ(putAgainst(answer(502, "<html>Bad gateway</html>")),
               (Verdict{"Failed to parse error payload", "", 502, true}));
 }
 
-/// A document that is no JSON: "Failed to parse error payload"; one without a name tells its
+/// A document that is not JSON: "Failed to parse error payload"; one without a name tells its
 /// message.
 TEST(AwsliteJsonError, TellsADocumentWithoutANameByItsMessage) {
     EXPECT_EQ(putAgainst(answer(403, R"({"message": "Forbidden"})")),
@@ -306,7 +306,7 @@ TEST(AwsliteJsonError, DoesNotFollowARedirect) {
     EXPECT_EQ(putAgainst(response), (Verdict{"No response body.", "", 301, false}));
 }
 
-/// A success that is no JSON is a "Json Parser Error" with the parser's text.
+/// A success that is not JSON is a "Json Parser Error" with the parser's text.
 TEST(AwsliteJsonError, TellsASuccessThatIsNoJson) {
     EXPECT_EQ(putAgainst(answer(200, "<html>")),
               (Verdict{"'[' or '{' expected near '<'", "Json Parser Error", 200, false}));

@@ -157,10 +157,11 @@ TEST_F(AwsliteSignature, OfAFetchedObjectIsBotocores) {
     EXPECT_EQ(verdictOn(getObject("a/../b//c d"), "s3"), kGood);
 }
 
-/// The path of an endpoint is sent and signed; one with a blank is no URL and fails the call.
+/// The path of an endpoint is sent and signed; an endpoint with a blank is not a URL and fails the
+/// call.
 TEST_F(AwsliteSignature, OfAnEndpointWithAPathIsBotocores) {
     const auto client = firehose(configurationFor(m_server.url("/base path%20x/")));
-    ASSERT_FALSE(client.PutRecord(recordRequest()).IsSuccess());  // a blank is no URL
+    ASSERT_FALSE(client.PutRecord(recordRequest()).IsSuccess());  // with a blank it is not a URL
 
     const auto encoded = firehose(configurationFor(m_server.url("/base%20x/")));
     ASSERT_TRUE(encoded.PutRecord(recordRequest()).IsSuccess());
@@ -214,7 +215,7 @@ TEST_F(AwsliteSignature, DatesTheRequestByTheSystemClockWithoutARequestClock) {
     EXPECT_LE(date, after);
 }
 
-/// Without a session there is no token header.
+/// Without a session token no token header is sent.
 TEST_F(AwsliteSignature, LeavesTheTokenHeaderOutWithoutASession) {
     EXPECT_FALSE(putRecord("{}\n").hasHeader("x-amz-security-token"));
 }

@@ -100,7 +100,7 @@ TEST_F(AwsliteTransfer, PutsARecordOfAnyBytesAndAMegabyteWithoutAsking) {
     EXPECT_TRUE(request.body.find(HashingUtils::Base64Encode(sent)) != std::string::npos);
 }
 
-/// The stream's name is escaped; one that is no UTF-8 gives no document.
+/// The stream's name is escaped; one that is not UTF-8 gives no document.
 TEST_F(AwsliteTransfer, EscapesTheStreamName) {
     auto request = recordRequest("x");
     request.SetDeliveryStreamName("a\"b\\ä");
@@ -111,7 +111,7 @@ TEST_F(AwsliteTransfer, EscapesTheStreamName) {
     EXPECT_EQ(request.SerializePayload(), "");
 }
 
-/// A success without a record id, or with one that is no string, counts as put, with an empty
+/// A success without a record id, or with one that is not a string, counts as put, with an empty
 /// id.
 TEST_F(AwsliteTransfer, TakesARecordWithoutAnIdAsPut) {
     for (const char* body : {"", "{}", R"({"RecordId": 7})"}) {
@@ -122,8 +122,8 @@ TEST_F(AwsliteTransfer, TakesARecordWithoutAnIdAsPut) {
     }
 }
 
-/// An object is put under bucket and escaped key with type, length and MD5, its payload
-/// unsigned, behind "Expect: 100-continue".
+/// An object is put under bucket and escaped key with type, length and MD5, its payload unsigned,
+/// after "Expect: 100-continue".
 TEST_F(AwsliteTransfer, StoresAnObjectAsTheServiceWantsIt) {
     const ScriptedHttpServer server(always(answer(200, "")), Transport::Tls);
     auto request = putRequest("some text", "dir/a file+1.txt");

@@ -17,7 +17,8 @@ class QueueTest(WholeProgramTest):
         self.device.send("usage.epg", LONG)
         self.wait_for_events(before + 1, "usage.epg")
 
-    #: Messages that are no JSON object get one line each; strange but valid ones do no harm.
+    #: Messages that are not a JSON object get one line each; strange but valid ones do no
+    #: harm.
     def test_messages_that_are_no_json_object_get_one_line_each_and_are_dropped(self):
         self.start_with_consent()
         junk = [b"hello", b"{", b"[]", b"17", b"null", b'"text"', b"\0", b"\xff\xfe\xfd",
@@ -30,7 +31,8 @@ class QueueTest(WholeProgramTest):
         self.assertEqual(self.device.errors_beginning(INVALID), len(junk))
         self.assertEqual({event["event-type"] for event in self.cloud.events()}, {"usage.epg"})
 
-    #: Messages that are no JSON object get one line each; strange but valid ones do no harm.
+    #: Messages that are not a JSON object get one line each; strange but valid ones do no
+    #: harm.
     def test_strange_but_valid_messages_do_not_harm_the_daemon(self):
         self.start_with_consent()
         for message in ({}, {"event-type": 5}, {"event-type": None}, {"event-type": ""},
@@ -67,7 +69,8 @@ class QueueTest(WholeProgramTest):
         self.assertEqual(self.device.query("SELECT COUNT(*) FROM TimeOffsets"), [(1,)])
         self.assert_takes_events()
 
-    #: Messages that are no JSON object get one line each; strange but valid ones do no harm.
+    #: Messages that are not a JSON object get one line each; strange but valid ones do no
+    #: harm.
     def test_random_bytes_in_valid_events_never_end_the_daemon(self):
         dice = random.Random(4242)
         self.start_with_consent()
@@ -138,7 +141,7 @@ class CaptivePortalTest(WholeProgramTest):
         self.restart(20, 1)
         self.device.send("usage.epg", {"number": 20, **LONG})
         wait_until(lambda: any(event.get("number") == 20 for event in self.cloud.events("usage.epg")),
-                   "the event behind all portals")
+                   "the event after all portals")
 
 
 if __name__ == "__main__":

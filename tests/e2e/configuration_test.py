@@ -24,7 +24,7 @@ class ExpiryTest(WholeProgramTest):
         wait_until(lambda: any(590000 < int(line.rsplit(":", 1)[1]) <= 600000
                                for line in self.device.out_lines()
                                if line.startswith("kivUpload: ScheduleRefreshConfig delay:")),
-                   "the next try behind the rest of 600 s")
+                   "the next try after the rest of 600 s")
         self.device.send("usage.epg", {"number": 2, **LONG})
         self.device.wait_for_stored(1)
         self.device.wait_for_output(TOO_RECENT, 2)
@@ -53,7 +53,7 @@ class AnswerTest(WholeProgramTest):
         self.before = (self.device.folder / "Config").read_bytes()
         self.cloud.misbehave(config=answer)
         self.device.start()
-        wait_until(lambda: self.cloud.requests("tou"), "the request behind the configuration's")
+        wait_until(lambda: self.cloud.requests("tou"), "the request after the configuration's")
         self.device.send("usage.epg", {"number": 1, **LONG})
 
     def assert_configuration_in_force_stays(self):
@@ -80,21 +80,21 @@ class AnswerTest(WholeProgramTest):
         self.wait_for_events(1, "usage.epg")
         self.assert_configuration_in_force_stays()
 
-    #: Answers that are no JSON object change nothing and are reported whole.
+    #: Answers that are not a JSON object change nothing and are reported whole.
     def test_broken_json_is_reported_whole_and_changes_nothing(self):
         self.start_with_old_config("not-json")
         self.device.wait_for_error(
             'kivconfig: Invalid Config JSON object received: {"kiv_tou": tru')
         self.assert_expired_until_next_start()
 
-    #: Answers that are no JSON object change nothing and are reported whole.
+    #: Answers that are not a JSON object change nothing and are reported whole.
     def test_json_that_is_no_object_changes_nothing(self):
         self.start_with_old_config({"action": "answer", "body": '["kiv_tou", true]'})
         self.device.wait_for_error(
             'kivconfig: Invalid Config JSON object received: ["kiv_tou", true]')
         self.assert_expired_until_next_start()
 
-    #: Answers that are no JSON object change nothing and are reported whole.
+    #: Answers that are not a JSON object change nothing and are reported whole.
     def test_page_of_a_captive_portal_changes_nothing(self):
         self.start_with_old_config("server-error")
         self.device.wait_for_error("kivconfig: Invalid Config JSON object received: <html>")

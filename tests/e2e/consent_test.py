@@ -73,7 +73,7 @@ class ConsentTest(WholeProgramTest):
         self.assertEqual(len([event for event in self.device.stored_events()
                               if event["event-type"] == "usage.epg"]), 1)
 
-    #: Without the user's answer no configuration is fetched; malformed answers are no
+    #: Without the user's answer no configuration is fetched; a malformed answer is not an
     #: acceptance.
     def test_no_configuration_is_fetched_without_the_users_answer(self):
         os.unlink(self.device.folder / "current_tou.txt")
@@ -90,7 +90,7 @@ class ConsentTest(WholeProgramTest):
         self.device.write_consent("CUL-TOU 1 TRUE")
         self.start_with_consent()
 
-    #: Without the user's answer no configuration is fetched; malformed answers are no
+    #: Without the user's answer no configuration is fetched; a malformed answer is not an
     #: acceptance.
     def test_malformed_answers_of_the_user_are_no_acceptance(self):
         for text, error in (("", "TOU:TOU file wrong format: "),

@@ -88,7 +88,7 @@ class FullDatabaseTest(WholeProgramTest):
 
 
 class UnusableDatabaseTest(WholeProgramTest):
-    #: A file that is no database is made anew with a new identity.
+    #: A file that is not a database is made anew with a new identity.
     def test_file_that_is_no_database_is_made_anew_with_a_new_identity(self):
         self.start_with_consent()
         tokens = {self.device.db_token()}
@@ -120,7 +120,7 @@ class UnusableDatabaseTest(WholeProgramTest):
         self.assertIn("info", [row[1] for row in self.device.query("PRAGMA table_info(Files)")])
         self.assertEqual(self.device.query("PRAGMA user_version"), [(2,)])
 
-    #: Rows that are no events do not harm the daemon.
+    #: Rows that are not events do not harm the daemon.
     def test_rows_that_are_no_events_do_not_harm_the_daemon(self):
         self.start_with_consent()
         self.device.stop()

@@ -74,7 +74,7 @@ class BacklogTest(WholeProgramTest):
         self.device.wait_for_stored(60)
         self.cloud.misbehave(firehose=None)
         self.restart(2, 1)  # no failure of this run forbids sending
-        # What is left below the least size waits for its age; the start event is behind it.
+        # What is left below the least size waits for its age; the start event comes after it.
         events = self.wait_for_events(57, "usage.epg")
         self.assertEqual([event["channel"] for event in events], list(range(len(events))))
         left = wait_until(lambda: len(self.cloud.events("usage.epg")) + sum(

@@ -73,7 +73,7 @@ class FilesTest(WholeProgramTest):
         self.assertRegex(second, r"\AE2E/oob_")
         self.assertIn(("other", second), objects)
 
-    #: What is no regular file is dropped; junk in the files table stops nothing.
+    #: A file that is not a regular one is dropped; junk in the files table stops nothing.
     def test_what_is_no_regular_file_is_dropped_and_the_next_file_goes(self):
         self.start_with_consent("-v")
         fifo = self.device.folder / "fifo"
@@ -166,7 +166,7 @@ class FilesTest(WholeProgramTest):
         self.device.start()
         self.assertEqual(self.wait_for_objects(1), {(BUCKET, "kiv-test/first"): b"1"})
 
-    #: What is no regular file is dropped; junk in the files table stops nothing.
+    #: A file that is not a regular one is dropped; junk in the files table stops nothing.
     def test_junk_in_the_files_table_does_not_stop_the_pass(self):
         self.start_with_consent()
         self.device.stop()

@@ -147,7 +147,7 @@ class RestartTest(WholeProgramTest):
         self.assertEqual(deliveries(self.cloud), {number: 1 for number in range(5)})
         self.assertEqual(self.cloud.blocks()[0]["standby-count"], 1)
 
-    #: A power cut while a packet is under way loses nothing; behind the answer it repeats
+    #: A power cut while a packet is under way loses nothing; one after the answer repeats
     #: that packet.
     def test_power_cut_while_a_packet_is_under_way_loses_nothing(self):
         self.start_with_consent()
@@ -164,7 +164,7 @@ class RestartTest(WholeProgramTest):
         self.device.wait_for_empty_store()
         self.assertEqual(deliveries(self.cloud), {number: 1 for number in range(5)})
 
-    #: A power cut while a packet is under way loses nothing; behind the answer it repeats
+    #: A power cut while a packet is under way loses nothing; one after the answer repeats
     #: that packet.
     def test_power_cut_behind_the_answer_repeats_at_most_that_packet(self):
         self.start_with_consent()

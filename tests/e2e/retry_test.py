@@ -11,7 +11,7 @@ LONG = {"text": "x" * 100}
 class RetryTest(WholeProgramTest):
     configuration = {"upload_events": {"min-size": 100, "max-delay": 5}}
 
-    #: A failed packet and a failed file are tried again once, behind a minute.
+    #: A failed packet and a failed file are tried again once, after a minute.
     def test_failed_packet_and_file_are_tried_again_once_behind_a_minute(self):
         self.cloud.misbehave(firehose={"action": "server-error", "count": 1},
                              s3={"action": "server-error", "count": 1})

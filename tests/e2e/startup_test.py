@@ -188,7 +188,7 @@ class StartUpTest(WholeProgramTest):
         place = 0
         for step in steps:
             found = [at for at in range(place, len(lines)) if step in lines[at]]
-            self.assertTrue(found, f"not behind the step before it: {step}")
+            self.assertTrue(found, f"not after the step before it: {step}")
             place = found[0] + 1
 
     #: The start event arrives once consent is on record, once.

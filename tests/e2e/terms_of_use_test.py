@@ -19,7 +19,7 @@ class TermsOfUseTest(WholeProgramTest):
         self.restart(boot, 1, "-v")
         self.device.wait_for_output("TOU: tou version=")
         wait_until(lambda: len(self.cloud.requests("tou")) > asked, "the terms-of-use request")
-        self.device.wait_for_output("eventsTimeCheck request")  # behind all of the start-up's work
+        self.device.wait_for_output("eventsTimeCheck request")  # the last step of the start-up
 
     def accepted(self):
         return "CKivApp: TOU accepted in TV       : true" in self.device.out_lines()

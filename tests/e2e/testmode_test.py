@@ -42,16 +42,16 @@ class TestModeTest(WholeProgramTest):
         self.assertEqual(len(self.written()["eventlog"]), 2)
         self.assertEqual(self.cloud.requests("firehose") + self.cloud.requests("s3"), [])
 
-    #: Test-mode content that is no object is replaced; a missing file is a failure and is
-    #: not made.
+    #: Test-mode content that is not an object is replaced; a missing file is a failure and
+    #: is not made.
     def test_content_that_is_no_object_is_replaced(self):
         self.file.write_text("not JSON")
         self.start_with_consent("--testmode", str(self.file))
         self.device.send("usage.epg", {"number": 1, **LONG})
         wait_until(lambda: list(self.written()) == ["eventlog"], "the put")
 
-    #: Test-mode content that is no object is replaced; a missing file is a failure and is
-    #: not made.
+    #: Test-mode content that is not an object is replaced; a missing file is a failure and
+    #: is not made.
     def test_missing_file_is_a_failure_and_is_not_made(self):
         self.start_with_consent("-T", str(self.file))
         self.device.send("usage.epg", {"number": 1, **LONG})

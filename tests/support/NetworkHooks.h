@@ -21,7 +21,7 @@ class NetworkHooks {
     void failPopen();
     /// `curl_easy_setopt` refuses `option` with CURLE_UNKNOWN_OPTION.
     void refuse(CURLoption option);
-    /// `action` runs whenever `option` is set, on the thread that sets it, behind no lock.
+    /// `action` runs whenever `option` is set, on the thread that sets it, without a lock held.
     void whenSet(CURLoption option, std::function<void()> action);
     /// Every IPv4 connection to port `from` of this machine goes to port `to` instead.
     void redirectPort(int from, int to);

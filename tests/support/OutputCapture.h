@@ -12,7 +12,8 @@ class OutputCapture {
     OutputCapture(const OutputCapture&) = delete;
     OutputCapture& operator=(const OutputCapture&) = delete;
 
-    /// Puts the streams back; `out` and `err` then hold the final texts. A second call is nothing.
+    /// Puts the streams back; `out` and `err` then hold the final texts. A second call does
+    /// nothing.
     void stop();
 
     /// The text so far, as written.

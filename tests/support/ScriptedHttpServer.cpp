@@ -1,5 +1,6 @@
 #include "support/ScriptedHttpServer.h"
 
+#include "Descriptor.h"
 #include "support/TempDir.h"
 
 #include <algorithm>
@@ -37,21 +38,6 @@ constexpr size_t kMaxHeaderBytes = 64 * 1024;
 constexpr size_t kMaxBodyBytes = 64 * 1024 * 1024;
 /// How long a connection waits for the client to close its side before it is dropped.
 constexpr int kLingerMs = 2000;
-
-/// Owns one descriptor.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
 
 struct OpenSslFree {
     void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }

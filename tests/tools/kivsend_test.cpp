@@ -476,7 +476,7 @@ TEST_F(KivsendTest, RefusesQueueNamesThatTheSystemCannotHave) {
 
 // ---- Status 2: JSON ------------------------------------------------------------------------
 
-/// Bad JSON, data or a file's description that is no object, and text that is no UTF-8 are
+/// Bad JSON, data or a file's description that is not an object, and text that is not UTF-8 are
 /// status 2, and nothing is sent.
 TEST_F(KivsendTest, ReportsBadData) {
     const Outcome outcome = run({"a", "{\"channel\": 5"});
@@ -485,7 +485,7 @@ TEST_F(KivsendTest, ReportsBadData) {
     EXPECT_THAT(queue.drain(), IsEmpty());
 }
 
-/// Bad JSON, data or a file's description that is no object, and text that is no UTF-8 are
+/// Bad JSON, data or a file's description that is not an object, and text that is not UTF-8 are
 /// status 2, and nothing is sent.
 TEST_F(KivsendTest, ReportsDataThatIsNoObject) {
     for (const char* data : {"5", "[1]", "\"x\"", "null"}) {
@@ -496,7 +496,7 @@ TEST_F(KivsendTest, ReportsDataThatIsNoObject) {
     EXPECT_THAT(queue.drain(), IsEmpty());
 }
 
-/// Bad JSON, data or a file's description that is no object, and text that is no UTF-8 are
+/// Bad JSON, data or a file's description that is not an object, and text that is not UTF-8 are
 /// status 2, and nothing is sent.
 TEST_F(KivsendTest, ReportsBadFileInformation) {
     const Outcome outcome = run({"a", "{}", "--info", "[]"});
@@ -505,7 +505,7 @@ TEST_F(KivsendTest, ReportsBadFileInformation) {
     EXPECT_THAT(queue.drain(), IsEmpty());
 }
 
-/// Bad JSON, data or a file's description that is no object, and text that is no UTF-8 are
+/// Bad JSON, data or a file's description that is not an object, and text that is not UTF-8 are
 /// status 2, and nothing is sent.
 TEST_F(KivsendTest, ReportsTextThatIsNotUtf8) {
     const Outcome type = run({"a\xff"});
@@ -820,7 +820,7 @@ TEST_F(KivsendTest, WaitsFiveSecondsUnlessToldOtherwise) {
     EXPECT_EQ("kivsend: no answer within 5 s\n", outcome.err);
 }
 
-/// The wait for room counts as well; a full queue leaves no semaphore behind.
+/// The time of "--sync" includes the wait for room; a full queue leaves no semaphore in the system.
 TEST_F(KivsendTest, CountsTheWaitForRoomAsWell) {
     queue.fill(10);
     Child child(command({"a", "--sync=0.2"}), "/dev/null");
@@ -832,7 +832,7 @@ TEST_F(KivsendTest, CountsTheWaitForRoomAsWell) {
     EXPECT_EQ(10u, queue.drain().size());
 }
 
-/// The wait for room counts as well; a full queue leaves no semaphore behind.
+/// The time of "--sync" includes the wait for room; a full queue leaves no semaphore in the system.
 TEST_F(KivsendTest, MakesNoSemaphoreForAFullQueueToKeep) {
     queue.fill(10);
     Child child(command({"a", "--sync", "--no-wait"}), "/dev/null");
@@ -884,8 +884,8 @@ TEST_F(KivsendTest, EndsAtTheFirstLineThatIsNotAnswered) {
     EXPECT_EQ(1u, queue.drain().size());
 }
 
-/// A signal that ends the command leaves no semaphore, before or behind the sending; one that
-/// its caller ignores ends nothing.
+/// A signal that ends the command, before or after the event was sent, leaves no semaphore; a
+/// signal that the caller ignores ends nothing.
 TEST_F(KivsendTest, UnlinksTheSemaphoreWhenASignalEndsIt) {
     for (int number : {SIGINT, SIGTERM, SIGHUP}) {
         Child child(command({"a", "--sync=60"}), "/dev/null");
@@ -899,8 +899,8 @@ TEST_F(KivsendTest, UnlinksTheSemaphoreWhenASignalEndsIt) {
     }
 }
 
-/// A signal that ends the command leaves no semaphore, before or behind the sending; one that
-/// its caller ignores ends nothing.
+/// A signal that ends the command, before or after the event was sent, leaves no semaphore; a
+/// signal that the caller ignores ends nothing.
 TEST_F(KivsendTest, UnlinksTheSemaphoreWhenASignalEndsItBeforeTheQueueHasRoom) {
     queue.fill(10);
     for (int number : {SIGINT, SIGTERM}) {
@@ -913,8 +913,8 @@ TEST_F(KivsendTest, UnlinksTheSemaphoreWhenASignalEndsItBeforeTheQueueHasRoom) {
     }
 }
 
-/// A signal that ends the command leaves no semaphore, before or behind the sending; one that
-/// its caller ignores ends nothing.
+/// A signal that ends the command, before or after the event was sent, leaves no semaphore; a
+/// signal that the caller ignores ends nothing.
 TEST_F(KivsendTest, WaitsOnThroughASignalThatItsCallerIgnores) {
     std::string line = "trap '' INT; exec \"$0\" \"$@\"";
     std::vector<std::string> words = command({"a", "--sync=0.4"});

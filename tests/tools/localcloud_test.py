@@ -274,8 +274,8 @@ class CloudTest(unittest.TestCase):
 
 
 class ConfigurationTest(CloudTest):
-    #: The local cloud gives every environment its configuration with credentials under its
-    #: own key.
+    #: The local cloud answers each environment's address with the configuration document,
+    #: whose credentials are encrypted with that environment's storage key.
     def test_GivesEveryEnvironmentItsConfigurationWithCredentialsUnderItsOwnKey(self):
         for name, environment in SERVICES_DOCUMENT["environments"].items():
             answer = self.cloud.config(environment=name)
@@ -299,25 +299,27 @@ class ConfigurationTest(CloudTest):
                                       "SecretAccessKey": keys.secret_key,
                                       "SessionToken": keys.token})
 
-    #: The local cloud takes a fresh initialisation vector every time.
+    #: The local cloud encrypts the credentials of each configuration with a new
+    #: initialisation vector.
     def test_TakesAFreshInitialisationVectorEveryTime(self):
         first, second = (self.cloud.config().json()["credentials"]["iv"] for _ in range(2))
         self.assertEqual((len(first), len(second)), (32, 32))
         self.assertNotEqual(first, second)
 
-    #: The local cloud refuses another environment's API key.
+    #: The local cloud answers 403 "Forbidden" when a device sends the API key of another
+    #: environment.
     def test_RefusesAnotherEnvironmentsApiKey(self):
         key = SERVICES_DOCUMENT["environments"]["dev"]["api-key"]
         for path in ("/prod/config/TV-1", "/prod/tou", "/prod/time"):
             answer = self.cloud.device_get(path, key)
             self.assert_refused(answer, 403, {"message": "Forbidden"})
 
-    #: The local cloud refuses a request without API key.
+    #: The local cloud answers 403 "Forbidden" when a device sends no API key.
     def test_RefusesARequestWithoutApiKey(self):
         answer = self.cloud.request("GET", "/prod/config/TV-1", headers=DEVICE_HEADERS)
         self.assert_refused(answer, 403, {"message": "Forbidden"})
 
-    #: The local cloud refuses each missing device header.
+    #: When a device header is missing the local cloud answers 403 and names the header.
     def test_RefusesEachMissingDeviceHeader(self):
         for path in ("/prod/config/TV-1", "/prod/tou"):
             for name in DEVICE_HEADERS:
@@ -326,7 +328,8 @@ class ConfigurationTest(CloudTest):
                 text = "Invalid request: header " + name
                 self.assert_refused(answer, 403, {"errorMessage": text})
 
-    #: The local cloud refuses misshapen device headers.
+    #: When a device header does not have its documented form the local cloud answers 403
+    #: and names the header.
     def test_RefusesMisshapenDeviceHeaders(self):
         wrong = (
             ("Accept-Language", "en"), ("X-mac", "00-11-22-33-44-55"), ("X-mac", "00:11:22"),
@@ -338,23 +341,26 @@ class ConfigurationTest(CloudTest):
             answer = self.cloud.device_get("/prod/config/TV-1", PROD["api-key"], headers)
             self.assert_refused(answer, 403, {"errorMessage": "Invalid request: header " + name})
 
-    #: The local cloud takes empty values that a device may send.
+    #: The local cloud accepts an empty MAC address and an empty serial number, which a
+    #: device may send.
     def test_TakesEmptyValuesThatADeviceMaySend(self):
         headers = {**DEVICE_HEADERS, "X-mac": "", "X-serial": "", "X-currentTou": "12"}
         answer = self.cloud.device_get("/prod/config/TV-1", PROD["api-key"], headers)
         self.assertEqual(answer.status, 200)
 
-    #: The local cloud refuses an empty device id.
+    #: The local cloud answers 403 when the configuration is asked for without a device
+    #: identifier.
     def test_RefusesAnEmptyDeviceId(self):
         self.assert_refused(self.cloud.config(""), 403, {"errorMessage": "Invalid device id"})
 
-    #: The local cloud refuses another method.
+    #: The local cloud answers 403 to a POST where a device may only GET.
     def test_RefusesAnotherMethod(self):
         headers = {"x-api-key": PROD["api-key"], **DEVICE_HEADERS}
         answer = self.cloud.request("POST", "/prod/config/TV-1", b"{}", headers)
         self.assert_refused(answer, 403, {"message": "Missing Authentication Token"})
 
-    #: The local cloud overrides the document for all devices and for one.
+    #: A test can change members of the configuration for all devices or for one, and take
+    #: the changes back.
     def test_OverridesTheDocumentForAllDevicesAndForOne(self):
         self.cloud.control({"config": {
             "*": {"kiv_tou": False, "upload_events": {"min-size": 7}},
@@ -375,7 +381,7 @@ class ConfigurationTest(CloudTest):
         self.cloud.control({"config": None})
         self.assertEqual(self.cloud.config("TV-2").json()["expiry_tou"], 600)
 
-    #: The local cloud answers the terms of use as told.
+    #: A test can change the version of the terms of use and whether they are mandatory.
     def test_AnswersTheTermsOfUseAsTold(self):
         get = lambda: self.cloud.device_get("/acc/tou", "local-acc-api-key-c05a6d").json()
         url = "https://localhost:%d/terms-of-use/1" % self.cloud.https
@@ -383,7 +389,7 @@ class ConfigurationTest(CloudTest):
         self.cloud.control({"tou": {"version": 2, "mandatory": True}})
         self.assertEqual(get(), {"version": 2, "url": url, "mandatory": True})
 
-    #: The local cloud dates its answers by its clock.
+    #: A test can move the clock of the local cloud; the Date header of its answers follows.
     def test_DatesItsAnswersByItsClock(self):
         def ahead():
             date = http_seconds(self.cloud.time().headers["Date"])
@@ -393,11 +399,13 @@ class ConfigurationTest(CloudTest):
         self.cloud.control({"clock-offset": -86400})
         self.assertAlmostEqual(ahead(), -86400, delta=5)
 
-    #: The local cloud answers the time without device headers.
+    #: The local cloud answers a request for the time that has the API key but no device
+    #: headers.
     def test_AnswersTheTimeWithoutDeviceHeaders(self):
         self.assertEqual(self.cloud.time().status, 200)
 
-    #: The local cloud gives the location over plain HTTP.
+    #: The local cloud answers the request for the place over plain HTTP; a test can change
+    #: the place.
     def test_GivesTheLocationOverPlainHttp(self):
         get = lambda: self.cloud.request("GET", "/json", plain=True).json()
         self.assertEqual(get(), {"ip": "192.0.2.1", "city": "Brussels", "country": "BE",
@@ -406,7 +414,8 @@ class ConfigurationTest(CloudTest):
         self.assertEqual(get()["loc"], "1,2,3")
         self.assertNotIn("city", get())
 
-    #: The local cloud logs what was asked.
+    #: The local cloud writes a line for each request with its target, environment, path,
+    #: headers, answer and time.
     def test_LogsWhatWasAsked(self):
         self.cloud.config("TV-9", "dev")
         line = self.cloud.log()[-1]
@@ -431,7 +440,8 @@ class FirehoseTest(CloudTest):
     def assert_not_kept(self, before):
         self.assertEqual(self.records(), before)
 
-    #: The local cloud keeps records decoded and in order.
+    #: The local cloud keeps each accepted record as a file of its decoded bytes, numbered
+    #: in the order of arrival, and lists it in an index.
     def test_KeepsRecordsDecodedAndInOrder(self):
         before = len(self.records())
         ids = [self.cloud.put_record(b'{"n":%d}\n' % n).json()["RecordId"] for n in range(3)]
@@ -446,7 +456,8 @@ class FirehoseTest(CloudTest):
         self.assertEqual([entry["record-id"] for entry in index][before:], ids)
         self.assertEqual(self.cloud.log()[-1]["verdict"], "accepted")
 
-    #: The local cloud takes a real client's call and tells its errors.
+    #: The AWS client for Python can put a record into the local cloud, and reads its
+    #: refusal as it reads the real service's.
     def test_TakesARealClientsCallAndTellsItsErrors(self):
         client = aws_client(self.cloud, "firehose")
         self.addCleanup(client.close)
@@ -457,7 +468,9 @@ class FirehoseTest(CloudTest):
             client.put_record(DeliveryStreamName="other", Record={"Data": b"x"})
         self.assertEqual(raised.exception.response["Error"]["Code"], "ResourceNotFoundException")
 
-    #: The local cloud refuses tampered requests.
+    #: The local cloud refuses a request that was signed with a wrong secret, names a wrong
+    #: key or token, or was changed after it was signed, with the service's own error, and
+    #: keeps nothing.
     def test_RefusesTamperedRequests(self):
         text = (
             "The request signature we calculated does not match the signature you provided. Check "
@@ -491,7 +504,7 @@ class FirehoseTest(CloudTest):
         )
         self.assert_not_kept(before)
 
-    #: The local cloud refuses a body changed after signing.
+    #: The local cloud refuses a record whose body was changed after it was signed.
     def test_RefusesABodyChangedAfterSigning(self):
         before = self.records()
         body = json.dumps({"DeliveryStreamName": STREAM, "Record": {"Data": "QQ=="}}).encode()
@@ -503,7 +516,8 @@ class FirehoseTest(CloudTest):
         self.assertEqual(self.cloud.request("POST", "/", body, signed).status, 200)
         self.assertEqual(len(self.records()), len(before) + 1)
 
-    #: The local cloud refuses requests without a proper authorization.
+    #: The local cloud refuses a request without an authorization or a date, or with one
+    #: that it cannot read.
     def test_RefusesRequestsWithoutAProperAuthorization(self):
         put = self.cloud.put_record
         self.assert_firehose_error(
@@ -519,7 +533,8 @@ class FirehoseTest(CloudTest):
             put(change={"x-amz-date": "20261399T000000Z"}), "IncompleteSignatureException"
         )
 
-    #: The local cloud refuses another region or service.
+    #: The local cloud refuses a signature that was made for another region or another
+    #: service.
     def test_RefusesAnotherRegionOrService(self):
         put = self.cloud.put_record
         self.assert_firehose_error(
@@ -531,7 +546,7 @@ class FirehoseTest(CloudTest):
             "Credential should be scoped to correct service: 'firehose'. ",
         )
 
-    #: The local cloud refuses a credential scope of another day.
+    #: The local cloud refuses a signature whose scope names another day than its date.
     def test_RefusesACredentialScopeOfAnotherDay(self):
         signed = self.cloud.sign("firehose", "POST", "/", b"{}")
         good = signed["Authorization"].split("/")
@@ -540,7 +555,8 @@ class FirehoseTest(CloudTest):
         self.assert_firehose_error(answer, "InvalidSignatureException")
         self.assertRegex(answer.json()["message"], "^Date in Credential scope does not match ")
 
-    #: The local cloud refuses a date more than fifteen minutes off.
+    #: The local cloud refuses a request dated more than 15 minutes before or after its
+    #: clock.
     def test_RefusesADateMoreThanFifteenMinutesOff(self):
         now = utc_now()
         for minutes, good in ((-16, False), (-14, True), (14, True), (16, False)):
@@ -551,14 +567,16 @@ class FirehoseTest(CloudTest):
                 self.assert_firehose_error(answer, "InvalidSignatureException")
                 self.assertIn("Signature not within 15 min", answer.json()["message"])
 
-    #: The local cloud judges the date of a request by its own clock.
+    #: When a test has moved the clock of the local cloud, the dates of requests are judged
+    #: by that clock.
     def test_JudgesTheDateByItsOwnClock(self):
         self.cloud.control({"clock-offset": 7200})
         self.assert_firehose_error(self.cloud.put_record(), "InvalidSignatureException")
         later = utc_now() + datetime.timedelta(hours=2)
         self.assertEqual(self.cloud.put_record(at=later).status, 200)
 
-    #: The local cloud refuses an x-amz header that is not signed.
+    #: The local cloud refuses a request with an "x-amz-" header that its signature does not
+    #: cover.
     def test_RefusesAnAmzHeaderThatIsNotSigned(self):
         body = b"{}"
         headers = {"content-type": "application/x-amz-json-1.1"}
@@ -569,7 +587,8 @@ class FirehoseTest(CloudTest):
             "'x-amz-target' must be a 'SignedHeader' in the AWS Authorization.",
         )
 
-    #: The local cloud refuses another operation or content type.
+    #: The local cloud refuses any operation of the stream service but PutRecord, and any
+    #: other content type.
     def test_RefusesAnotherOperationOrContentType(self):
         put = self.cloud.put_record
         for headers in ({"x-amz-target": "Firehose_20150804.PutRecordBatch"},
@@ -578,7 +597,8 @@ class FirehoseTest(CloudTest):
         answer = self.cloud.request("GET", "/")
         self.assert_firehose_error(answer, "UnknownOperationException")
 
-    #: The local cloud refuses an unknown stream until it is named.
+    #: The local cloud refuses a record for an unknown stream until a test or a
+    #: configuration names the stream.
     def test_RefusesAnUnknownStreamUntilItIsNamed(self):
         answer = self.cloud.put_record(stream="second")
         self.assert_firehose_error(
@@ -592,7 +612,8 @@ class FirehoseTest(CloudTest):
         self.assertEqual(self.cloud.put_record(stream="second").status, 400)
         self.assertEqual(self.records("third"), ["000001.json"])
 
-    #: The local cloud takes a record of one thousand KiB and no more.
+    #: The local cloud accepts a record of 1000 KiB and refuses a larger one, as the real
+    #: service does.
     def test_TakesARecordOfOneThousandKibAndNoMore(self):
         self.assertEqual(self.cloud.put_record(b"x" * 1024000).status, 200)
         before = self.records()
@@ -600,7 +621,8 @@ class FirehoseTest(CloudTest):
         self.assert_firehose_error(answer, "ValidationException")
         self.assert_not_kept(before)
 
-    #: The local cloud refuses bad documents.
+    #: The local cloud refuses a PutRecord document that is broken, lacks a member or has
+    #: one of a wrong type.
     def test_RefusesBadDocuments(self):
         stream = '"DeliveryStreamName": "%s"' % STREAM
         for body, name in (
@@ -612,7 +634,8 @@ class FirehoseTest(CloudTest):
         ):
             self.assert_firehose_error(self.cloud.put_record(body=body.encode()), name)
 
-    #: The local cloud knows the credentials it was told.
+    #: A test can change the credentials: the new ones are in the next configuration, and
+    #: the old ones are refused.
     def test_KnowsTheCredentialsItWasTold(self):
         old = self.cloud.keys()
         self.cloud.control({"credentials": {"access-key-id": "AKIANEW", "session-token": ""}})
@@ -624,7 +647,8 @@ class FirehoseTest(CloudTest):
         key = decrypt(PROD["storage-key"], sealed["iv"], sealed["AccessKeyId"])
         self.assertEqual((key, sealed["SessionToken"]), ("AKIANEW", ""))
 
-    #: The local cloud refuses expired credentials.
+    #: When a test declares the credentials expired the local cloud refuses them with the
+    #: service's own error.
     def test_RefusesExpiredCredentials(self):
         self.cloud.control({"credentials": {"expired": True}})
         self.assert_firehose_error(
@@ -654,7 +678,8 @@ def aws_client(cloud, service):
 
 
 class ObjectTest(CloudTest):
-    #: The local cloud keeps an object and gives it back.
+    #: The local cloud keeps an uploaded object as a file, lists it in an index with key,
+    #: type and size, and gives it back.
     def test_KeepsAnObjectAndGivesItBack(self):
         path = "/norvane-ddump/kiv-test/dir/a%20file%2B1.txt"
         body = bytes(range(256))
@@ -673,13 +698,14 @@ class ObjectTest(CloudTest):
             self.assertEqual((answer.status, answer.body), (200, body))
             self.assertEqual(answer.headers["Content-Type"], "text/plain")
 
-    #: The local cloud keeps an empty object.
+    #: The local cloud keeps an object of no bytes and gives it back.
     def test_KeepsAnEmptyObject(self):
         self.assertEqual(self.cloud.put_object("/norvane-ddump/empty", b"").status, 200)
         self.assertEqual(self.read("objects", "norvane-ddump", "empty"), b"")
         self.assertEqual(self.cloud.get_object("/norvane-ddump/empty").body, b"")
 
-    #: The local cloud takes a real client's calls and tells its errors.
+    #: The AWS client for Python can put and get objects of the local cloud, and reads its
+    #: refusals as it reads the real service's.
     def test_TakesARealClientsCallsAndTellsItsErrors(self):
         client = aws_client(self.cloud, "s3")
         self.addCleanup(client.close)
@@ -693,7 +719,8 @@ class ObjectTest(CloudTest):
             client.put_object(Bucket="nowhere", Key="k", Body=b"x")
         self.assertEqual(raised.exception.response["Error"]["Code"], "NoSuchBucket")
 
-    #: The local cloud asks for the body before it is sent.
+    #: When an upload says "Expect: 100-continue" the local cloud asks for the body before
+    #: it is sent.
     def test_AsksForTheBodyBeforeItIsSent(self):
         path, body = "/norvane-ddump/expect", b"late body"
         headers = {"content-type": "text/plain", "content-md5": md5(body)}
@@ -708,7 +735,9 @@ class ObjectTest(CloudTest):
             self.assertTrue(connection.recv(1000).startswith(b"HTTP/1.1 200 OK\r\n"))
         self.assertEqual(self.read("objects", "norvane-ddump", "expect"), body)
 
-    #: The local cloud refuses tampered requests.
+    #: The local cloud refuses a request that was signed with a wrong secret, names a wrong
+    #: key or token, or was changed after it was signed, with the service's own error, and
+    #: keeps nothing.
     def test_RefusesTamperedRequests(self):
         keys, path = self.cloud.keys(), "/norvane-ddump/tampered"
         put = lambda **options: self.cloud.put_object(path, b"body", **options)
@@ -729,13 +758,14 @@ class ObjectTest(CloudTest):
         self.assert_s3_error(put(change={"x-amz-date": None}), 403, "AccessDenied")
         self.assert_s3_error(self.cloud.get_object(path), 404, "NoSuchKey", Key="tampered")
 
-    #: The local cloud refuses a signature of another path.
+    #: The local cloud refuses a request whose signature was made for another path.
     def test_RefusesASignatureOfAnotherPath(self):
         signed = self.cloud.sign("s3", "GET", "/norvane-ddump/a")
         answer = self.cloud.request("GET", "/norvane-ddump/b", headers=signed)
         self.assert_s3_error(answer, 403, "SignatureDoesNotMatch")
 
-    #: The local cloud refuses another region, service or time.
+    #: The local cloud refuses an upload that was signed for another region or service, or
+    #: is dated 16 minutes ago.
     def test_RefusesAnotherRegionServiceOrTime(self):
         put = lambda **options: self.cloud.put_object("/norvane-ddump/scope", b"", **options)
         self.assert_s3_error(put(region="us-east-1"), 400, "AuthorizationHeaderMalformed",
@@ -746,12 +776,14 @@ class ObjectTest(CloudTest):
                              MaxAllowedSkewMilliseconds="900000",
                              RequestTime=late.strftime("%Y%m%dT%H%M%SZ"))
 
-    #: The local cloud refuses expired credentials.
+    #: When a test declares the credentials expired the local cloud refuses them with the
+    #: service's own error.
     def test_RefusesExpiredCredentials(self):
         self.cloud.control({"credentials": {"expired": True}})
         self.assert_s3_error(self.cloud.put_object("/norvane-ddump/e", b""), 400, "ExpiredToken")
 
-    #: The local cloud checks the digests of an object's body.
+    #: The local cloud refuses an object whose body does not have the MD5 or SHA-256 digest
+    #: that the headers name.
     def test_ChecksTheDigestsOfTheBody(self):
         put = self.cloud.put_object
         path = "/norvane-ddump/digest"
@@ -774,7 +806,8 @@ class ObjectTest(CloudTest):
         )
         self.assertEqual(self.cloud.request("PUT", path, body, signed).status, 200)
 
-    #: The local cloud refuses an unknown bucket until it is named.
+    #: The local cloud refuses an object for an unknown bucket until a test or a
+    #: configuration names the bucket.
     def test_RefusesAnUnknownBucketUntilItIsNamed(self):
         put = lambda bucket: self.cloud.put_object("/%s/k" % bucket, b"x")
         self.assert_s3_error(put("second"), 404, "NoSuchBucket", BucketName="second")
@@ -782,7 +815,8 @@ class ObjectTest(CloudTest):
         self.assertEqual((put("second").status, put("third").status), (200, 200))
         self.assert_s3_error(put("fourth"), 404, "NoSuchBucket")
 
-    #: The local cloud keeps hostile keys inside its directory.
+    #: An object whose key has "..", empty parts or other awkward characters is kept inside
+    #: the state directory and given back.
     def test_KeepsHostileKeysInsideItsDirectory(self):
         for path in ("/norvane-ddump/../../../escape", "/norvane-ddump/%2e%2e/%2E%2e/escape",
                      "/norvane-ddump//abs/escape", "/norvane-ddump/" + "n" * 300,
@@ -795,7 +829,7 @@ class ObjectTest(CloudTest):
         self.assertNotIn("escape", os.listdir(self.cloud.state))
         self.assertNotIn("escape", os.listdir(os.path.join(self.cloud.state, "objects")))
 
-    #: The local cloud keeps its index from a bucket of the same name.
+    #: A bucket that is named like the index of the objects does not overwrite the index.
     def test_KeepsItsIndexFromABucketOfTheSameName(self):
         self.cloud.control({"buckets": ["index.jsonl"]})
         self.assertEqual(self.cloud.put_object("/index.jsonl/k", b"x").status, 200)
@@ -803,7 +837,7 @@ class ObjectTest(CloudTest):
         entry = json.loads(self.read("objects", "index.jsonl").splitlines()[-1])
         self.assertEqual(entry["file"], "index%2Ejsonl/k")
 
-    #: The local cloud keeps a key beside keys below it.
+    #: The local cloud keeps an object whose key is the beginning of another object's path.
     def test_KeepsAKeyBesideKeysBelowIt(self):
         for first, second in (("/norvane-ddump/p", "/norvane-ddump/p/q"),
                               ("/norvane-ddump/r/s", "/norvane-ddump/r")):
@@ -812,7 +846,8 @@ class ObjectTest(CloudTest):
             self.assertEqual(self.cloud.get_object(first).body, b"first")
             self.assertEqual(self.cloud.get_object(second).body, b"second")
 
-    #: The local cloud refuses a long key and other methods.
+    #: The local cloud refuses an object key of more than 1024 bytes, and methods other than
+    #: PUT and GET.
     def test_RefusesALongKeyAndOtherMethods(self):
         answer = self.cloud.put_object("/norvane-ddump/" + "k" * 1025, b"")
         self.assert_s3_error(answer, 400, "KeyTooLongError")
@@ -867,7 +902,8 @@ class MisbehaviourTest(CloudTest):
             "s3": lambda: self.cloud.put_object("/norvane-ddump/misbehaviour", b"x"),
         }
 
-    #: The local cloud refuses in the words of each service.
+    #: Told to refuse, the local cloud answers each target with the refusal of the service
+    #: it stands for, and keeps nothing.
     def test_RefusesInTheWordsOfEachService(self):
         before = self.records()
         for target, request in self.requests().items():
@@ -883,7 +919,7 @@ class MisbehaviourTest(CloudTest):
                 self.assertEqual((answer.status, answer.json()), (403, {"message": "Forbidden"}))
         self.assertEqual(self.records(), before)
 
-    #: The local cloud refuses as told.
+    #: A test can choose the code, the status and the message of a refusal.
     def test_RefusesAsTold(self):
         told = {"action": "refuse", "code": "SlowDown", "status": 503, "message": "a < b"}
         self.cloud.control({"misbehave": {"firehose": told, "s3": told}})
@@ -893,7 +929,7 @@ class MisbehaviourTest(CloudTest):
         answer = self.cloud.put_object("/norvane-ddump/k", b"")
         self.assertEqual((answer.status, answer.xml()["Message"]), (503, "a < b"))
 
-    #: The local cloud answers server errors with HTML on every target.
+    #: Told to fail, the local cloud answers any target with status 500 and an HTML page.
     def test_AnswersServerErrorsWithHtmlOnEveryTarget(self):
         for target, request in self.requests().items():
             self.cloud.misbehave(target, action="server-error", count=1)
@@ -902,13 +938,15 @@ class MisbehaviourTest(CloudTest):
             self.assertIn(b"<html>", answer.body)
             self.assertEqual(request().status, 200)
 
-    #: The local cloud counts requests and goes on with the next action.
+    #: A misbehaviour with a count holds for that many requests; then the next one of the
+    #: list begins, and at the end all is well.
     def test_CountsRequestsAndGoesOnWithTheNextAction(self):
         self.cloud.control({"misbehave": {"time": [
             {"action": "server-error", "count": 2}, {"action": "refuse", "count": 1}]}})
         self.assertEqual([self.cloud.time().status for _ in range(4)], [500, 500, 403, 200])
 
-    #: A misbehaviour of the local cloud lasts until told otherwise.
+    #: A misbehaviour without a count lasts until a test takes it back, for one target or
+    #: for all.
     def test_LastsUntilToldOtherwise(self):
         self.cloud.misbehave("time", action="refuse")
         self.cloud.misbehave("tou", action="refuse")
@@ -919,20 +957,22 @@ class MisbehaviourTest(CloudTest):
         self.cloud.control({"misbehave": None})
         self.assertEqual(self.requests()["tou"]().status, 200)
 
-    #: The local cloud sends an error answer.
+    #: Told so, the local cloud answers 200 with a JSON document that has only an error
+    #: message.
     def test_SendsAnErrorAnswer(self):
         self.cloud.misbehave("config", action="error-answer", message="no such device")
         answer = self.cloud.config()
         self.assertEqual((answer.status, answer.json()), (200, {"errorMessage": "no such device"}))
 
-    #: The local cloud sends an expired configuration.
+    #: Told so, the local cloud sends a configuration that has expired when it arrives.
     def test_SendsAnExpiredConfiguration(self):
         self.cloud.misbehave("config", action="expired", count=1)
         document = self.cloud.config().json()
         self.assertEqual((document["expiry_tou"], document["version"]), (0, "1.0"))
         self.assertEqual(self.cloud.config().json()["expiry_tou"], 600)
 
-    #: The local cloud sends a configuration that is not JSON.
+    #: Told so, the local cloud sends broken JSON, or any other text, in the place of a
+    #: configuration.
     def test_SendsAConfigurationThatIsNotJson(self):
         self.cloud.misbehave("config", action="not-json", count=1)
         with self.assertRaises(ValueError):
@@ -940,7 +980,7 @@ class MisbehaviourTest(CloudTest):
         self.cloud.misbehave("config", action="not-json", body="hello")
         self.assertEqual(self.cloud.config().body, b"hello")
 
-    #: The local cloud sends any answer.
+    #: A test can give the whole answer: status, body and content type.
     def test_SendsAnyAnswer(self):
         told = {"action": "answer", "status": 302, "body": "[]", "content-type": "text/plain"}
         self.cloud.control({"misbehave": {"config": told}})
@@ -948,7 +988,8 @@ class MisbehaviourTest(CloudTest):
         self.assertEqual((answer.status, answer.body), (302, b"[]"))
         self.assertEqual(answer.headers["Content-Type"], "text/plain")
 
-    #: The local cloud sends a body above one mebibyte with and without length.
+    #: Told so, the local cloud sends a body above 1 MiB, with its length in the headers or
+    #: in chunks without it.
     def test_SendsABodyAboveOneMebibyteWithAndWithoutLength(self):
         self.cloud.misbehave("config", action="huge")
         answer = self.cloud.config()
@@ -960,13 +1001,13 @@ class MisbehaviourTest(CloudTest):
         self.assertIsNone(answer.headers["Content-Length"])
         self.assertEqual(answer.headers["Transfer-Encoding"], "chunked")
 
-    #: The local cloud sends headers above 64 kibibytes.
+    #: Told so, the local cloud sends more than 64 KiB of headers.
     def test_SendsHeadersAbove64Kibibytes(self):
         self.cloud.misbehave("time", action="huge", part="headers")
         received = self.raw(limit=70000)
         self.assertNotIn(b"\r\n\r\n", received[: 64 * 1024])
 
-    #: The local cloud sends a wrong date or none.
+    #: A test can have the Date header of an answer wrong, unreadable or left out.
     def test_SendsAWrongDateOrNone(self):
         self.cloud.misbehave("time", action="date", value="yesterday", count=1)
         self.assertEqual(self.cloud.time().headers["Date"], "yesterday")
@@ -978,7 +1019,8 @@ class MisbehaviourTest(CloudTest):
         date = http_seconds(self.cloud.time().headers["Date"])
         self.assertAlmostEqual(date - time.time(), 0, delta=5)
 
-    #: The local cloud hangs until told otherwise.
+    #: Told to hang, the local cloud does not answer that request until a test ends it;
+    #: other requests are answered.
     def test_HangsUntilToldOtherwise(self):
         self.cloud.misbehave("time", action="hang", count=1)
         with self.cloud.connect() as connection:
@@ -996,7 +1038,8 @@ class MisbehaviourTest(CloudTest):
             except ssl.SSLEOFError:
                 pass  # the other way in which the end of a TLS stream shows
 
-    #: The local cloud hangs in the middle of an answer.
+    #: Told to hang after some bytes, the local cloud sends that much of the body and then
+    #: nothing more.
     def test_HangsInTheMiddleOfAnAnswer(self):
         self.cloud.misbehave("time", action="hang", after=5, count=1)
         with self.cloud.connect() as connection:
@@ -1011,7 +1054,7 @@ class MisbehaviourTest(CloudTest):
                     received += piece
         self.assertEqual(received.partition(b"\r\n\r\n")[2], b'{"env')
 
-    #: The local cloud drips the body.
+    #: Told to drip, the local cloud sends the body byte by byte with a pause between.
     def test_DripsTheBody(self):
         self.cloud.misbehave("time", action="drip", delay=0.02)
         start = time.monotonic()
@@ -1020,7 +1063,8 @@ class MisbehaviourTest(CloudTest):
         self.assertEqual(answer.json(), {"environment": "prod"})
         self.assertGreater(taken, 0.02 * (len(answer.body) - 1))
 
-    #: The local cloud cuts the answer off.
+    #: Told to cut, the local cloud closes the connection within the body, although the
+    #: headers announced all of it.
     def test_CutsTheAnswerOff(self):
         self.cloud.misbehave("time", action="cut", count=1)
         received = self.raw()
@@ -1030,14 +1074,16 @@ class MisbehaviourTest(CloudTest):
         self.cloud.misbehave("time", action="cut", after=0, count=1)
         self.assertEqual(self.raw().partition(b"\r\n\r\n")[2], b"")
 
-    #: The local cloud cuts the head where there is no body.
+    #: Told to cut an answer without a body, the local cloud closes the connection within
+    #: its headers; the request has taken effect.
     def test_CutsTheHeadWhereThereIsNoBody(self):
         self.cloud.misbehave("s3", action="cut", after=8, count=1)
         with self.assertRaises(http.client.BadStatusLine):
             self.cloud.put_object("/norvane-ddump/cut", b"kept")
         self.assertEqual(self.read("objects", "norvane-ddump", "cut"), b"kept")
 
-    #: The local cloud resets the connection.
+    #: Told to reset, the local cloud ends the connection with a TCP reset and no answer; a
+    #: cut answer ends in an orderly way.
     def test_ResetsTheConnection(self):
         self.cloud.misbehave("time", action="reset", count=1)
         self.assertTrue(self.ends_with_reset())
@@ -1045,7 +1091,7 @@ class MisbehaviourTest(CloudTest):
         self.cloud.misbehave("time", action="cut", count=1)
         self.assertFalse(self.ends_with_reset())
 
-    #: The local cloud resets plain connections too.
+    #: Told to reset, the local cloud resets connections of plain HTTP too.
     def test_ResetsPlainConnectionsToo(self):
         self.cloud.misbehave("geo", action="reset", count=1)
         with socket.create_connection(("127.0.0.1", self.cloud.http), timeout=5) as connection:
@@ -1053,7 +1099,8 @@ class MisbehaviourTest(CloudTest):
             with self.assertRaises(ConnectionResetError):
                 connection.recv(1)
 
-    #: The local cloud keeps a record whose answer is lost only when told.
+    #: A record whose connection is reset is kept only where the test says that it was
+    #: processed.
     def test_KeepsARecordWhoseAnswerIsLostOnlyWhenTold(self):
         before = len(self.records())
         self.cloud.misbehave("firehose", action="reset", count=1)
@@ -1065,7 +1112,8 @@ class MisbehaviourTest(CloudTest):
             self.cloud.put_record()
         self.assertEqual(len(self.records()), before + 1)
 
-    #: The local cloud shows other certificates.
+    #: Told so, the local cloud shows a certificate of an unknown CA, an expired one or one
+    #: of another host, which clients refuse.
     def test_ShowsOtherCertificates(self):
         texts = {"untrusted": "unable to get local issuer certificate",
                  "expired": "certificate has expired", "other-host": "Hostname mismatch"}
@@ -1075,7 +1123,7 @@ class MisbehaviourTest(CloudTest):
                 self.cloud.time()
             self.assertEqual(self.cloud.time().status, 200)
 
-    #: The local cloud logs a handshake that the client breaks off.
+    #: A TLS handshake that the client breaks off gets a line in the log.
     def test_LogsAHandshakeThatTheClientBreaksOff(self):
         self.cloud.misbehave("https", action="certificate", count=1)
         with self.assertRaises(ssl.SSLCertVerificationError):
@@ -1088,7 +1136,8 @@ class MisbehaviourTest(CloudTest):
         self.assertEqual(told()[-1]["target"], "https")
         self.assertRegex(told()[-1]["verdict"], "^handshake failed: ")
 
-    #: The local cloud resets or hangs before the handshake.
+    #: Told so, the local cloud resets a connection, or lets it hang, before the TLS
+    #: handshake.
     def test_ResetsOrHangsBeforeTheHandshake(self):
         self.cloud.misbehave("https", action="reset", count=1)
         with self.assertRaises((ConnectionResetError, ssl.SSLEOFError)):
@@ -1105,7 +1154,7 @@ class ControlTest(CloudTest):
         self.assertEqual(answer.status, 400)
         return answer.json()["error"]
 
-    #: The local cloud tells what holds.
+    #: The control interface tells which changes and misbehaviours hold, and clears them.
     def test_TellsWhatHolds(self):
         told = {"misbehave": {"geo": [{"action": "refuse", "count": 3}]},
                 "config": {"TV": {"kiv_tou": False}}, "tou": {"version": 5}, "geo": {"ip": "x"},
@@ -1119,7 +1168,7 @@ class ControlTest(CloudTest):
         state = self.cloud.control({"clear": True})
         self.assertEqual((state["misbehave"], state["config"], state["clock-offset"]), ({}, {}, 0))
 
-    #: The local cloud counts what arrived.
+    #: The control interface tells how many requests, records and objects have arrived.
     def test_CountsWhatArrived(self):
         before = self.cloud.control({})["counts"]
         self.cloud.put_record()
@@ -1129,7 +1178,8 @@ class ControlTest(CloudTest):
         self.assertEqual(after["records"][STREAM], before["records"].get(STREAM, 0) + 1)
         self.assertEqual(after["objects"], before["objects"] + 1)
 
-    #: The local cloud refuses mistakes and then changes nothing.
+    #: A control document with a mistake is refused with a text that names the mistake, and
+    #: nothing of it takes effect.
     def test_RefusesMistakesAndThenChangesNothing(self):
         before = self.cloud.control({})
         for document, words in (
@@ -1160,16 +1210,18 @@ class ControlTest(CloudTest):
         self.refused(b"[" * 100000)
         self.assertEqual(self.cloud.control({}), before)
 
-    #: The local cloud answers other paths with 404.
+    #: The plain HTTP port of the local cloud answers a path that it does not know with 404.
     def test_AnswersOtherPathsWith404(self):
         for method, path in (("GET", "/control"), ("GET", "/control/x"), ("GET", "/other")):
             self.assertEqual(self.cloud.request(method, path, plain=True).status, 404)
 
-    #: The control interface of the local cloud is not on the HTTPS port.
+    #: The control interface cannot be reached through the HTTPS port, which the daemon
+    #: uses.
     def test_IsNotOnTheHttpsPort(self):
         self.assertNotEqual(self.cloud.request("POST", "/control", b"{}").status, 200)
 
-    #: The local cloud refuses bodies it cannot measure.
+    #: The local cloud refuses a request whose body has an unreadable, too large or missing
+    #: length, and closes the connection.
     def test_RefusesBodiesItCannotMeasure(self):
         for headers, status in (({"Content-Length": "x"}, 400), ({"Content-Length": "-1"}, 400),
                                 ({"Content-Length": "9" * 20}, 413),
@@ -1178,7 +1230,7 @@ class ControlTest(CloudTest):
             self.assertEqual(answer.status, status)
             self.assertEqual(answer.headers["Connection"], "close")
 
-    #: The local cloud keeps a connection open for the next request.
+    #: The local cloud answers several requests on one connection.
     def test_KeepsAConnectionOpenForTheNextRequest(self):
         connection = http.client.HTTPConnection("127.0.0.1", self.cloud.http, timeout=5)
         connection.connect()
@@ -1204,7 +1256,8 @@ class ProcessTest(unittest.TestCase):
         self.addCleanup(lambda: cloud.process.poll() is None and cloud.stop())
         return cloud
 
-    #: The local cloud finds its state again and ends on a term signal.
+    #: The local cloud ends with status 0 on SIGTERM; started again on the same directory it
+    #: has its CA, records, objects and log.
     def test_FindsItsStateAgainAndEndsOnATermSignal(self):
         first = self.start()
         self.assertRegex(first.ready_line, r"^ready https=\d+ http=\d+ "
@@ -1221,7 +1274,7 @@ class ProcessTest(unittest.TestCase):
         self.assertEqual(sorted(os.listdir(records)), ["000001.json", "000002.json", "index.jsonl"])
         self.assertEqual([line["number"] for line in second.log()], [1, 2, 3, 4])
 
-    #: The local cloud follows a scenario from the start.
+    #: The local cloud follows the scenario of its command line from the first request on.
     def test_FollowsAScenarioFromTheStart(self):
         path = os.path.join(self.directory, "scenario.json")
         with open(path, "w", encoding="utf-8") as file:
@@ -1229,14 +1282,15 @@ class ProcessTest(unittest.TestCase):
         cloud = self.start("--scenario", path)
         self.assertEqual([cloud.time().status, cloud.time().status], [403, 200])
 
-    #: The local cloud has its CA in a hashed directory.
+    #: The local cloud's certificate is trusted through the directory of its CA as well as
+    #: through the CA file.
     def test_HasItsCaInAHashedDirectory(self):
         cloud = self.start()
         context = ssl.create_default_context(capath=os.path.dirname(cloud.values["ca"]))
         cloud.trust = context
         self.assertEqual(cloud.time().status, 200)
 
-    #: The local cloud listens on loopback only.
+    #: The local cloud listens on 127.0.0.1 only.
     def test_ListensOnLoopbackOnly(self):
         cloud = self.start()
         with open("/proc/net/tcp", encoding="ascii") as file:
@@ -1249,7 +1303,8 @@ class ProcessTest(unittest.TestCase):
         command = [LOCALCLOUD, "--state", self.state, *options]
         return subprocess.run(command, capture_output=True, text=True, timeout=20)
 
-    #: The local cloud says what is wrong when it cannot start.
+    #: With a bad scenario or services file the local cloud ends with status 1 and says what
+    #: is wrong.
     def test_SaysWhatIsWrongWhenItCannotStart(self):
         bad = os.path.join(self.directory, "bad.json")
         for content, option, words in (
@@ -1264,7 +1319,7 @@ class ProcessTest(unittest.TestCase):
             self.assertIn(words, ended.stderr)
             self.assertNotIn("Traceback", ended.stderr)
 
-    #: The local cloud says when a port is taken.
+    #: When its port is taken the local cloud ends with status 1 and says so.
     def test_SaysWhenAPortIsTaken(self):
         with socket.create_server(("127.0.0.1", 0)) as taken:
             port = str(taken.getsockname()[1])
@@ -1338,7 +1393,8 @@ class ScramblerTest(unittest.TestCase):
             self.assertEqual(len(vector), 2 * len(value))
             self.assertEqual(unscramble(vector), value)
 
-    #: The scrambler shuffles the characters.
+    #: The scrambler mixes up the order of a value's characters, in each environment and for each
+    #: member in another way.
     def test_ShufflesTheCharacters(self):
         value = bytes(range(40, 104))
         sums, total = [], 0
@@ -1349,7 +1405,8 @@ class ScramblerTest(unittest.TestCase):
         first, second = (self.scrambler.scramble(value, salt) for salt in (b"1", b"2"))
         self.assertNotEqual(first, second)
 
-    #: The scrambler refuses more than 256 characters.
+    #: The scrambler refuses a value of more than 256 characters, for which its tables have
+    #: no place.
     def test_RefusesMoreThan256Characters(self):
         with self.assertRaises(self.scrambler.ServicesError):
             self.scrambler.scramble(b"x" * 257)
@@ -1373,7 +1430,8 @@ class ScramblerTest(unittest.TestCase):
             for value in environment.values():
                 self.assertNotIn(value, self.written())
 
-    #: The scrambler writes the plain constants.
+    #: The scrambler writes the values that need no hiding as C++ constants, with awkward
+    #: characters escaped.
     def test_WritesThePlainConstants(self):
         self.document["fallback-location"].update({"lat": -5, "city": 'a"\\?é1'})
         self.assertEqual(self.run_tool().returncode, 0)
@@ -1391,7 +1449,8 @@ class ScramblerTest(unittest.TestCase):
         ):
             self.assertIn(line + "\n", self.written())
 
-    #: The scrambler gives the same text for the same values and then leaves the file alone.
+    #: The scrambler leaves its file alone when no value has changed, so that nothing is
+    #: built again.
     def test_GivesTheSameTextForTheSameValuesAndThenLeavesTheFileAlone(self):
         self.run_tool()
         first = self.written()
@@ -1411,7 +1470,8 @@ class ScramblerTest(unittest.TestCase):
         self.assertNotIn("Traceback", ended.stderr)
         self.assertFalse(os.path.exists(self.target))
 
-    #: The scrambler says which member is missing or wrong.
+    #: When the services file lacks a member, or has a wrong one, the scrambler names it and
+    #: writes nothing.
     def test_SaysWhichMemberIsMissingOrWrong(self):
         def prod(name, value):
             return lambda document: document["environments"]["prod"].update({name: value})
@@ -1449,7 +1509,7 @@ class ScramblerTest(unittest.TestCase):
             change(self.document)
             self.assert_error(words)
 
-    #: The scrambler takes any bytes as storage key.
+    #: A storage key may have any bytes, zero included.
     def test_TakesAnyBytesAsStorageKey(self):
         key = "".join(map(chr, [0, 255, 128, 37])) * 4
         self.document["environments"]["dev"]["storage-key"] = key
@@ -1457,7 +1517,8 @@ class ScramblerTest(unittest.TestCase):
         table = parsed_tables(self.written())["kStorageKeyTable"]
         self.assertEqual(table[1], key.encode("latin-1"))
 
-    #: The scrambler says that a file is missing or no JSON.
+    #: The scrambler ends with status 1 and says so when its file is missing or is not a
+    #: JSON object, and with its usage when it is not told which file.
     def test_SaysThatAFileIsMissingOrNoJson(self):
         command = [SCRAMBLER, "/nonexistent", self.target]
         ended = subprocess.run(command, capture_output=True, text=True)

@@ -114,8 +114,8 @@ def wait_until(condition, what):
 class InstalledTest(unittest.TestCase):
     """One life of a package; the steps need each other."""
 
-    #: The installed daemon starts, takes an event, stops, and its package leaves nothing
-    #: behind.
+    #: The package starts the daemon when it is installed, the daemon takes an event and
+    #: stops when told, and after a purge nothing of the package is left on the machine.
     def test_package_installs_starts_takes_an_event_stops_and_leaves_nothing(self):
         before = everything()
         deb = str(next(SHARED.glob("*.deb")))
@@ -195,7 +195,8 @@ class PackagesTest(unittest.TestCase):
         import harness
         harness.Device(self.folder / "set", types.SimpleNamespace(ca="")).write_config(kiv_tou=True)
 
-    #: The package of this machine installs, runs and goes without a trace.
+    #: The package for this machine holds the listed files and passes that life on a copy of
+    #: the machine's root.
     def test_native_package_lives_and_goes_without_a_trace(self):
         deb = self.make_package()
         files = contents(deb)
@@ -218,7 +219,7 @@ class ArmPackageTest(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
 
-    #: The ARM package holds what a set needs, for a set.
+    #: The ARM package holds the same files, built for 32-bit ARM.
     def test_arm_package_is_for_the_set(self):
         debs = sorted((ROOT / "build/arm/packages").glob("*_armhf.deb"))
         self.assertTrue(debs, "no ARM package: ./build-arm --package makes it")

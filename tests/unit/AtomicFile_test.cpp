@@ -223,7 +223,7 @@ TEST(AtomicFile, TakesANameWithoutADirectory) {
     EXPECT_EQ(namesIn(dir.path()), Names{"config"});
 }
 
-/// What a power cut left behind is cleared.
+/// The temporary file that a power cut left is removed.
 TEST(AtomicFile, ClearsWhatAPowerCutLeft) {
     const TempDir dir;
     dir.write("config", "old");

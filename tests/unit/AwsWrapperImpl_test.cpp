@@ -69,7 +69,7 @@ class AwsWrapperImplTest : public UploadSetup {
         return path;
     }
 
-    /// What the process has left behind: children that were not waited for.
+    /// What the process has left over: children that were not waited for.
     static bool hasChildren() { return ::waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD; }
 
     /// A child of this process that ends as `end` says.
@@ -701,7 +701,7 @@ TEST_F(AwsWrapperImplTest, StoresNothingForARecordOfTwoBlocksInTestMode) {
     EXPECT_EQ(TempDir::readFile(path), R"({"eventlog": []})");
 }
 
-/// A test file that is no object, or a list that is no array, is replaced.
+/// A test file that is not an object, or a list that is not an array, is replaced.
 TEST_F(AwsWrapperImplTest, ReplacesATestFileThatIsNoObject) {
     for (const char* text : {"", "[1]", "no json"}) {
         const std::string path = testFile(text);
@@ -710,7 +710,7 @@ TEST_F(AwsWrapperImplTest, ReplacesATestFileThatIsNoObject) {
     }
 }
 
-/// A test file that is no object, or a list that is no array, is replaced.
+/// A test file that is not an object, or a list that is not an array, is replaced.
 TEST_F(AwsWrapperImplTest, ReplacesAListOfTheTestFileThatIsNoArray) {
     const std::string path = testFile(R"({"eventlog": 5, "x": 1})");
     EXPECT_TRUE(client().UploadToKinesisFirehose("{}"));

@@ -43,21 +43,21 @@ TEST(CBootCountInfo, IsZeroUntilLoaded) {
     EXPECT_EQ(info.getStandbyCount(), 0U);
 }
 
-/// Both counts are read; what is absent or no integer is 0.
+/// Both counts are read; what is absent or not an integer is 0.
 TEST(CBootCountInfo, ReadsBothCounts) {
     const Loaded loaded(R"({"boot-count": 12, "standby-count": 3})");
     loaded.expect(true, 12, 3);
     EXPECT_EQ(loaded.err, "");
 }
 
-/// Both counts are read; what is absent or no integer is 0.
+/// Both counts are read; what is absent or not an integer is 0.
 TEST(CBootCountInfo, TakesAnAbsentCountForZero) {
     Loaded(R"({"standby-count": 3})").expect(true, 0, 3);
     Loaded(R"({"boot-count": 12})").expect(true, 12, 0);
     Loaded("{}").expect(true, 0, 0);
 }
 
-/// Both counts are read; what is absent or no integer is 0.
+/// Both counts are read; what is absent or not an integer is 0.
 TEST(CBootCountInfo, TakesACountThatIsNoIntegerForZero) {
     for (const char* count : {"\"12\"", "12.0", "null", "true", "[12]", "{}"}) {
         const Loaded loaded(std::string(R"({"boot-count": )") + count + R"(, "standby-count": 3})");
@@ -68,7 +68,7 @@ TEST(CBootCountInfo, TakesACountThatIsNoIntegerForZero) {
 
 /// A negative count is 0 with "CBootCountInfo : Negative values not allowed. key ... is ...".
 ///
-/// True means that the file parsed, whatever its counts; JSON that is no object has none.
+/// True means that the file parsed, whatever its counts; JSON that is not an object has no counts.
 TEST(CBootCountInfo, RefusesANegativeBootCount) {
     const Loaded loaded(R"({"boot-count": -3, "standby-count": 2})");
     loaded.expect(true, 0, 2);
@@ -100,7 +100,7 @@ TEST(CBootCountInfo, SaysFalseForTextThatDoesNotParse) {
     }
 }
 
-/// True means that the file parsed, whatever its counts; JSON that is no object has none.
+/// True means that the file parsed, whatever its counts; JSON that is not an object has no counts.
 TEST(CBootCountInfo, FindsNoCountsInJsonThatIsNoObject) {
     Loaded("[12, 3]").expect(true, 0, 0);
 }

@@ -137,7 +137,7 @@ TEST(CGlobalInfoImpl, WrapsHoursThatDoNotFit) {
     EXPECT_EQ(info.getOpMinutes(), -60);
 }
 
-/// A missing file, or one that is no JSON, changes nothing.
+/// A missing file, or one that is not JSON, changes nothing.
 TEST(CGlobalInfoImpl, LeavesEverythingWhenTheFileIsMissing) {
     const TempDir dir;
     CGlobalInfoImpl info;
@@ -146,7 +146,7 @@ TEST(CGlobalInfoImpl, LeavesEverythingWhenTheFileIsMissing) {
     expectWhole(info);
 }
 
-/// A missing file, or one that is no JSON, changes nothing.
+/// A missing file, or one that is not JSON, changes nothing.
 TEST(CGlobalInfoImpl, LeavesEverythingWhenTheFileIsNoJson) {
     for (const char* text : {"", "nonsense", "{\"deviceid\": \"x\"", "{\"deviceid\": \"\xff\"}"}) {
         CGlobalInfoImpl info;
@@ -158,7 +158,7 @@ TEST(CGlobalInfoImpl, LeavesEverythingWhenTheFileIsNoJson) {
     }
 }
 
-/// JSON that is no object resets the operating minutes alone.
+/// JSON that is not an object resets the operating minutes alone.
 TEST(CGlobalInfoImpl, OnlyResetsTheOperatingMinutesForJsonThatIsNoObject) {
     for (const char* text : {"5", "\"deviceid\"", "[\"deviceid\"]", "null"}) {
         CGlobalInfoImpl info;

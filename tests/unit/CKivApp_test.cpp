@@ -144,12 +144,12 @@ TEST_F(CKivAppTest, TakesTheLastOfAnOptionThatIsGivenTwice) {
     EXPECT_EQ(CKivAppPeer::dbFile(*parsed({"-e", "first", "--dbfile", "second"})), "second");
 }
 
-/// Options may stand behind other words, and each parsing starts from scratch.
+/// Options may stand after other words, and each parsing starts from scratch.
 TEST_F(CKivAppTest, TakesOptionsBehindOtherWords) {
     EXPECT_EQ(CKivAppPeer::dbFile(*parsed({"word", "-e", "e", "another"})), "e");
 }
 
-/// Options may stand behind other words, and each parsing starts from scratch.
+/// Options may stand after other words, and each parsing starts from scratch.
 TEST_F(CKivAppTest, StartsFromScratchAtEachParsing) {
     const auto app = makeApp();
     for (const char* path : {"first", "second", "third"}) {

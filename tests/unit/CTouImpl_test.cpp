@@ -65,7 +65,7 @@ class CTouImplTest : public KivTest {
 
 // ---- Loading -------------------------------------------------------------------------------
 
-/// There is no consent before a valid answer of the user was read.
+/// Nothing counts as accepted before a valid answer of the user was read.
 TEST_F(CTouImplTest, StartsWithoutConsent) {
     expectConsent(false, 0);
     EXPECT_FALSE(CTouImplPeer::fileExists(m_tou));
@@ -86,7 +86,7 @@ TEST_F(CTouImplTest, SplitsTheFileAtAnyWhiteSpace) {
     expectConsent(true, 4);
 }
 
-/// Any other third word is no consent.
+/// Any other third word is not consent.
 TEST_F(CTouImplTest, TakesOnlyTheWordTrueAsConsent) {
     for (const char* word : {"true", "FALSE", "True", "TRUE1", "1", "YES"}) {
         EXPECT_EQ(load(std::string("CUL-TOU 2 ") + word), "") << word;
@@ -94,7 +94,7 @@ TEST_F(CTouImplTest, TakesOnlyTheWordTrueAsConsent) {
     }
 }
 
-/// There is no consent before a valid answer of the user was read.
+/// Nothing counts as accepted before a valid answer of the user was read.
 ///
 /// Fewer than three words, or no file: "TOU file wrong format: " and the text.
 TEST_F(CTouImplTest, HasNoConsentWithoutAFile) {
@@ -174,7 +174,7 @@ TEST_F(CTouImplTest, DropsTheServersAnswerWhenTheUserHasAnswered) {
     EXPECT_FALSE(hasServerAnswer());
 }
 
-/// An answer without version, or that is no JSON, counts as version 0.
+/// An answer without version, or that is not JSON, counts as version 0.
 TEST_F(CTouImplTest, DropsAnAnswerWithoutVersion) {
     writeServerAnswer(R"({"version":"9"})");
     EXPECT_EQ(load("CUL-TOU 1 TRUE"), "");
@@ -209,7 +209,7 @@ TEST_F(CTouImplTest, ComparesVersionsBeyond32Bits) {
     EXPECT_TRUE(hasServerAnswer());
 }
 
-/// An answer without version, or that is no JSON, counts as version 0.
+/// An answer without version, or that is not JSON, counts as version 0.
 TEST_F(CTouImplTest, TakesAnAnswerThatIsNoJsonAsNone) {
     writeServerAnswer("{broken");
     EXPECT_EQ(load("CUL-TOU 2 TRUE"), "");
@@ -435,7 +435,7 @@ TEST_F(CTouImplRefreshTest, AnnouncesTheFirstVersionWithoutConsent) {
     expectConsent(false, 0);
 }
 
-/// A failed request and an answer that is no JSON are false and write no file.
+/// A failed request and an answer that is not JSON are false and write no file.
 TEST_F(CTouImplRefreshTest, FailsWhenTheRequestFails) {
     m_answer.closeWithoutAnswer = true;
     const Outcome outcome = refresh("");
@@ -445,7 +445,7 @@ TEST_F(CTouImplRefreshTest, FailsWhenTheRequestFails) {
     expectNothingWritten();
 }
 
-/// A failed request and an answer that is no JSON are false and write no file.
+/// A failed request and an answer that is not JSON are false and write no file.
 TEST_F(CTouImplRefreshTest, FailsOnAnAnswerThatIsNoJson) {
     const Outcome outcome = refresh("<html>");
     EXPECT_FALSE(outcome.result);
@@ -456,7 +456,7 @@ TEST_F(CTouImplRefreshTest, FailsOnAnAnswerThatIsNoJson) {
     expectNothingWritten();
 }
 
-/// A refusal is told: "ToU server error: "; an empty one is none.
+/// A refusal is told: "ToU server error: "; an empty text is not a refusal.
 TEST_F(CTouImplRefreshTest, FailsWhenTheServerRefuses) {
     const Outcome outcome = refresh(R"({"errorMessage":"no such key","version":4,"url":"u"})");
     EXPECT_FALSE(outcome.result);
@@ -464,7 +464,7 @@ TEST_F(CTouImplRefreshTest, FailsWhenTheServerRefuses) {
     expectNothingWritten();
 }
 
-/// A refusal is told: "ToU server error: "; an empty one is none.
+/// A refusal is told: "ToU server error: "; an empty text is not a refusal.
 TEST_F(CTouImplRefreshTest, TakesAnEmptyErrorMessageAsNone) {
     EXPECT_TRUE(refresh(R"({"errorMessage":"","version":4,"url":"u"})").result);
     EXPECT_EQ(m_directory.read(kAnnouncement), "u");

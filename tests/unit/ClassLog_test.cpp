@@ -17,7 +17,7 @@ struct Costly {
 
 }  // namespace
 
-/// A class's information line is its tag and its pieces behind one prefix, on standard output.
+/// A class's information line is one prefix, the class's tag and the pieces, on standard output.
 TEST(ClassLog, WritesTagAndPiecesAsOneLine) {
     ClassLog log("kivTest: ");
     log.setVerbose(true);

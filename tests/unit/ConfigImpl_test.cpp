@@ -896,7 +896,7 @@ TEST_F(ConfigRefreshTest, AFailedRequestLeavesTheConfigurationUntouched) {
     EXPECT_TRUE(askedOnceFor(600));
 }
 
-/// A body that is no JSON object: "Invalid Config JSON object received: " and the same.
+/// A body that is not a JSON object: "Invalid Config JSON object received: " and the same.
 TEST_F(ConfigRefreshTest, ABodyThatIsNoJsonObjectLeavesTheConfigurationUntouched) {
     for (const char* body : {"<html>", "", "[1, 2]", "{\"kiv_tou\": true", "17", "null"}) {
         m_asked.clear();
@@ -913,7 +913,8 @@ TEST_F(ConfigRefreshTest, ABodyThatIsNoJsonObjectLeavesTheConfigurationUntouched
     }
 }
 
-/// An error answer moves only the configuration's time and is true; empty messages are none.
+/// An error answer moves only the configuration's time and is true; an answer with empty messages
+/// is not an error.
 TEST_F(ConfigRefreshTest, AnErrorAnswerMovesOnlyTheTimeOfTheConfiguration) {
     for (const char* body : {R"({"errorMessage": "x", "kiv_tou": false, "event-filter": {"a": 1}})",
                              R"({"message": "Forbidden", "kiv_tou": false})"}) {
@@ -934,14 +935,16 @@ TEST_F(ConfigRefreshTest, AnErrorAnswerMovesOnlyTheTimeOfTheConfiguration) {
     }
 }
 
-/// An error answer moves only the configuration's time and is true; empty messages are none.
+/// An error answer moves only the configuration's time and is true; an answer with empty messages
+/// is not an error.
 TEST_F(ConfigRefreshTest, EmptyMessagesAreNoErrorAnswer) {
     m_answer.body = R"({"message": "", "errorMessage": "", "kiv_tou": true})";
     EXPECT_TRUE(refresh(false));
     EXPECT_TRUE(m_config->GetTouAccepted());
 }
 
-/// An error answer moves only the configuration's time and is true; empty messages are none.
+/// An error answer moves only the configuration's time and is true; an answer with empty messages
+/// is not an error.
 TEST_F(ConfigRefreshTest, AnHttpErrorWithAMessageIsAnErrorAnswerToo) {
     m_answer.status = 403;
     m_answer.body = R"({"message": "Forbidden"})";

@@ -65,7 +65,7 @@ TEST_F(DBTokenTest, KeepsAValidTokenOfTheFile) {
     EXPECT_EQ(file(), text);
 }
 
-/// A token that is no UUID, or a file that is no JSON object, is replaced.
+/// A token that is not a UUID, or a file that is not a JSON object, is replaced.
 TEST_F(DBTokenTest, ReplacesATokenThatIsNoUuid) {
     for (const char* text :
          {"{\"db-uuid\":\"not-a-uuid\"}", "{\"db-uuid\":\"\"}", "{\"db-uuid\":17}", "{}",
@@ -77,7 +77,7 @@ TEST_F(DBTokenTest, ReplacesATokenThatIsNoUuid) {
     }
 }
 
-/// A token that is no UUID, or a file that is no JSON object, is replaced.
+/// A token that is not a UUID, or a file that is not a JSON object, is replaced.
 TEST_F(DBTokenTest, ReplacesAFileThatIsNoJsonObject) {
     for (const char* text : {"", "{\"db-uuid\":", "[1,2]", "\"text\"", "\x01\xff"}) {
         dir.write("dbuuid.json", text);

@@ -306,7 +306,7 @@ TEST_F(DBEventsTest, DeletesExactlyTheMarkedEvents) {
     EXPECT_EQ(db->totalEventSize(), 3);
 }
 
-/// A successful delete sets the error, which the trims behind it clear.
+/// A successful delete sets the error; the trims that follow clear it.
 TEST_F(DBEventsTest, ADeleteTrimsThePerCycleTablesAndTheirCommitsClearTheError) {
     db->addEvent(1, 1, 1, "t", "a");
     db->setStartTime(1, 1, 5);
@@ -319,7 +319,7 @@ TEST_F(DBEventsTest, ADeleteTrimsThePerCycleTablesAndTheirCommitsClearTheError) 
     EXPECT_FALSE(DB::m_dbError);
 }
 
-/// A successful delete sets the error, which the trims behind it clear.
+/// A successful delete sets the error; the trims that follow clear it.
 TEST_F(DBEventsTest, ASuccessfulDeleteSetsTheErrorUntilATrimClearsIt) {
     db->addEvent(1, 1, 1, "t", "a");
     aside(
@@ -684,7 +684,7 @@ TEST_F(DBEventsTest, AForeignLockIsTimedFromItsOwnBeginning) {
     EXPECT_EQ(taken, 0u) << "waits";
 }
 
-/// An exception amid a batch rolls it back; the batch is stored once, later.
+/// An exception in the middle of a batch rolls the batch back; it is stored later, once.
 TEST_F(DBEventsTest, AnExceptionAmidABatchLeavesNothingOfItAndNoTransaction) {
     db->addEvent(1, 1, 0, "t", "first");
     std::size_t taken = 0;

@@ -166,7 +166,7 @@ TEST_F(DBTablesTest, TheFirstUploadIsTheOneWhoseFailureIsOldest) {
     EXPECT_EQ(upload->info, "{}");
 }
 
-/// A retry counts up, notes the kernel time of now and sends the file behind the others.
+/// A retry counts up, notes the kernel time of now and puts the file after the others.
 TEST_F(DBTablesTest, ARetriedFileGoesBehindTheOthers) {
     db->addFile("a", "/tmp/a", "");
     db->addFile("b", "/tmp/b", "");
@@ -184,7 +184,7 @@ TEST_F(DBTablesTest, ARetriedFileGoesBehindTheOthers) {
     EXPECT_EQ(value("SELECT retries FROM Files WHERE id='" + first + "'"), "2");
 }
 
-/// A file that cannot be removed or changed gets its line; an unknown one is no failure.
+/// A file that cannot be removed or changed gets its line; an unknown file is not a failure.
 TEST_F(DBTablesTest, FilesThatCannotBeChangedGetTheirLines) {
     db->addFile("a", "/tmp/a", "");
     makeReadOnly();
@@ -198,7 +198,7 @@ TEST_F(DBTablesTest, FilesThatCannotBeChangedGetTheirLines) {
     EXPECT_EQ(rows("SELECT id,retries FROM Files"), Texts{"a|0"});
 }
 
-/// A file that cannot be removed or changed gets its line; an unknown one is no failure.
+/// A file that cannot be removed or changed gets its line; an unknown file is not a failure.
 TEST_F(DBTablesTest, RemovingAnUnknownFileIsNoFailure) {
     OutputCapture capture;
     db->removeUpload("nobody");

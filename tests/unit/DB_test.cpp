@@ -258,7 +258,7 @@ TEST_F(DBLifecycleTest, OperationsWithoutAConnectionFailAndRecordIt) {
               "kivDB: SQL error (insert event): bad parameter or other API misuse\nki");
 }
 
-/// A file that is no database, or corrupt, is replaced where that is allowed.
+/// A file that is not a database, or corrupt, is replaced where that is allowed.
 TEST_F(DBLifecycleTest, AForeignFileIsReplacedWhenRecreationIsAllowed) {
     foreignFile();
     DB::m_dbError = true;
@@ -292,7 +292,7 @@ TEST_F(DBLifecycleTest, AForeignFileIsLeftAloneWithoutRecreation) {
     EXPECT_EQ(dir.read("Db"), text);
 }
 
-/// A file that is no database, or corrupt, is replaced where that is allowed.
+/// A file that is not a database, or corrupt, is replaced where that is allowed.
 TEST_F(DBLifecycleTest, ACorruptSchemaIsReplacedWhenRecreationIsAllowed) {
     openStore();
     db.reset();

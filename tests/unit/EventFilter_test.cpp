@@ -69,7 +69,7 @@ TEST_F(EventFilterTest, DoesNotAskExcludeAboutWhatIncludeRejected) {
               "JsonFilterRule: evalAndOperator rhs not an array: 1\n");
 }
 
-/// Rules that are no array, JSON null included, match nothing.
+/// Rules that are not an array, JSON null included, match nothing.
 TEST_F(EventFilterTest, MatchesNothingByRulesThatAreNoArray) {
     EXPECT_FALSE(keeps(R"({"include":{"t":"a"}})", R"({"t":"a"})"));
     EXPECT_TRUE(keeps(R"({"exclude":{"t":"a"}})", R"({"t":"a"})"));

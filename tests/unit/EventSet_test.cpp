@@ -62,7 +62,7 @@ class EventSetTest : public StoreTest {
 
 /// Events come in stored order, each row marked as it is handed out.
 ///
-/// Behind the last one comes the empty text; the set is closed and keeps its marks.
+/// After the last one comes the empty text; the set is closed and keeps its marks.
 TEST_F(EventSetTest, HandsOutTheEventsInStoredOrderAndMarksTheirRows) {
     db->addEvent(2, 0, 5, "t", "third");
     db->addEvent(1, 1, 9, "t", "second");
@@ -82,7 +82,7 @@ TEST_F(EventSetTest, HandsOutTheEventsInStoredOrderAndMarksTheirRows) {
     EXPECT_EQ(set.getNextAndMark(), "");
 }
 
-/// Behind the last one comes the empty text; the set is closed and keeps its marks.
+/// After the last one comes the empty text; the set is closed and keeps its marks.
 TEST_F(EventSetTest, ClosesItsConnectionAtTheEndOfTheRows) {
     db->addEvent(1, 1, 1, "t", "x");
     const int before = openDescriptors();

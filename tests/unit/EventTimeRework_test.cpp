@@ -31,7 +31,7 @@ TEST_F(EventTimeReworkTest, TrustsTheTimeThatTheSenderKnew) {
     EXPECT_EQ(event, before);
 }
 
-/// It is read as a decimal number, blanks before and text behind allowed.
+/// It is read as a decimal number; blanks before it and text after it are allowed.
 TEST_F(EventTimeReworkTest, ReadsTheGivenTimeAsADecimalNumber) {
     const auto timeOf = [](const std::string& text) {
         std::string event = R"({"utc-time": ")" + text + R"("})";
@@ -109,7 +109,7 @@ TEST_F(EventTimeReworkTest, LeavesAnEventThatCannotBeWrittenAsItWasButTimesIt) {
     EXPECT_EQ(event, before);
 }
 
-/// Text that is no JSON is timed from the reference of zeros and left untouched.
+/// Text that is not JSON is timed from the reference of zeros and left untouched.
 TEST_F(EventTimeReworkTest, TimesTextThatIsNoJsonFromTheZeroReference) {
     std::string event = "no json";
     EXPECT_EQ(EventTimeRework::reworkEventTime(event, true), 0);

@@ -150,7 +150,7 @@ TEST(EventTypeMapTest, ComparesNamesWithRegardToCase) {
     EXPECT_FALSE(map().isKnownName("15"));
 }
 
-/// An unknown name is read as a decimal number; what is none is 0.
+/// An unknown name is read as a decimal number; one that is not a number is 0.
 TEST(EventTypeMapTest, ReadsAnUnknownNameAsANumber) {
     EXPECT_EQ(map().getId("usage.epg"), 6);
     EXPECT_EQ(map().getId("42"), 42);
@@ -163,7 +163,7 @@ TEST(EventTypeMapTest, ReadsAnUnknownNameAsANumber) {
     EXPECT_EQ(map().getId("0x10"), 0);
 }
 
-/// An unknown name is read as a decimal number; what is none is 0.
+/// An unknown name is read as a decimal number; one that is not a number is 0.
 TEST(EventTypeMapTest, GivesZeroForANameThatIsNoNumber) {
     EXPECT_EQ(map().getId("abc"), 0);
     EXPECT_EQ(map().getId(""), 0);
@@ -174,7 +174,7 @@ TEST(EventTypeMapTest, GivesZeroForANameThatIsNoNumber) {
     EXPECT_EQ(map().getId(nullptr), 0);
 }
 
-/// An unknown name is read as a decimal number; what is none is 0.
+/// An unknown name is read as a decimal number; one that is not a number is 0.
 TEST(EventTypeMapTest, TakesNumbersOf32BitsOnEveryHost) {
     EXPECT_EQ(map().getId("2147483647"), 2147483647);
     EXPECT_EQ(map().getId("-2147483648"), -2147483647L - 1);

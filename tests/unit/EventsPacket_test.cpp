@@ -40,7 +40,7 @@ class EventsPacketTest : public UploadSetup {
         return lines;
     }
 
-    /// What stands behind the header of a block.
+    /// What stands after the header of a block.
     static std::string eventsOf(const std::string& block) {
         const std::size_t begin = block.find(",\"events\":[");
         return begin == std::string::npos ? "(none)" : block.substr(begin);
@@ -57,7 +57,7 @@ class EventsPacketTest : public UploadSetup {
 
 }  // namespace
 
-/// One event goes out behind its header, closed by "]}" and a line feed.
+/// One event goes out after its header, closed by "]}" and a line feed.
 TEST_F(EventsPacketTest, SendsOneEventBehindItsHeader) {
     EventsPacket packet(kAmple);
     EXPECT_TRUE(packet.AddEvent(event(3, 0), kTime));
@@ -99,21 +99,21 @@ TEST_F(EventsPacketTest, OpensABlockForANewStandbyCycleToo) {
     EXPECT_EQ(sentLines().size(), 2u);
 }
 
-/// The members of "data" go to the top, over those of the same name; data that is no object
+/// The members of "data" go to the top, over those of the same name; data that is not an object
 /// stays.
 TEST_F(EventsPacketTest, LiftsTheMembersOfDataToTheTop) {
     EXPECT_EQ(rework(R"({"a": 2, "data": {"a": 1, "b": "x"}, "kernel-time": 5})"),
               R"({"a": 1, "b": "x", "time": "2017-07-14T02:40:00.123Z", "ts": 5})");
 }
 
-/// The members of "data" go to the top, over those of the same name; data that is no object
+/// The members of "data" go to the top, over those of the same name; data that is not an object
 /// stays.
 TEST_F(EventsPacketTest, KeepsDataThatIsNoObject) {
     EXPECT_EQ(rework(R"({"data": [1], "kernel-time": 5})"),
               R"({"data": [1], "time": "2017-07-14T02:40:00.123Z", "ts": 5})");
 }
 
-/// The members of "data" go to the top, over those of the same name; data that is no object
+/// The members of "data" go to the top, over those of the same name; data that is not an object
 /// stays.
 TEST_F(EventsPacketTest, DropsDataInsideDataWithIt) {
     EXPECT_EQ(rework(R"({"data": {"data": {"a": 1}, "b": 2}, "kernel-time": 5})"),
@@ -132,7 +132,7 @@ TEST_F(EventsPacketTest, LeavesTheReferenceAndTheTimeTextOutButKeepsTheSource) {
               R"("ts": 1234})");
 }
 
-/// Text that is no JSON adds only the header.
+/// Text that is not JSON adds only the header.
 TEST_F(EventsPacketTest, AddsOnlyTheHeaderForTextThatIsNoJson) {
     EventsPacket packet(kAmple);
     EXPECT_TRUE(packet.AddEvent("no json", kTime));

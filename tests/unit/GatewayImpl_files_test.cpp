@@ -87,7 +87,7 @@ TEST_F(GatewayImplFilesTest, TakesAnyValueOfTheInfoAsPresent) {
     EXPECT_TRUE(storedTypes().empty());
 }
 
-/// "oob-info" without a file drops the event; data that is no object has none.
+/// "oob-info" without a file drops the event; data that is not an object has no "oob-info".
 TEST_F(GatewayImplFilesTest, DropsAnEventWithInfoButWithoutFile) {
     makeGateway();
     const NamedSemaphore done;
@@ -99,7 +99,7 @@ TEST_F(GatewayImplFilesTest, DropsAnEventWithInfoButWithoutFile) {
     EXPECT_TRUE(askedOfUpload().empty());
 }
 
-/// "oob-info" without a file drops the event; data that is no object has none.
+/// "oob-info" without a file drops the event; data that is not an object has no "oob-info".
 TEST_F(GatewayImplFilesTest, TakesNoInfoFromDataThatIsNoObject) {
     makeGateway();
     m_gateway->Log(R"({"event-type": "x", "data": "oob-info"})");
@@ -126,7 +126,7 @@ TEST_F(GatewayImplFilesTest, DropsAnEventWithInfoWhoseFileTheFileFilterRefuses) 
     EXPECT_TRUE(files().empty());
 }
 
-/// A location that is no text is ignored with a line.
+/// A location that is not a text is ignored with a line.
 TEST_F(GatewayImplFilesTest, IgnoresAFileWhoseLocationIsNoText) {
     makeGateway();
     EXPECT_EQ(errorsOf(R"({"event-type": "x", "oob-url": 5})"),

@@ -608,7 +608,7 @@ TEST_F(GatewayImplThreadsTest, DiscardsTheEventsThatStillWait) {
 TEST_F(GatewayImplThreadsTest, FinishesTheMessageUnderWayBeforeItEnds) {
     makeGateway();
     const NamedSemaphore done;
-    std::unique_lock<std::mutex> held(GatewayImpl::m_QueueMutex);  // the message stops behind it
+    std::unique_lock<std::mutex> held(GatewayImpl::m_QueueMutex);  // the message has to wait for it
     ASSERT_TRUE(send(R"({"event-type": "x", "syncsem": ")" + done.name() + "\"}"));
     ASSERT_TRUE(WaitUntil([] { return GatewayImpl::latestEvent() != nullptr; }));
     std::atomic<bool> ended{false};
@@ -818,7 +818,7 @@ TEST_F(GatewayImplThreadsTest, HoldsAtMostABatchWhileOneIsStored) {
     EXPECT_EQ(storedTypes(), expected);
 }
 
-/// What was set aside does not wait for messages that are refused.
+/// Events that were set aside are stored although only refused messages follow.
 TEST_F(GatewayImplThreadsTest, QueuesWhatItSetAsideAlsoWhileMessagesThatAreRefusedKeepComing) {
     makeGateway();
     {
@@ -830,7 +830,7 @@ TEST_F(GatewayImplThreadsTest, QueuesWhatItSetAsideAlsoWhileMessagesThatAreRefus
     EXPECT_EQ(storedTypes(), std::vector<std::string>{"a"});
 }
 
-/// An exception amid a batch rolls it back; the batch is stored once, later.
+/// An exception in the middle of a batch rolls the batch back; it is stored later, once.
 TEST_F(GatewayImplThreadsTest, StoresABatchOnceThatMetAnException) {
     makeGateway();
     holdStoring();  // all in one batch

@@ -21,7 +21,7 @@ TEST(JsonArrayIterator, WalksTheElementsInOrder) {
     EXPECT_EQ(seen, "1;x;(json null);");
 }
 
-/// `JsonArrayIterator` is false at once over null and what is no array.
+/// `JsonArrayIterator` is false at once over null and what is not an array.
 TEST(JsonArrayIterator, IsFalseAtOnceOverAnythingThatIsNoArray) {
     EXPECT_FALSE(JsonArrayIterator(JsonObject()));
     EXPECT_FALSE(JsonArrayIterator(JsonObject::parse(R"({"a": 1})")));

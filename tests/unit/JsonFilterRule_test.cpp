@@ -48,14 +48,14 @@ class JsonFilterRuleTest : public KivTest {
 
 // ---- A rule and its keys -------------------------------------------------------------------
 
-/// An empty rule matches every event; a rule that is no object matches none.
+/// An empty rule matches every event; a rule that is not an object matches none.
 TEST_F(JsonFilterRuleTest, MatchesEveryEventByAnEmptyRule) {
     EXPECT_TRUE(matches("{}", "{}"));
     EXPECT_TRUE(matches("{}", R"({"x":1})"));
     EXPECT_TRUE(Rule(json("{}")).matches(JsonObject()));
 }
 
-/// An empty rule matches every event; a rule that is no object matches none.
+/// An empty rule matches every event; a rule that is not an object matches none.
 TEST_F(JsonFilterRuleTest, MatchesNothingByARuleThatIsNoObject) {
     for (const char* rule : {"null", "1", "[]", "true", R"("x")"}) {
         EXPECT_FALSE(matches(rule, R"({"x":1})")) << rule;
@@ -78,7 +78,7 @@ TEST_F(JsonFilterRuleTest, StopsAtTheFirstKeyThatDoesNotMatch) {
     EXPECT_EQ(errorsOf(R"({"x":2,"y":{"$and":0}})", R"({"x":1,"y":1})", false), "");
 }
 
-/// An event that is no object has no keys.
+/// An event that is not an object has no keys.
 TEST_F(JsonFilterRuleTest, TakesAnEventThatIsNoObjectAsOneWithoutKeys) {
     EXPECT_FALSE(matches(R"({"x":1})", "[1]"));
     EXPECT_FALSE(matches(R"({"x":1})", "1"));
@@ -176,7 +176,7 @@ TEST_F(JsonFilterRuleTest, MatchesNothingInAnArrayThatIsNone) {
     EXPECT_FALSE(Rule(json("{}")).matchWithJsonArray(json("1"), JsonObject()));
 }
 
-/// An object that is no operator is a nested rule for an object.
+/// An object that is not an operator is a nested rule for an object.
 TEST_F(JsonFilterRuleTest, MatchesANestedRule) {
     const std::string rule = R"({"d":{"k":1}})";
     EXPECT_TRUE(matches(rule, R"({"d":{"k":1}})"));
@@ -187,7 +187,7 @@ TEST_F(JsonFilterRuleTest, MatchesANestedRule) {
     EXPECT_FALSE(matches(rule, R"({"d":[{"k":1}]})"));
 }
 
-/// An object that is no operator is a nested rule for an object.
+/// An object that is not an operator is a nested rule for an object.
 TEST_F(JsonFilterRuleTest, TakesAnObjectWithoutKeysAsANestedRule) {
     EXPECT_TRUE(matches(R"({"d":{}})", R"({"d":{"k":1}})"));
     EXPECT_FALSE(matches(R"({"d":{}})", R"({"d":1})"));
@@ -327,7 +327,7 @@ TEST_F(JsonFilterRuleTest, OrdersNumbers) {
     EXPECT_EQ(compare("-9223372036854775808", "9223372036854775807"), -1);
 }
 
-/// What is no number compares as 0 with "compareValues types no numbers: ": "$>=" and "$<=" are
+/// What is not a number compares as 0 with "compareValues types no numbers: ": "$>=" and "$<=" are
 /// true.
 TEST_F(JsonFilterRuleTest, WritesALineWhenAComparedValueIsNoNumber) {
     const std::string line = "JsonFilterRule: compareValues types no numbers: ";
@@ -339,7 +339,7 @@ TEST_F(JsonFilterRuleTest, WritesALineWhenAComparedValueIsNoNumber) {
     EXPECT_EQ(errorsOf(R"({"x":{"$>=":[1]}})", R"({"x":null})", true), line + "(json null) [1]\n");
 }
 
-/// What is no number compares as 0 with "compareValues types no numbers: ": "$>=" and "$<=" are
+/// What is not a number compares as 0 with "compareValues types no numbers: ": "$>=" and "$<=" are
 /// true.
 TEST_F(JsonFilterRuleTest, GivesZeroForValuesThatAreNoNumbers) {
     OutputCapture capture;
@@ -417,14 +417,14 @@ TEST_F(JsonFilterRuleTest, MatchesThePrintableFormByARegularExpression) {
     EXPECT_TRUE(matches(R"({"x":{"$regex":"\\[1, 2\\]"}})", R"({"x":[1,2]})"));
 }
 
-/// A pattern that is no string is false; one that does not compile gets "Caught exception: ".
+/// A pattern that is not a string is false; one that does not compile gets "Caught exception: ".
 TEST_F(JsonFilterRuleTest, MatchesNothingByAPatternThatIsNoString) {
     EXPECT_EQ(errorsOf(R"({"x":{"$regex":1}})", R"({"x":1})", false), "");
     EXPECT_EQ(errorsOf(R"({"x":{"$regex":["1"]}})", R"({"x":1})", false), "");
     EXPECT_EQ(errorsOf(R"({"x":{"$regex":null}})", R"({"x":1})", false), "");
 }
 
-/// A pattern that is no string is false; one that does not compile gets "Caught exception: ".
+/// A pattern that is not a string is false; one that does not compile gets "Caught exception: ".
 TEST_F(JsonFilterRuleTest, WritesALineWhenAPatternDoesNotCompile) {
     std::string what;
     int code = 0;
@@ -439,7 +439,7 @@ TEST_F(JsonFilterRuleTest, WritesALineWhenAPatternDoesNotCompile) {
                   ") on regexp (\n");
 }
 
-/// A pattern that is no string is false; one that does not compile gets "Caught exception: ".
+/// A pattern that is not a string is false; one that does not compile gets "Caught exception: ".
 TEST_F(JsonFilterRuleTest, DoesNotMatchAPatternThatIsTooLong) {
     const std::string pattern(1025, 'a');
     const std::string errors = errorsOf(R"({"x":{"$regex":")" + pattern + R"("}})",
@@ -654,7 +654,7 @@ class Generator {
 
 /// Random rules are evaluated as a plain reading of the language would.
 TEST_F(JsonFilterRuleTest, AgreesWithAPlainReadingOfTheLanguage) {
-    OutputCapture capture;  // comparisons of what is no number write lines
+    OutputCapture capture;  // comparisons of what is not a number write lines
     Generator make(20190307);
     int matched = 0;
     constexpr int rounds = 4000;

@@ -29,13 +29,13 @@ TEST_F(JsonFilterTest, MatchesEverythingByANullHandle) {
     EXPECT_TRUE(JsonFilter(JsonObject()).matches(JsonObject()));
 }
 
-/// An empty array, and what is no array, match nothing.
+/// An empty array, and what is not an array, match nothing.
 TEST_F(JsonFilterTest, MatchesNothingByAnEmptyArray) {
     EXPECT_FALSE(matches("[]", "{}"));
     EXPECT_FALSE(matches("[]", R"({"x":1})"));
 }
 
-/// An empty array, and what is no array, match nothing.
+/// An empty array, and what is not an array, match nothing.
 TEST_F(JsonFilterTest, MatchesNothingByAValueThatIsNoArray) {
     for (const char* filter : {"{}", R"({"x":1})", "null", "true", "3", "2.5", R"("x")"}) {
         EXPECT_FALSE(matches(filter, R"({"x":1})")) << filter;
@@ -73,7 +73,7 @@ TEST_F(JsonFilterTest, AsksTheRulesInOrder) {
               "JsonFilterRule: evalAndOperator rhs not an array: 2\n");
 }
 
-/// An element that is no rule gets "Invalid json object in filter array" and is passed over.
+/// An element that is not a rule gets "Invalid json object in filter array" and is passed over.
 TEST_F(JsonFilterTest, PassesOverElementsThatAreNoObject) {
     for (const char* element : {"null", "3", "true", "[]", R"("x")"}) {
         OutputCapture capture;
@@ -86,7 +86,7 @@ TEST_F(JsonFilterTest, PassesOverElementsThatAreNoObject) {
     }
 }
 
-/// An element that is no rule gets "Invalid json object in filter array" and is passed over.
+/// An element that is not a rule gets "Invalid json object in filter array" and is passed over.
 TEST_F(JsonFilterTest, ItsLineCarriesTheDiagnosticPrefix) {
     OutputCapture capture;
     EXPECT_FALSE(matches("[3]", "{}"));

@@ -218,7 +218,7 @@ TEST(JsonObject, AnswersFalseForASuccessfulDeletion) {
     EXPECT_EQ(object.dumpAsString(), R"({"b": 2})");
 }
 
-/// `del` returns true when the key is missing or the value is no object.
+/// `del` returns true when the key is missing or the value is not an object.
 TEST(JsonObject, AnswersTrueForAFailedDeletion) {
     JsonObject object = JsonObject::parse(R"({"a": 1})");
     EXPECT_TRUE(object.del("missing"));
@@ -350,7 +350,7 @@ TEST(JsonObject, ComparesByContent) {
 
 // Text forms
 
-/// `dumpAsString` writes objects and arrays with a blank behind separators.
+/// `dumpAsString` writes objects and arrays with a blank after separators.
 TEST(JsonObject, DumpsWithBlanksAfterSeparators) {
     EXPECT_EQ(JsonObject::parse(R"({"a":1,"b":[1,2],"c":{}})").dumpAsString(),
               R"({"a": 1, "b": [1, 2], "c": {}})");
@@ -400,7 +400,7 @@ TEST(JsonObject, WritesItsPrintableFormIntoAStream) {
 
 // Getters
 
-/// `getAsString` of what is no string is empty; numbers read as 0 where they are none.
+/// `getAsString` of what is not a string is empty; what is not a number reads as 0.
 TEST(JsonObject, GivesAnEmptyTextForAnythingThatIsNoString) {
     EXPECT_EQ(scalar("\"text\"").getAsString(), "text");
     for (const char* text : {"{}", "[]", "5", "1.5", "true", "null"}) {
@@ -409,7 +409,7 @@ TEST(JsonObject, GivesAnEmptyTextForAnythingThatIsNoString) {
     EXPECT_EQ(JsonObject().getAsString(), "");
 }
 
-/// `getAsString` of what is no string is empty; numbers read as 0 where they are none.
+/// `getAsString` of what is not a string is empty; what is not a number reads as 0.
 TEST(JsonObject, GivesNumbersAsNumbers) {
     EXPECT_EQ(scalar("5").getAsInteger(), 5);
     EXPECT_EQ(scalar("5.5").getAsInteger(), 0);
@@ -429,7 +429,7 @@ TEST(JsonObject, GivesANullHandleForAnAbsentMember) {
     EXPECT_EQ(member(R"({"a": 1})", "a").getStringRep(), "1");
 }
 
-/// `optInteger` gives the default for a member that is missing or no integer.
+/// `optInteger` gives the default for a member that is missing or not an integer.
 TEST(JsonObject, GivesTheDefaultForAMemberThatIsNoInteger) {
     EXPECT_EQ(JsonObject::parse(R"({"x": 5000000000})").optInteger("x", 7), 5000000000LL);
     for (const char* text : {R"({"x": "3"})", R"({"x": 3.0})", R"({"x": null})", R"({"x": true})",
@@ -463,7 +463,7 @@ TEST(JsonObject, GivesAnEmptyTextOrTheDefaultForAMemberThatIsNoString) {
     EXPECT_EQ(def, "default");
 }
 
-/// The array size is 0 for what is no array.
+/// The array size is 0 for what is not an array.
 TEST(JsonObject, CountsTheElementsOfArraysOnly) {
     EXPECT_EQ(JsonObject::parse("[1, 2, 3]").getArraySize(), 3U);
     EXPECT_EQ(JsonObject::parse(R"({"a": 1})").getArraySize(), 0U);

@@ -21,7 +21,7 @@ class KivTestProbe : public KivTest {
 
 }  // namespace
 
-/// The fixture puts the state back before and after each test.
+/// The fixture of the unit tests puts the state that classes share back before and after each test.
 TEST(KivTest, PutsTheStateBackBeforeAndAfterEachTest) {
     const int before = putBacks;
     KivTestProbe probe;

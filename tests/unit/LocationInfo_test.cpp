@@ -214,7 +214,7 @@ TEST_F(LocationInfoTest, PacksNumbersThatAreNotKnownToo) {
     EXPECT_EQ(object.optDouble("lng", 0), kUnknown);
 }
 
-/// Texts that are no UTF-8 pack to a null handle.
+/// Texts that are not UTF-8 pack to a null handle.
 TEST_F(LocationInfoTest, GivesANullHandleForTextsThatAreNoUtf8) {
     OutputCapture capture;
     const JsonObject object = LocationInfo(1, 2, "", "Li\xe8ge", "", "BE").toJSON();
@@ -257,7 +257,7 @@ TEST_F(LocationInfoTest, ReadsNothingWhenNeitherCodeNorNameIsKnown) {
         EXPECT_EQ(LocationInfo::fromJSON(JsonObject::parse(text)), nullptr) << text;
 }
 
-/// Degrees that are no reals are unknown.
+/// Degrees that are not reals are unknown.
 TEST_F(LocationInfoTest, ReadsDegreesThatAreNoRealsAsUnknown) {
     const auto info = LocationInfo::fromJSON(
         JsonObject::parse(R"({"country-code": "BE", "lat": 50, "lng": "4"})"));
@@ -386,8 +386,8 @@ TEST_F(LocationInfoTest, FindsOnePlaceForAllThreadsThatAskAtOnce) {
 
 // --- answers of every kind ------------------------------------------------------------------
 
-/// "loc" needs exactly two numbers; else both degrees are unknown, with a line where a part is
-/// none.
+/// "loc" needs exactly two numbers; else both degrees are unknown, with a line for a part that is
+/// not a number.
 TEST_F(LocationInfoTest, ReadsTheTwoNumbersOfLoc) {
     const auto info = locate("50.85,4.35");
     EXPECT_EQ(info->getLatitude(), 50.85);
@@ -397,8 +397,8 @@ TEST_F(LocationInfoTest, ReadsTheTwoNumbersOfLoc) {
     EXPECT_EQ(south->getLongitude(), -180);
 }
 
-/// "loc" needs exactly two numbers; else both degrees are unknown, with a line where a part is
-/// none.
+/// "loc" needs exactly two numbers; else both degrees are unknown, with a line for a part that is
+/// not a number.
 TEST_F(LocationInfoTest, KnowsNoDegreesWithoutExactlyTwoParts) {
     for (const char* loc : {"", "50.85", "1,2,3", "1,2,", ",1,2", "50.85;4.35"}) {
         const auto info = locate(loc);
@@ -408,8 +408,8 @@ TEST_F(LocationInfoTest, KnowsNoDegreesWithoutExactlyTwoParts) {
     }
 }
 
-/// "loc" needs exactly two numbers; else both degrees are unknown, with a line where a part is
-/// none.
+/// "loc" needs exactly two numbers; else both degrees are unknown, with a line for a part that is
+/// not a number.
 TEST_F(LocationInfoTest, KnowsNoDegreesWhereAPartIsNoNumber) {
     for (const char* loc : {"north,4.35", "50.85,", ",4.35", ",", "1e999,4.35", "50.85,east"}) {
         OutputCapture capture;
@@ -423,8 +423,8 @@ TEST_F(LocationInfoTest, KnowsNoDegreesWhereAPartIsNoNumber) {
     }
 }
 
-/// "loc" needs exactly two numbers; else both degrees are unknown, with a line where a part is
-/// none.
+/// "loc" needs exactly two numbers; else both degrees are unknown, with a line for a part that is
+/// not a number.
 TEST_F(LocationInfoTest, KnowsNoDegreesThatAreNotOnTheGlobe) {
     EXPECT_EQ(locate("91,4.35")->getLatitude(), kUnknown);
     EXPECT_EQ(locate("91,4.35")->getLongitude(), 4.35);
@@ -442,7 +442,7 @@ TEST_F(LocationInfoTest, StoresUnknownDegreesForThoseOutOfRange) {
     EXPECT_EQ(storedPlace(m_db).lng, kUnknown);
 }
 
-/// Members that are no texts read as empty; any HTTP status will do.
+/// Members that are not texts read as empty; any HTTP status will do.
 TEST_F(LocationInfoTest, ReadsMembersThatAreNoTextsAsEmpty) {
     answerWith(R"({"ip": 1, "city": null, "region": [], "country": {}, "loc": 50.85})");
     EXPECT_EQ(textOf(LocationInfo::getLocation()),
@@ -450,14 +450,14 @@ TEST_F(LocationInfoTest, ReadsMembersThatAreNoTextsAsEmpty) {
               R"("region": "", "country-code": "", "country": "", "continent": ""})");
 }
 
-/// Members that are no texts read as empty; any HTTP status will do.
+/// Members that are not texts read as empty; any HTTP status will do.
 TEST_F(LocationInfoTest, TakesAnAnswerWhateverItsHttpStatus) {
     answerWith(kBrusselsAnswer, 503);
     EXPECT_EQ(LocationInfo::getLocation()->toJSON().optString("city"), "Brussels");
     EXPECT_TRUE(waitForStoredCity("Brussels"));
 }
 
-/// An answer that is no object counts as a failed request.
+/// An answer that is not an object counts as a failed request.
 TEST_F(LocationInfoTest, TreatsAnAnswerThatIsNoObjectAsAFailedRequest) {
     storeBrussels();
     for (const char* body : {"<html>Log in</html>", "[]", "\"BE\"", "12", "null", "", "{\"ip\":"}) {

@@ -10,7 +10,8 @@
 
 #include <gtest/gtest.h>
 
-/// The capture collects whichever way it is written.
+/// The tests' output capture collects what is written through C++ streams, through C's stdio and to
+/// the descriptor itself.
 TEST(OutputCapture, CollectsWhicheverWayItIsWritten) {
     OutputCapture capture;
     std::cout << "stream,";
@@ -26,7 +27,7 @@ TEST(OutputCapture, CollectsWhicheverWayItIsWritten) {
     EXPECT_EQ(capture.err(), "stream,stdio");
 }
 
-/// The capture shows the text so far.
+/// The text captured so far can be read while the capture goes on.
 TEST(OutputCapture, ShowsTheTextSoFar) {
     OutputCapture capture;
     std::cout << "one";
@@ -35,7 +36,7 @@ TEST(OutputCapture, ShowsTheTextSoFar) {
     EXPECT_EQ(capture.out(), "onetwo");
 }
 
-/// The capture collects nothing after its stop.
+/// A stopped capture collects nothing more, and may be stopped twice.
 TEST(OutputCapture, CollectsNothingAfterItsStop) {
     OutputCapture outer;
     OutputCapture inner;
@@ -47,14 +48,14 @@ TEST(OutputCapture, CollectsNothingAfterItsStop) {
     EXPECT_EQ(outer.out(), "after");
 }
 
-/// The capture cuts off the prefixes and nothing else.
+/// The capture can take the diagnostic prefix off each line and leaves the rest as it was.
 TEST(OutputCapture, CutsOffThePrefixesAndNothingElse) {
     EXPECT_EQ(OutputCapture::withoutPrefixes("[523411](812,815) kivDB: x\n"
                                              "[523412](812,816) [5](a,b) y\nz\n"),
               "kivDB: x\n[5](a,b) y\nz\n");
 }
 
-/// The capture leaves a prefix that does not begin its line.
+/// A prefix is taken off only at the beginning of a line, and only once.
 TEST(OutputCapture, LeavesAPrefixThatDoesNotBeginItsLine) {
     EXPECT_EQ(OutputCapture::withoutPrefixes("[1](2,3) a [4](5,6) b\n"
                                              " [7](8,9) c\n"
@@ -62,14 +63,14 @@ TEST(OutputCapture, LeavesAPrefixThatDoesNotBeginItsLine) {
               "a [4](5,6) b\n [7](8,9) c\n[4](5,6) d");
 }
 
-/// The capture keeps empty lines and a last line without its end.
+/// Empty lines, and a last line without a line feed, stay when the prefixes are taken off.
 TEST(OutputCapture, KeepsEmptyLinesAndALastLineWithoutItsEnd) {
     EXPECT_EQ(OutputCapture::withoutPrefixes(""), "");
     EXPECT_EQ(OutputCapture::withoutPrefixes("\n\n[1](2,3) \n"), "\n\n\n");
     EXPECT_EQ(OutputCapture::withoutPrefixes("a\n[1](2,3) b"), "a\nb");
 }
 
-/// The capture measures only a whole prefix.
+/// Only a complete prefix, "[milliseconds](process,thread) ", counts as one.
 TEST(OutputCapture, MeasuresOnlyAWholePrefix) {
     EXPECT_EQ(OutputCapture::prefixLength("[523411](812,815) kivDB: x"), 18U);
     for (const char* line : {"", "kivDB: x", "[1](2,3)x", "[1](2) x", "[](2,3) x", "[1] (2,3) x",
@@ -78,7 +79,7 @@ TEST(OutputCapture, MeasuresOnlyAWholePrefix) {
     }
 }
 
-/// The capture tells lines with a prefix from lines without.
+/// The lines of one class can be asked for with the prefix or without it.
 TEST(OutputCapture, TellsLinesWithAPrefixFromLinesWithout) {
     const std::string text =
         "[1](2,3) kivDB: one\nkivDB: two\n[1](2,3) other: three\n [1](2,3) kivDB: four\n";

@@ -54,14 +54,14 @@ TEST_F(PimAppVersionTest, NamesTheFileInTheDirectoryAndLoadsIt) {
     expectHeld("1.0", "today");
 }
 
-/// A missing or broken file, or JSON that is no object, counts as empty version and date.
+/// A missing or broken file, or JSON that is not an object, counts as empty version and date.
 TEST_F(PimAppVersionTest, HoldsEmptyStringsWithoutAFile) {
     PimAppVersion::setPimVersionPath(m_dir.path());
     EXPECT_EQ(PimAppVersionPeer::heldText(), kEmpty);
     EXPECT_FALSE(m_dir.has(kFile));
 }
 
-/// A missing or broken file, or JSON that is no object, counts as empty version and date.
+/// A missing or broken file, or JSON that is not an object, counts as empty version and date.
 TEST_F(PimAppVersionTest, HoldsEmptyStringsForTextThatDoesNotParse) {
     for (const char* text : {"", "nonsense", R"({"pim-version": "1.0")", "5"}) {
         loadText(text);
@@ -70,7 +70,7 @@ TEST_F(PimAppVersionTest, HoldsEmptyStringsForTextThatDoesNotParse) {
     }
 }
 
-/// A missing or broken file, or JSON that is no object, counts as empty version and date.
+/// A missing or broken file, or JSON that is not an object, counts as empty version and date.
 TEST_F(PimAppVersionTest, TakesJsonThatIsNoObjectForAMissingFile) {
     loadText(R"(["pim-version", "1.0"])");
     EXPECT_EQ(PimAppVersionPeer::heldText(), kEmpty);
@@ -220,7 +220,7 @@ TEST_F(PimAppVersionTest, KeepsTheOldFileWholeWhenTheNewOneCannotBeWritten) {
     expectHeld("3.0", "today");
 }
 
-/// A version that is no UTF-8 changes nothing.
+/// A version that is not UTF-8 changes nothing.
 TEST_F(PimAppVersionTest, RefusesAVersionThatIsNoUtf8) {
     const std::string text = R"({"pim-version":"1.0","pim-builddate":"today"})";
     loadText(text);

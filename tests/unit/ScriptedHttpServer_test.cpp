@@ -88,7 +88,8 @@ std::string transportName(const testing::TestParamInfo<Transport>& info) {
 INSTANTIATE_TEST_SUITE_P(Transports, ScriptedHttpServerTest,
                          testing::Values(Transport::Plain, Transport::Tls), transportName);
 
-/// The tests' HTTP server answers with the scripted status, headers and body.
+/// The HTTP server of the tests answers with the status, headers and body that the test's script
+/// returns.
 TEST_P(ScriptedHttpServerTest, AnswersWithTheScriptedStatusHeadersAndBody) {
     Response response = withBody("not here");
     response.status = 404;
@@ -105,7 +106,7 @@ TEST_P(ScriptedHttpServerTest, AnswersWithTheScriptedStatusHeadersAndBody) {
               "Connection: close\r\n\r\n");
 }
 
-/// The tests' HTTP server hands the request to the script as it was sent.
+/// The test's script is given method, target, headers and body of the request as they were sent.
 TEST_P(ScriptedHttpServerTest, HandsTheRequestToTheScriptAsItWasSent) {
     const ScriptedHttpServer server(
         [](const Request& request) {
@@ -120,7 +121,8 @@ TEST_P(ScriptedHttpServerTest, HandsTheRequestToTheScriptAsItWasSent) {
               "POST /p%20q?r=%2F a=1 v 1 has not");
 }
 
-/// The tests' HTTP server takes a large body after granting the continue.
+/// The HTTP server of the tests takes a body of 20 MiB, and asks for it when the client says
+/// "Expect: 100-continue".
 TEST_P(ScriptedHttpServerTest, TakesALargeBodyAfterGrantingTheContinue) {
     const ScriptedHttpServer server(always(withBody("taken")), GetParam());
     std::string post(20 * 1024 * 1024, 'x');
@@ -134,7 +136,7 @@ TEST_P(ScriptedHttpServerTest, TakesALargeBodyAfterGrantingTheContinue) {
     EXPECT_TRUE(server.requests()[0].body == post);
 }
 
-/// The tests' HTTP server sends a large body whole.
+/// The HTTP server of the tests sends a body of 20 MiB whole.
 TEST_P(ScriptedHttpServerTest, SendsALargeBodyWhole) {
     const std::string body(20 * 1024 * 1024, 'y');
     const ScriptedHttpServer server(always(withBody(body)), GetParam());
@@ -142,7 +144,7 @@ TEST_P(ScriptedHttpServerTest, SendsALargeBodyWhole) {
     EXPECT_TRUE(fetch(server.url(), ca()).body == body);
 }
 
-/// The tests' HTTP server closes without an answer.
+/// A script can have the server take a request and close the connection without an answer.
 TEST_P(ScriptedHttpServerTest, ClosesWithoutAnAnswer) {
     Response response;
     response.closeWithoutAnswer = true;
@@ -152,7 +154,7 @@ TEST_P(ScriptedHttpServerTest, ClosesWithoutAnAnswer) {
     EXPECT_EQ(server.requests().size(), 1U);
 }
 
-/// The tests' HTTP server cuts the body off.
+/// A script can have the server close the connection after some bytes of the body.
 TEST_P(ScriptedHttpServerTest, CutsTheBodyOff) {
     Response response = withBody("0123456789");
     response.cutAfterBodyBytes = 4;
@@ -164,7 +166,7 @@ TEST_P(ScriptedHttpServerTest, CutsTheBodyOff) {
     EXPECT_EQ(got.body, "0123");
 }
 
-/// The tests' HTTP server drips the body.
+/// A script can have the server send the body byte by byte with a pause between.
 TEST_P(ScriptedHttpServerTest, DripsTheBody) {
     Response response = withBody("abcd");
     response.dripMs = 30;
@@ -175,7 +177,7 @@ TEST_P(ScriptedHttpServerTest, DripsTheBody) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(90));
 }
 
-/// The tests' HTTP server ends hanging and dripping connections when destroyed.
+/// Destroying the server ends at once the connections that hang or drip.
 TEST_P(ScriptedHttpServerTest, EndsHangingAndDrippingConnectionsWhenDestroyed) {
     auto server = std::make_unique<ScriptedHttpServer>(
         [](const Request& request) {
@@ -200,7 +202,7 @@ TEST_P(ScriptedHttpServerTest, EndsHangingAndDrippingConnectionsWhenDestroyed) {
     EXPECT_EQ(dripping.get().code, CURLE_PARTIAL_FILE);
 }
 
-/// The tests' HTTP server serves connections at the same time.
+/// The HTTP server of the tests serves several connections at the same time.
 TEST_P(ScriptedHttpServerTest, ServesConnectionsAtTheSameTime) {
     std::promise<void> second;
     auto secondCame = second.get_future().share();
@@ -217,7 +219,7 @@ TEST_P(ScriptedHttpServerTest, ServesConnectionsAtTheSameTime) {
     EXPECT_EQ(first.get().body, "together");
 }
 
-/// The tests' HTTP server leaves no port open after its end.
+/// After the server was destroyed nobody listens on its port.
 TEST_P(ScriptedHttpServerTest, LeavesNoPortOpenAfterItsEnd) {
     std::string url;
     {
@@ -227,7 +229,7 @@ TEST_P(ScriptedHttpServerTest, LeavesNoPortOpenAfterItsEnd) {
     EXPECT_EQ(fetch(url, ca()).code, CURLE_COULDNT_CONNECT);
 }
 
-/// Answers of the tests' HTTP server leave the body out where HTTP has none.
+/// An answer of a status that has no body in HTTP, like 304, is sent without body and length.
 TEST(ScriptedHttpServerAnswers, LeavesTheBodyOutWhereHttpHasNone) {
     Response response = withBody("no such body");
     response.status = 304;
@@ -239,7 +241,7 @@ TEST(ScriptedHttpServerAnswers, LeavesTheBodyOutWhereHttpHasNone) {
     EXPECT_EQ(got.head, "HTTP/1.1 304 Status\r\nConnection: close\r\n\r\n");
 }
 
-/// Answers of the tests' HTTP server keep the length that the script names.
+/// A script may name a wrong length; the server sends it as it is.
 TEST(ScriptedHttpServerAnswers, KeepTheLengthThatTheScriptNames) {
     Response response = withBody("abc");
     response.headers = {{"content-length", "7"}, {"connection", "close"}};
@@ -251,7 +253,7 @@ TEST(ScriptedHttpServerAnswers, KeepTheLengthThatTheScriptNames) {
     EXPECT_EQ(got.head, "HTTP/1.1 200 OK\r\ncontent-length: 7\r\nconnection: close\r\n\r\n");
 }
 
-/// Answers of the tests' HTTP server tell about a script that throws.
+/// When a script throws, the server answers 500 with the exception's text.
 TEST(ScriptedHttpServerAnswers, TellAboutAScriptThatThrows) {
     const ScriptedHttpServer server(
         [](const Request&) -> Response { throw std::runtime_error("oops"); });
@@ -262,7 +264,7 @@ TEST(ScriptedHttpServerAnswers, TellAboutAScriptThatThrows) {
     EXPECT_EQ(got.body, "the test's script failed: oops");
 }
 
-/// Answers of the tests' HTTP server raise no SIGPIPE when the client is gone.
+/// A client that goes away in the middle of an answer does not end the test with SIGPIPE.
 TEST(ScriptedHttpServerAnswers, RaiseNoSigpipeWhenTheClientIsGone) {
     for (const Transport transport : {Transport::Plain, Transport::Tls}) {
         ::signal(SIGPIPE, SIG_DFL);
@@ -279,7 +281,8 @@ TEST(ScriptedHttpServerAnswers, RaiseNoSigpipeWhenTheClientIsGone) {
     }
 }
 
-/// The tests' HTTPS server is trusted through the CA file and through its directory.
+/// The HTTPS server of the tests is trusted through the tests' CA file and through the directory
+/// that holds it.
 TEST(ScriptedHttpServerTls, IsTrustedThroughTheCaFileAndThroughItsDirectory) {
     const ScriptedHttpServer server(always(withBody("trusted")), Transport::Tls);
     const std::string file = ScriptedHttpServer::caFile();
@@ -290,7 +293,7 @@ TEST(ScriptedHttpServerTls, IsTrustedThroughTheCaFileAndThroughItsDirectory) {
               "trusted");
 }
 
-/// The tests' HTTPS server is not trusted through the other CA.
+/// The HTTPS server of the tests is not trusted through the tests' second CA.
 TEST(ScriptedHttpServerTls, IsNotTrustedThroughTheOtherCa) {
     const ScriptedHttpServer server(always(Response()), Transport::Tls);
     const std::string other = ScriptedHttpServer::otherCaFile();
@@ -302,7 +305,7 @@ TEST(ScriptedHttpServerTls, IsNotTrustedThroughTheOtherCa) {
     EXPECT_TRUE(server.requests().empty());
 }
 
-/// The tests' HTTPS server serves the numeric address too.
+/// The certificate of the HTTPS server is good for 127.0.0.1 as well as for "localhost".
 TEST(ScriptedHttpServerTls, ServesTheNumericAddressToo) {
     const ScriptedHttpServer server(always(withBody("by number")), Transport::Tls);
 

@@ -247,7 +247,7 @@ TEST_F(OpenTimeMgrTest, ANewPathOpensAnotherStoreAndForgetsTheSource) {
     EXPECT_EQ(m_manager->getTime(TimeSourceWeb, kRef), kTime);
 }
 
-/// A file that is no database is not recreated.
+/// A file that is not a database is not recreated.
 TEST_F(OpenTimeMgrTest, AStoreThatIsNoDatabaseIsNotRecreated) {
     const std::string path = m_dir.write("Foreign", std::string(4096, 'x'));
     OutputCapture quiet;
@@ -558,7 +558,7 @@ TEST_F(TimeMgrImplTest, AWaiterIsWokenWhenTheDatabaseIsOpen) {
 
 class MiddlewareTimeTest : public OpenTimeMgrTest {
   protected:
-    /// Handles `text` as if it came `afterMs` behind the previous message.
+    /// Handles `text` as if it came `afterMs` after the previous message.
     void receive(const std::string& text, std::int64_t afterMs = 0) {
         m_previousRef = TimeReference();
         m_previousRef.kernelTime -= afterMs;
@@ -584,7 +584,7 @@ TEST_F(MiddlewareTimeTest, TheFirstMessageIsAJumpAndSetsSystemTime) {
     EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, kTime / 1000);
 }
 
-/// The same time again, and time that runs with the kernel, are no jump.
+/// The same time again, and time that runs with the kernel, are not a jump.
 TEST_F(MiddlewareTimeTest, TheSameTimeAgainAfterFiveSecondsIsNoJump) {
     receive("1551953702000");
     EXPECT_EQ(linesOf([this] { receive("1551953702000", 5000); }),
@@ -600,7 +600,7 @@ TEST_F(MiddlewareTimeTest, TwoMinutesAheadIsAJump) {
                 HasSubstr("TimeMgr: System time changed from 1551953822000 to 1551953702000\n"));
 }
 
-/// The same time again, and time that runs with the kernel, are no jump.
+/// The same time again, and time that runs with the kernel, are not a jump.
 TEST_F(MiddlewareTimeTest, TimeThatRunsWithTheKernelIsNoJump) {
     receive("1551953702000");
     EXPECT_EQ(linesOf([this] { receive("1551954002000", 300000); }),
@@ -642,7 +642,7 @@ TEST_F(MiddlewareTimeTest, LeadingBlanksAndWhatFollowsTheNumberDoNotMatter) {
     EXPECT_EQ(m_previousTime, kTime);
 }
 
-/// What is no number, or out of range, is skipped with "Invalid MW time : ".
+/// What is not a number, or out of range, is skipped with "Invalid MW time : ".
 TEST_F(MiddlewareTimeTest, AMessageThatIsNoNumberIsSkippedWithALine) {
     m_previousTime = kTime;
     for (const char* text : {"noon", "-", "", " ms", "x1551953702000"}) {
@@ -656,7 +656,7 @@ TEST_F(MiddlewareTimeTest, AMessageThatIsNoNumberIsSkippedWithALine) {
     EXPECT_EQ(ref.kernelTime, 5);
 }
 
-/// What is no number, or out of range, is skipped with "Invalid MW time : ".
+/// What is not a number, or out of range, is skipped with "Invalid MW time : ".
 TEST_F(MiddlewareTimeTest, ANumberOutOfRangeIsSkippedWithALine) {
     EXPECT_EQ(errorsOf([this] { receive("99999999999999999999"); }),
               "TimeMgr: Invalid MW time : 99999999999999999999\n");
@@ -819,7 +819,7 @@ TEST_F(TimePipeTest, TheSameTimeBehindAReopeningIsNoJump) {
         return momentsOf(capture.out(), "TimeMgr: MW time = 1551953702000");
     };
     EXPECT_TRUE(WaitUntil([&] { return received().size() == 2; }));
-    m_manager->setAutoUpdateSystemTime(false);  // ends behind the handling
+    m_manager->setAutoUpdateSystemTime(false);  // returns once the handling is done
     ::close(second);
     EXPECT_EQ(prefixedLines(capture.out(), "TimeMgr: System time changed "),
               "TimeMgr: System time changed from 0 to 1551953702000\n");
@@ -853,7 +853,7 @@ TEST_F(TimePipeTest, WhatFollows1024BytesIsAMessageOfItsOwn) {
               "TimeMgr: Invalid MW time : " + std::string(1024, ' ') + "\n");
 }
 
-/// What is no number, or out of range, is skipped with "Invalid MW time : ".
+/// What is not a number, or out of range, is skipped with "Invalid MW time : ".
 TEST_F(TimePipeTest, GoesOnAfterAMessageThatIsNoNumber) {
     OutputCapture capture;
     m_manager->setDBPath(dbPath());

@@ -167,7 +167,7 @@ TEST_F(UploadImplEventsTest, WaitsForTheAgeOfARestBelowTheMinimum) {
     EXPECT_EQ(waiting(), (Messages{{4, 0}}));
 }
 
-/// An event that fits no packet blocks the queue and is no failure.
+/// An event that fits no packet blocks the queue and is not a failure.
 TEST_F(UploadImplEventsTest, LetsAnEventThatFitsNoPacketBlockTheQueue) {
     configure(R"({"upload_events": {"max-size": 100}})");
     addEvent();

@@ -84,21 +84,24 @@ TEST_F(UploadImplFilesTest, UploadsAFileWithMetadataUnderItsBareNameAndDeletesIt
     EXPECT_EQ(UploadImplPeer::bucket(*upload), "b1");
 }
 
-/// Metadata without a bucket name takes the configuration's; what is no JSON is none.
+/// Metadata without a bucket name takes the configuration's; a text that is not JSON counts as no
+/// metadata.
 TEST_F(UploadImplFilesTest, TakesTheDefaultBucketForMetadataWithoutOne) {
     announce("log1", R"({"x": 1})");
     EXPECT_EQ(upload->uploadFiles(), 1);
     EXPECT_EQ(objects(), (Objects{"/default/bucket/log1"}));
 }
 
-/// Metadata without a bucket name takes the configuration's; what is no JSON is none.
+/// Metadata without a bucket name takes the configuration's; a text that is not JSON counts as no
+/// metadata.
 TEST_F(UploadImplFilesTest, TakesTheDefaultBucketForABucketNameThatIsNoString) {
     announce("log1", R"({"bucketname": 5})");
     EXPECT_EQ(upload->uploadFiles(), 1);
     EXPECT_EQ(objects(), (Objects{"/default/bucket/log1"}));
 }
 
-/// Metadata without a bucket name takes the configuration's; what is no JSON is none.
+/// Metadata without a bucket name takes the configuration's; a text that is not JSON counts as no
+/// metadata.
 TEST_F(UploadImplFilesTest, TakesMetadataThatIsNoJsonForNone) {
     const std::string path = announce("log1", "no json");
     EXPECT_EQ(upload->uploadFiles(), 1);
@@ -106,7 +109,7 @@ TEST_F(UploadImplFilesTest, TakesMetadataThatIsNoJsonForNone) {
     EXPECT_TRUE(std::filesystem::exists(path));
 }
 
-/// A file that is not there, or no regular file, is dropped and the pass goes on.
+/// A file that is not there, or not a regular file, is dropped and the pass goes on.
 TEST_F(UploadImplFilesTest, DropsAFileThatIsNotThereAndGoesOn) {
     db().addFile("gone", dir.file("gone"), "");
     announce("log1");
@@ -115,7 +118,7 @@ TEST_F(UploadImplFilesTest, DropsAFileThatIsNotThereAndGoesOn) {
     EXPECT_EQ(storedFiles(), "0");
 }
 
-/// A file that is not there, or no regular file, is dropped and the pass goes on.
+/// A file that is not there, or not a regular file, is dropped and the pass goes on.
 TEST_F(UploadImplFilesTest, DropsWhatIsNoRegularFile) {
     ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0600), 0);
     db().addFile("fifo", dir.file("fifo"), "");

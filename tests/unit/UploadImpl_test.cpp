@@ -135,7 +135,7 @@ TEST_F(UploadImplTest, RunsTheThreadFromTheStart) {
     EXPECT_TRUE(WaitUntil([&] { return UploadImplPeer::isRunning(another); }));
 }
 
-/// A stop ends the thread behind all waiting work, once.
+/// A stop ends the thread once all waiting work is done, and only once.
 TEST_F(UploadImplTest, EndsTheThreadBehindAllWaitingWork) {
     auto another = startAnother();
     std::unique_lock<std::recursive_mutex> store(DB::m_PruneLock);
@@ -162,7 +162,7 @@ TEST_F(UploadImplTest, EndsTheThreadBehindAllWaitingWork) {
     EXPECT_FALSE(UploadImplPeer::thread(*another).joinable());
 }
 
-/// Behind each job free memory is given back.
+/// After each job free memory is given back.
 TEST_F(UploadImplTest, GivesFreeMemoryBackBehindEachJob) {
     const int before = SystemCallFaults::heapTrims;
     auto another = startAnother();
@@ -174,7 +174,7 @@ TEST_F(UploadImplTest, GivesFreeMemoryBackBehindEachJob) {
     EXPECT_EQ(SystemCallFaults::heapTrims, before + 3);
 }
 
-/// A stop ends the thread behind all waiting work, once.
+/// A stop ends the thread once all waiting work is done, and only once.
 TEST_F(UploadImplTest, StopsOnlyOnce) {
     upload->stopThread();
     EXPECT_EQ(waiting(), Messages{}) << "no thread, no stop message";

@@ -138,7 +138,7 @@ TEST(UtcTime, RefusesTextThatIsNotConsumedWhole) {
     expectRefused("Thu, 07 Mar 2019 10:15:02");
 }
 
-/// What is no time gives 0 and the line "Failed to parse time: " with the text.
+/// What is not a time gives 0 and the line "Failed to parse time: " with the text.
 TEST(UtcTime, RefusesTextThatIsNoTime) {
     const ZoneScope zone("UTC");
     expectRefused("");

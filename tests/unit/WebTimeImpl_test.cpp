@@ -88,7 +88,7 @@ TEST_F(WebTimeImplTest, StoresTheDateForTheMomentAfterTheAnswer) {
     EXPECT_EQ(m_time->getTime(TimeSourceSystem, after), 0);
 }
 
-/// While web time is known nobody is asked; system time is none.
+/// While web time is known nobody is asked; system time does not count as web time.
 TEST_F(WebTimeImplTest, MakesNoRequestWhileTheTimeIsKnown) {
     m_time->setTime(TimeSourceWeb, TimeReference(), kDateMs + 999);
     EXPECT_TRUE(getWebTime());
@@ -96,7 +96,7 @@ TEST_F(WebTimeImplTest, MakesNoRequestWhileTheTimeIsKnown) {
     EXPECT_GE(m_webTime->getWebTimeValue(), kDateMs / 1000);
 }
 
-/// While web time is known nobody is asked; system time is none.
+/// While web time is known nobody is asked; system time does not count as web time.
 TEST_F(WebTimeImplTest, SystemTimeIsNoWebTime) {
     m_time->setTime(TimeSourceSystem, TimeReference(), kDateMs);
     EXPECT_FALSE(getWebTime());

@@ -17,7 +17,7 @@ class PutRecordRequest {
     void SetRecord(Record record) { m_record = std::move(record); }
 
     /// The body of the request: a JSON object with "DeliveryStreamName" and "Record". Empty when
-    /// the name is no UTF-8 text.
+    /// the name is not a UTF-8 text.
     String SerializePayload() const;
 
   private:
