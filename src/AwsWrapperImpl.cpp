@@ -1,17 +1,17 @@
 #include "AwsWrapperImpl.h"
 
+#include "ClassLog.h"
 #include "Config.h"
 #include "Credentials.h"
-#include "DbgOut.h"
 #include "Descriptor.h"
 #include "JsonObject.h"
 #include "TimeMgrImpl.h"
+#include "TimedChild.h"
 
-#include <atomic>
 #include <chrono>
 #include <exception>
 #include <fstream>
-#include <iostream>
+#include <functional>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -19,12 +19,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <libgen.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <aws/core/Aws.h>
@@ -53,72 +48,12 @@ unsigned int AwsWrapperImpl::m_uploadLimitSeconds = 300;
 
 namespace {
 
-constexpr char kTag[] = "kivAWSWrapper: ";
+ClassLog s_log("kivAWSWrapper: ");
+
 constexpr char kAllocationTag[] = "kivApp";
 constexpr char kLogPrefix[] = "aws_sdk_";
 constexpr long kTimeoutMs = 30000;  ///< to connect, and without any progress
 constexpr std::int64_t kBytesPerSecond = 50000000;
-
-std::atomic<bool> verbose{false};
-std::atomic<int> uploadChild{-1};  ///< process id; -1: none. Read by the signal handler
-static_assert(std::atomic<int>::is_always_lock_free, "read in a signal handler");
-
-template <typename... Parts>
-void logLine(const Parts&... parts) {
-    if (verbose) ((coutdbg << kTag) << ... << parts) << std::endl;
-}
-
-template <typename... Parts>
-void logError(const Parts&... parts) {
-    ((cerrdbg << kTag) << ... << parts) << std::endl;
-}
-
-/// A line on standard error for the signal handler, which must neither allocate nor lock.
-class SignalSafeLine {
-  public:
-    SignalSafeLine() {
-        timespec now = {};
-        ::clock_gettime(CLOCK_MONOTONIC, &now);
-        add("[");
-        add(static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000);
-        add("](");
-        add(static_cast<long long>(::getpid()));
-        add(",");
-        add(static_cast<long long>(::syscall(SYS_gettid)));
-        add(") ");
-        add(kTag);
-    }
-
-    void add(const char* text) {
-        while (*text != '\0') addCharacter(*text++);
-    }
-
-    void add(long long number) {
-        if (number < 0) addCharacter('-');
-        char digits[24];
-        int count = 0;
-        do {
-            const int digit = static_cast<int>(number % 10);
-            digits[count++] = static_cast<char>('0' + (digit < 0 ? -digit : digit));
-            number /= 10;
-        } while (number != 0);
-        while (count > 0) addCharacter(digits[--count]);
-    }
-
-    void write() {
-        addCharacter('\n');
-        const ssize_t written = ::write(STDERR_FILENO, m_text, m_length);
-        static_cast<void>(written);  // nobody is left to tell
-    }
-
-  private:
-    void addCharacter(char character) {
-        if (m_length < sizeof m_text) m_text[m_length++] = character;
-    }
-
-    char m_text[160];
-    std::size_t m_length = 0;
-};
 
 /// The configured endpoint may be a host or a URL; the client wants a URL.
 std::string endpointUrl(std::string host) {
@@ -168,23 +103,6 @@ void dateRequestsBy(std::function<std::chrono::system_clock::time_point()> clock
 #endif
 }
 
-void unblockAlarmByDefault() {
-    ::signal(SIGALRM, SIG_DFL);
-    sigset_t alarm;
-    ::sigemptyset(&alarm);
-    ::sigaddset(&alarm, SIGALRM);
-    ::pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
-}
-
-/// The store, the queue and the sockets of the daemon are no business of the child.
-void closeInheritedDescriptors() {
-#ifdef SYS_close_range
-    if (::syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0) == 0) return;
-#endif
-    const long limit = ::sysconf(_SC_OPEN_MAX);
-    for (int fd = STDERR_FILENO + 1; fd < (limit < 0 ? 1024 : limit); ++fd) ::close(fd);
-}
-
 /// @return how many bytes were read; 0 at the end, negative, with errno, on failure
 ssize_t readBlock(const Descriptor& file, std::vector<char>& buffer) {
     ssize_t count = 0;
@@ -198,18 +116,18 @@ ssize_t readBlock(const Descriptor& file, std::vector<char>& buffer) {
 long long readFile(const std::string& path, std::iostream& content) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.isOpen()) {
-        logError("could not open file ", path);
+        s_log.error("could not open file ", path);
         return -1;
     }
     std::vector<char> buffer(65536);
     long long size = 0;
     for (ssize_t count = 0; (count = readBlock(file, buffer)) != 0; size += count) {
         if (count < 0) {
-            logError("could not read file ", path, ": ", ::strerror(errno));
+            s_log.error("could not read file ", path, ": ", ClassLog::errnoText(errno));
             return -1;
         }
         if (!content.write(buffer.data(), count)) {
-            logError("could not hold file ", path, ": out of memory");
+            s_log.error("could not hold file ", path, ": out of memory");
             return -1;
         }
     }
@@ -220,14 +138,16 @@ bool writeWhole(const std::string& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text;
     out.flush();
-    if (!out) logError("Cannot write test mode file ", path, ": ", ::strerror(errno));
+    if (!out) s_log.error("Cannot write test mode file ", path, ": ", ClassLog::errnoText(errno));
     return static_cast<bool>(out);
 }
 
 std::string fileElement(const std::string& objectName, const std::string& bucket,
                         const std::string& localPath) {
     JsonObject element;
-    element.Pack("{ s:s, s:s, s:s }", "id", objectName.c_str(), "bucketname", bucket.c_str(),
+    element.Pack("{ s:s, s:s, s:s }",           //
+                 "id", objectName.c_str(),      //
+                 "bucketname", bucket.c_str(),  //
                  "filename", localPath.c_str());
     return element.dumpAsString();
 }
@@ -276,18 +196,19 @@ Aws::Client::ClientConfiguration AwsWrapperImpl::Sdk::configurationFor(
         Aws::MakeShared<Aws::Client::DefaultRetryStrategy>(allocationTag, 0);
     configuration.endpointOverride = endpointUrl(host).c_str();
     if (!caPath.empty()) {
-        logLine("Set AWS ClientConfiguration caPath for ", service, " to ", caPath);
+        s_log.info("Set AWS ClientConfiguration caPath for ", service, " to ", caPath);
         configuration.caPath = caPath.c_str();
-        configuration.caFile = ::getenv("CURL_CA_BUNDLE");  // set, or there were no path
+        configuration.caFile = ::getenv("CURL_CA_BUNDLE");  // set: the path was made from it
     }
     return configuration;
 }
 
 AwsWrapperImpl::AwsWrapperImpl() : m_sdk(std::make_unique<Sdk>()) {
-    m_sdk->options.loggingOptions.logLevel =
-        verbose ? Aws::Utils::Logging::LogLevel::Trace : Aws::Utils::Logging::LogLevel::Off;
+    m_sdk->options.loggingOptions.logLevel = s_log.isVerbose()
+                                                 ? Aws::Utils::Logging::LogLevel::Trace
+                                                 : Aws::Utils::Logging::LogLevel::Off;
     m_sdk->options.loggingOptions.defaultLogPrefix = kLogPrefix;
-    logLine("Initializing aws");
+    s_log.info("Initializing aws");
     // No metadata service is asked here, and bodies go out plain with their Content-MD5.
     ::setenv("AWS_EC2_METADATA_DISABLED", "true", 0);
     ::setenv("AWS_REQUEST_CHECKSUM_CALCULATION", "when_required", 0);
@@ -301,7 +222,7 @@ AwsWrapperImpl::AwsWrapperImpl() : m_sdk(std::make_unique<Sdk>()) {
 }
 
 AwsWrapperImpl::~AwsWrapperImpl() {
-    logLine("Closing aws");
+    s_log.info("Closing aws");
     Aws::ShutdownAPI(m_sdk->options);
 }
 
@@ -324,12 +245,13 @@ void AwsWrapperImpl::SetTestMode(std::string path) {
     m_TestModeFile = std::move(path);
 }
 
-void AwsWrapperImpl::SetVerbose(bool on) {
-    verbose = on;
+void AwsWrapperImpl::SetVerbose(bool verbose) {
+    s_log.setVerbose(verbose);
+    TimedChild::setVerbose(verbose);
 }
 
 bool AwsWrapperImpl::GetVerbose() {
-    return verbose;
+    return s_log.isVerbose();
 }
 
 /// Appends `text`, parsed, to the array `list` of the test-mode file; text that is not one JSON
@@ -352,10 +274,10 @@ bool AwsWrapperImpl::appendToTestFile(const std::string& path, const char* list,
 bool AwsWrapperImpl::UploadToKinesisFirehose(std::string record) {
     if (!m_TestModeFile.empty()) {
         const bool recorded = appendToTestFile(m_TestModeFile, "eventlog", record);
-        if (!recorded) logError("UploadToKinesisFirehose failed ");
+        if (!recorded) s_log.error("UploadToKinesisFirehose failed ");
         return recorded;
     }
-    logLine("UploadToKinesisFirehose: ", record);
+    s_log.info("UploadToKinesisFirehose: ", record);
     const Config config;
     const Aws::Firehose::FirehoseClient client(
         Aws::MakeShared<Credentials>(m_sdk->allocationTag),
@@ -367,22 +289,15 @@ bool AwsWrapperImpl::UploadToKinesisFirehose(std::string record) {
     request.SetRecord(firehoseRecord);
     const auto outcome = client.PutRecord(request);
     if (!outcome.IsSuccess()) {
-        logError("Failed sending packet to Firehose AWS");
-        logError("Error = ", outcome.GetError().GetMessage().c_str());
+        s_log.error("Failed sending packet to Firehose AWS");
+        s_log.error("Error = ", outcome.GetError().GetMessage().c_str());
     }
     return outcome.IsSuccess();
 }
 
 bool AwsWrapperImpl::UploadFile(std::string objectName, std::string localPath) {
     const Upload upload = prepareUpload(objectName, localPath);
-    std::cout.flush();  // or the child would write what waits in the buffer once more
-    const pid_t child = ::fork();
-    if (child < 0) {
-        logError("Fork failed: ", ::strerror(errno));
-        return false;
-    }
-    if (child == 0) endChild(runChild(upload));
-    return waitForChild(child);
+    return TimedChild::run([&upload] { return runUpload(upload); }, m_uploadLimitSeconds);
 }
 
 /// Everything that takes a lock is read here, before the fork.
@@ -399,58 +314,8 @@ AwsWrapperImpl::Upload AwsWrapperImpl::prepareUpload(const std::string& objectNa
     return upload;
 }
 
-bool AwsWrapperImpl::waitForChild(int child) {
-    uploadChild = child;
-    logLine("Wait for child ", child);
-    limitChild();
-    int status = 0;
-    pid_t ended = 0;
-    do {
-        ended =
-            ::waitpid(child, &status, 0);  // goes on after the alarm: the killed child is reaped
-    } while (ended < 0 && errno == EINTR);
-    const int failure = errno;
-    uploadChild = -1;  // first: its process id may already be another's
-    ::alarm(0);
-    if (ended != child) {
-        logError("Error waiting for child ", child, ": ", ::strerror(failure));
-        return false;
-    }
-    logLine("Child returns ", status);
-    if (!WIFEXITED(status)) {
-        logError("Child did not exit normally: status=", status);
-        return false;
-    }
-    return WEXITSTATUS(status) != 0;
-}
-
-void AwsWrapperImpl::limitChild() {
-    struct sigaction action = {};
-    action.sa_handler = killTimedOutChild;
-    ::sigemptyset(&action.sa_mask);
-    ::sigaddset(&action.sa_mask, SIGALRM);
-    ::sigaction(SIGALRM, &action, nullptr);
-    ::alarm(m_uploadLimitSeconds);
-}
-
-/// The handler of SIGALRM. The signal is blocked in every thread but the main one, so that it
-/// interrupts nothing but that thread's `pause`.
-void AwsWrapperImpl::killTimedOutChild(int) {
-    const int savedErrno = errno;
-    const int child = uploadChild;
-    SignalSafeLine line;
-    line.add("Child Timeout expired! : kill pid");
-    line.add(static_cast<long long>(child));
-    line.write();
-    if (child >= 0) ::kill(child, SIGKILL);
-    errno = savedErrno;
-}
-
-/// The child's work. It is a copy of the daemon with this one thread: what another thread had
-/// locked stays locked for ever, so nothing here asks the daemon's objects.
-bool AwsWrapperImpl::runChild(const Upload& upload) {
-    unblockAlarmByDefault();
-    closeInheritedDescriptors();
+/// The child's work, which asks none of the daemon's objects.
+bool AwsWrapperImpl::runUpload(const Upload& upload) {
     try {
         if (!upload.testModeFile.empty()) {
             return appendToTestFile(
@@ -460,16 +325,9 @@ bool AwsWrapperImpl::runChild(const Upload& upload) {
         dateRequestsBy(upload.clock);
         return putObject(upload);
     } catch (const std::exception& error) {
-        logError("Sending file ", upload.localPath, " failed: ", error.what());
+        s_log.error("Sending file ", upload.localPath, " failed: ", error.what());
         return false;
     }
-}
-
-/// Leaves without destructors and exit handlers. 1 means uploaded, so that a child that fails
-/// early, with status 0, is never taken for a success.
-void AwsWrapperImpl::endChild(bool success) {
-    logLine("Child process exits with ", success);
-    ::_exit(success ? 1 : 0);
 }
 
 bool AwsWrapperImpl::putObject(const Upload& upload) {
@@ -488,8 +346,8 @@ bool AwsWrapperImpl::putObject(const Upload& upload) {
         Aws::MakeShared<CredentialsCopy>(kAllocationTag, upload.credentials), upload.configuration);
     const auto outcome = client.PutObject(request);
     if (!outcome.IsSuccess()) {
-        logError("Failed sending file to S3 AWS");
-        logError("Error = ", outcome.GetError().GetMessage().c_str());
+        s_log.error("Failed sending file to S3 AWS");
+        s_log.error("Error = ", outcome.GetError().GetMessage().c_str());
     }
     return outcome.IsSuccess();
 }
@@ -500,15 +358,15 @@ bool AwsWrapperImpl::DownloadFile(std::string objectName, std::string localPath)
         ::unlink(localPath.c_str());
         return false;
     }
-    logLine("File downloaded from S3 to location ", localPath);
+    s_log.info("File downloaded from S3 to location ", localPath);
     return true;
 }
 
 /// The file is sure to be complete only when this has returned.
 bool AwsWrapperImpl::getObject(const std::string& objectName, const std::string& localPath) {
     if (!std::ofstream(localPath, std::ios::binary | std::ios::trunc)) {
-        logError("File download failed from s3 with error ", "cannot create ", localPath, ": ",
-                 ::strerror(errno));
+        s_log.error("File download failed from s3 with error ", "cannot create ", localPath, ": ",
+                    ClassLog::errnoText(errno));
         return false;
     }
     Aws::S3::Model::GetObjectRequest request;
@@ -525,8 +383,8 @@ bool AwsWrapperImpl::getObject(const std::string& objectName, const std::string&
                      m_sdk->configurationFor("S3", Config()->GetS3Endpoint(), GetCaPath()));
     const auto outcome = client.GetObject(request);
     if (!outcome.IsSuccess()) {
-        logError("File download failed from s3 with error ",
-                 outcome.GetError().GetMessage().c_str());
+        s_log.error("File download failed from s3 with error ",
+                    outcome.GetError().GetMessage().c_str());
     }
     return outcome.IsSuccess();
 }

@@ -1,12 +1,12 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 
 /// The cloud client: puts one record into the Firehose stream, puts one object into S3 from a
 /// child process under a time limit, gets one object from S3. Each call builds its client from the
-/// configuration and credentials of that moment and makes one attempt; the callers retry.
+/// configuration and credentials of that moment and makes one attempt; the callers retry. The
+/// process and its limit are `TimedChild`'s.
 ///
 /// Reached through `Singleton<AwsWrapperImpl>`; used on the upload thread only. Failures are
 /// results and error lines. In test mode (a file is named) everything that would be sent is
@@ -43,11 +43,7 @@ class AwsWrapperImpl {
     struct Upload;  ///< everything that the child needs, read before the fork
 
     Upload prepareUpload(const std::string& objectName, const std::string& localPath);
-    static bool waitForChild(int child);
-    static void limitChild();
-    static void killTimedOutChild(int signal);
-    static bool runChild(const Upload& upload);
-    [[noreturn]] static void endChild(bool success);
+    static bool runUpload(const Upload& upload);
     static bool putObject(const Upload& upload);
     bool getObject(const std::string& objectName, const std::string& localPath);
     static bool appendToTestFile(const std::string& path, const char* list,

@@ -1,10 +1,10 @@
 #include "CTouImpl.h"
 
 #include "AtomicFile.h"
-#include "Credentials.h"
 #include "DbgOut.h"
 #include "JsonObject.h"
 #include "NetworkHelper.h"
+#include "ServiceTables.h"
 
 #include <fstream>
 #include <iterator>
@@ -51,10 +51,9 @@ std::string beginning(const std::string& text) {
 
 /// The server's answer as an object; a null handle, with an error line, when there is none.
 JsonObject fetchAnswer() {
-    const Credentials credentials;
-    const std::string url = credentials.getTouUrl();
+    const std::string url = ServiceTables::getTouUrl();
     NetworkHelper request;
-    if (!request.UrlRequest(url, true, credentials.getLambdaKey())) return JsonObject();
+    if (!request.UrlRequest(url, true, ServiceTables::getLambdaKey())) return JsonObject();
     JsonObject answer = JsonObject::parse(request.data);
     if (answer.isNull()) {
         cerrdbg << kTag << "ToU server answer is no JSON: " << beginning(request.data) << std::endl;

@@ -3,18 +3,16 @@
 #include "AtomicFile.h"
 #include "CGlobalInfoImpl.h"
 #include "CTouImpl.h"
-#include "Config.h"
-#include "Credentials.h"
-#include "DbgOut.h"
+#include "ClassLog.h"
 #include "KernelTime.h"
 #include "NetworkHelper.h"
+#include "ServiceTables.h"
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
 #include "UtcTime.h"
 #include "UtcTimeMs.h"
 
 #include <algorithm>
-#include <atomic>
 #include <functional>
 #include <limits>
 #include <mutex>
@@ -25,43 +23,14 @@
 
 namespace {
 
-constexpr const char* kLogPrefix = "kivconfig: ";
+ClassLog s_log("kivconfig: ");
+
 constexpr std::int64_t kRetrySeconds = 600;  // least time between attempts, and the blind re-check
 constexpr std::int64_t kLongestDelayMs = std::numeric_limits<std::int32_t>::max();
 constexpr std::int64_t kLongestExpiry = std::int64_t{1} << 40;  // seconds, for safe arithmetic
 
-std::atomic<bool> verboseFlag{false};
-
 std::mutex schedulerMutex;  // guards refreshScheduler; held while it is called
 ConfigImpl::RefreshScheduler refreshScheduler;
-
-std::int32_t clampToInt32(std::int64_t value) {
-    using Limits = std::numeric_limits<std::int32_t>;
-    return static_cast<std::int32_t>(std::clamp<std::int64_t>(value, Limits::min(), Limits::max()));
-}
-
-std::int32_t optInt32(const JsonObject& object, const char* key, std::int32_t current) {
-    return clampToInt32(object.optInteger(key, current));
-}
-
-/// The filter's text; "{}" (no rules) where the document has no such object.
-std::string filterText(const JsonObject& doc, const char* key) {
-    const JsonObject filter = doc.getObject(key);
-    return filter.isObject() ? filter.dumpAsString() : Config::defaultFilter;
-}
-
-const char* asText(bool value) {
-    return value ? "true" : "false";
-}
-
-template <typename Value>
-void logValue(const char* label, const Value& value) {
-    if (verboseFlag) coutdbg << kLogPrefix << label << value << std::endl;
-}
-
-bool isErrorAnswer(const JsonObject& doc) {
-    return !doc.optString("message").empty() || !doc.optString("errorMessage").empty();
-}
 
 std::string deviceId() {
     const Singleton<CGlobalInfoImpl> globalInfo;
@@ -75,8 +44,8 @@ bool termsOfUseExist() {
 
 /// Takes the server's time over as web time. @return it in UTC seconds; 0 when it cannot be now
 std::int32_t takeServerTime(const std::string& date) {
-    if (verboseFlag) {
-        std::printf("%s Setting time from the date received from server being:  %s\n", kLogPrefix,
+    if (s_log.isVerbose()) {
+        std::printf("%s Setting time from the date received from server being:  %s\n", s_log.tag(),
                     date.c_str());
     }
     const std::int32_t serverTime = UtcTime(date).seconds();
@@ -89,50 +58,22 @@ std::int32_t takeServerTime(const std::string& date) {
 
 }  // namespace
 
-ConfigImpl::ConfigImpl()
-    : m_firehoseEndpoint(Config::defaultFirehoseEndpoint()),
-      m_s3Endpoint(Config::defaultS3Endpoint()),
-      m_firehoseStream(Config::defaultStream),
-      m_s3Bucket(Config::defaultBucket) {}
+ConfigImpl::ConfigImpl() = default;
 
 // --- the document -------------------------------------------------------------------------------
 
 void ConfigImpl::Load(std::string path) {
     const JsonObject stored = JsonObject::loadFile(path);
     {
-        std::unique_lock<std::recursive_mutex> lock(m_lock);
+        const std::lock_guard<std::recursive_mutex> lock(m_lock);
         m_path = std::move(path);
     }
     if (stored.isObject()) {
         parseConfig(stored);
         return;
     }
-    logValue(" persistent config not found, creating default one", "");
-    saveAndParseConfig(defaultDocument());
-}
-
-JsonObject ConfigImpl::defaultDocument() const {
-    const JsonObject noRules = JsonObject::createObject();
-    const std::string firehoseEndpoint = Config::defaultFirehoseEndpoint();
-    const std::string s3Endpoint = Config::defaultS3Endpoint();
-    JsonObject doc;
-    doc.Pack("{s:b, s:s, s:i, s:O, s:O, s:{s:i, s:i, s:i}, s:s, s:s, s:s, s:s, s:s, s:i }",
-             Config::keyKivTou, 0,                                              //
-             "version", "1.0",                                                  //
-             Config::keyExpiryTou, static_cast<int>(Config::defaultExpiryTou),  //
-             Config::keyEventFilter, noRules.get(),                             //
-             Config::keyFileFilter, noRules.get(),                              //
-             Config::keyUploadEvents,                                           //
-             Config::keyMaxDelay, static_cast<int>(Config::defaultMaxDelay),    //
-             Config::keyMinSize, static_cast<int>(Config::defaultMinSize),      //
-             Config::keyMaxSize, static_cast<int>(Config::defaultMaxSize),      //
-             Config::keyFirehoseEndpoint, firehoseEndpoint.c_str(),             //
-             Config::keyFirehoseStream, Config::defaultStream,                  //
-             Config::keyS3Endpoint, s3Endpoint.c_str(),                         //
-             Config::keyS3Bucket, Config::defaultBucket,                        //
-             Config::keyLastModified, "",                                       //
-             Config::keyUtcTime, 0);
-    return doc;
+    s_log.info(" persistent config not found, creating default one");
+    saveAndParseConfig(ConfigDocument::defaultDocument());
 }
 
 void ConfigImpl::saveAndParseConfig(const JsonObject& doc) {
@@ -142,84 +83,38 @@ void ConfigImpl::saveAndParseConfig(const JsonObject& doc) {
 
 void ConfigImpl::saveConfig(const JsonObject& doc) {
     const std::string failure = AtomicFile::replace(GetPath(), doc.dumpAsString());
-    if (!failure.empty()) {
-        cerrdbg << kLogPrefix << "Cannot save persistent config: " << failure << std::endl;
-    }
+    if (!failure.empty()) s_log.error("Cannot save persistent config: ", failure);
 }
 
 void ConfigImpl::parseConfig(const JsonObject& doc) {
-    std::unique_lock<std::recursive_mutex> lock(m_lock);
-    if (verboseFlag) logValue(" parsing config: ", doc.dumpAsString());
-    logValue(" Version is ", doc.optString("version"));
-    m_touAccepted = doc.getObject(Config::keyKivTou).isTrue();
-    logValue(" TOU is ", asText(m_touAccepted));
-    m_expiryTou = doc.optInteger(Config::keyExpiryTou, m_expiryTou);
-    logValue(" ExpiryTOU is ", m_expiryTou);
-    m_eventFilter = filterText(doc, Config::keyEventFilter);
-    logValue(" EventFilters is ", m_eventFilter);
-    m_fileFilter = filterText(doc, Config::keyFileFilter);
-    logValue(" OOBDataFilters is ", m_fileFilter);
-    parseThresholds(doc);
-    parseCloudTargets(doc);
-    parseCredentials(doc);
-    m_lastModified = doc.optString(Config::keyLastModified);
-    m_utcTime = optInt32(doc, Config::keyUtcTime, m_utcTime);
-    if (verboseFlag) {
-        logValue(" Timestamp data is ", m_lastModified + ", " + std::to_string(m_utcTime));
-    }
-}
-
-// With m_lock held, as the two below.
-void ConfigImpl::parseThresholds(const JsonObject& doc) {
-    const JsonObject thresholds = doc.getObject(Config::keyUploadEvents);
-    m_maxDelay = thresholds.optInteger(Config::keyMaxDelay, m_maxDelay);
-    logValue(" EventAgeThreshold is ", m_maxDelay);
-    m_maxSize = optInt32(thresholds, Config::keyMaxSize, m_maxSize);
-    logValue(" EventMaxSizeThreshold is ", m_maxSize);
-    m_minSize = optInt32(thresholds, Config::keyMinSize, m_minSize);
-    logValue(" EventMinSizeThreshold is ", m_minSize);
-}
-
-void ConfigImpl::parseCloudTargets(const JsonObject& doc) {
-    m_firehoseEndpoint = doc.optString(Config::keyFirehoseEndpoint);
-    m_firehoseStream = doc.optString(Config::keyFirehoseStream);
-    m_s3Endpoint = doc.optString(Config::keyS3Endpoint);
-    m_s3Bucket = doc.optString(Config::keyS3Bucket);
-    if (!verboseFlag) return;
-    logValue(" AWS data is ", m_firehoseEndpoint + ", " + m_firehoseStream + ", " + m_s3Endpoint +
-                                  ", " + m_s3Bucket);
-}
-
-void ConfigImpl::parseCredentials(const JsonObject& doc) {
-    const JsonObject credentials = doc.getObject(Config::keyCredentials);
-    if (!credentials.isObject()) return;
-    m_iv = credentials.optString(Config::keyIv);
-    m_accessKeyId = credentials.optString(Config::keyAccessKeyId);
-    m_secretAccessKey = credentials.optString(Config::keySecretAccessKey);
-    m_sessionToken = credentials.optString(Config::keySessionToken);
+    const std::lock_guard<std::recursive_mutex> lock(m_lock);
+    ConfigDocument::parse(doc, m_values, s_log);
 }
 
 // --- validity -----------------------------------------------------------------------------------
 
 std::int32_t ConfigImpl::currentUtcSeconds() {
     const Singleton<TimeMgrImpl> timeManager;
-    return clampToInt32(timeManager->getTime() / 1000);
+    using Limits = std::numeric_limits<std::int32_t>;
+    const std::int64_t seconds = timeManager->getTime() / 1000;
+    return static_cast<std::int32_t>(
+        std::clamp<std::int64_t>(seconds, Limits::min(), Limits::max()));
 }
 
 bool ConfigImpl::IsValid() const {
-    std::unique_lock<std::recursive_mutex> lock(m_lock);
-    return !m_lastModified.empty() || m_utcTime != 0;
+    const std::lock_guard<std::recursive_mutex> lock(m_lock);
+    return !m_values.lastModified.empty() || m_values.utcTime != 0;
 }
 
 /// Seconds until the configuration expires at `now` (not positive: it has). With m_lock held.
 std::int64_t ConfigImpl::secondsLeft(std::int32_t now) const {
-    const std::int64_t age = static_cast<std::int64_t>(now) - m_utcTime;
-    return std::clamp(m_expiryTou, -kLongestExpiry, kLongestExpiry) - age;
+    const std::int64_t age = static_cast<std::int64_t>(now) - m_values.utcTime;
+    return std::clamp(m_values.expiryTou, -kLongestExpiry, kLongestExpiry) - age;
 }
 
 bool ConfigImpl::configIsExpired() {
     const std::int32_t now = currentUtcSeconds();  // before the lock: the time manager has its own
-    std::unique_lock<std::recursive_mutex> lock(m_lock);
+    const std::lock_guard<std::recursive_mutex> lock(m_lock);
     if (now == 0 || !IsValid()) return true;
     return secondsLeft(now) <= 0;
 }
@@ -227,10 +122,7 @@ bool ConfigImpl::configIsExpired() {
 bool ConfigImpl::isDownloadRequired() {
     const bool expired = configIsExpired();
     const bool valid = IsValid();
-    if (verboseFlag) {
-        coutdbg << kLogPrefix << "isDownloadRequired: IsValid=" << valid
-                << " configIsExpired=" << expired << std::endl;
-    }
+    s_log.info("isDownloadRequired: IsValid=", valid, " configIsExpired=", expired);
     return valid ? expired : true;
 }
 
@@ -238,7 +130,7 @@ void ConfigImpl::scheduleExpiryCheck() {
     const std::int32_t now = currentUtcSeconds();
     std::int64_t delaySeconds = kRetrySeconds;
     {
-        std::unique_lock<std::recursive_mutex> lock(m_lock);
+        const std::lock_guard<std::recursive_mutex> lock(m_lock);
         if (IsValid() && now != 0 && secondsLeft(now) > 0) delaySeconds = secondsLeft(now);
     }
     scheduleRefresh(delaySeconds * 1000, true);
@@ -264,21 +156,20 @@ bool ConfigImpl::Refresh(bool force) {
     }
     const std::string device = deviceId();
     if (device.empty()) {
-        logValue(" DeviceId is empty", "");
+        s_log.info(" DeviceId is empty");
         return false;
     }
     const std::int32_t now = currentUtcSeconds();
     if (attemptIsTooRecent(now)) return false;
-    logValue(" trying to load config from server... force=", force);
+    s_log.info(" trying to load config from server... force=", force);
     if (!termsOfUseExist()) {
-        cerrdbg << kLogPrefix << "Tou does not exist, Retry later" << std::endl;
+        s_log.error("Tou does not exist, Retry later");
         return giveUp(now);
     }
-    const Credentials credentials;
     NetworkHelper request;
-    const std::string url = credentials.getConfigUrl() + device;
-    if (!request.UrlRequest(url, true, credentials.getLambdaKey())) {
-        cerrdbg << kLogPrefix << "Config could not be retrieved from server" << std::endl;
+    const std::string url = ServiceTables::getConfigUrl() + device;
+    if (!request.UrlRequest(url, true, ServiceTables::getLambdaKey())) {
+        s_log.error("Config could not be retrieved from server");
         return giveUp(now);
     }
     return takeAnswer(request.data, request.date, now);
@@ -291,7 +182,7 @@ bool ConfigImpl::attemptIsTooRecent(std::int32_t now) {
     std::int32_t lastAttempt = 0;
     std::int64_t elapsed = kRetrySeconds;  // seconds
     {
-        std::unique_lock<std::recursive_mutex> lock(m_lock);
+        const std::lock_guard<std::recursive_mutex> lock(m_lock);
         lastAttempt = m_lastAttempt;
         if (now != 0 && lastAttempt != 0) {
             elapsed = static_cast<std::int64_t>(now) - lastAttempt;
@@ -300,17 +191,14 @@ bool ConfigImpl::attemptIsTooRecent(std::int32_t now) {
         }
     }
     if (elapsed < 0 || elapsed >= kRetrySeconds) return false;
-    if (verboseFlag) {
-        coutdbg << kLogPrefix << "Last request was too recent : time = " << now << " last Attempt "
-                << lastAttempt << std::endl;
-    }
+    s_log.info("Last request was too recent : time = ", now, " last Attempt ", lastAttempt);
     scheduleRefresh((kRetrySeconds - elapsed) * 1000, true);
     return true;
 }
 
 void ConfigImpl::recordAttempt(std::int32_t utcSeconds) {
     const std::int64_t kernelMs = KernelTime::getTimeMonotonicAsInt64();
-    std::unique_lock<std::recursive_mutex> lock(m_lock);
+    const std::lock_guard<std::recursive_mutex> lock(m_lock);
     m_lastAttempt = utcSeconds;
     m_lastAttemptKernelMs = kernelMs;
 }
@@ -325,12 +213,12 @@ bool ConfigImpl::giveUp(std::int32_t now) {
 bool ConfigImpl::takeAnswer(const std::string& body, const std::string& date, std::int32_t now) {
     JsonObject doc = JsonObject::parse(body);
     if (!doc.isObject()) {
-        cerrdbg << kLogPrefix << "Invalid Config JSON object received: " << body << std::endl;
+        s_log.error("Invalid Config JSON object received: ", body);
         return giveUp(now);
     }
     const std::int32_t serverTime = takeServerTime(date);
-    stamp(doc, date);
-    if (isErrorAnswer(doc)) {
+    ConfigDocument::stamp(doc, currentUtcSeconds(), date);
+    if (ConfigDocument::isErrorAnswer(doc)) {
         countAsFresh(serverTime);
     } else {
         saveAndParseConfig(doc);
@@ -341,16 +229,11 @@ bool ConfigImpl::takeAnswer(const std::string& body, const std::string& date, st
     return true;
 }
 
-void ConfigImpl::stamp(JsonObject& doc, const std::string& date) {
-    doc.set(Config::keyUtcTime, JsonObject::createInteger(currentUtcSeconds()));
-    doc.set(Config::keyLastModified, date);
-}
-
 /// The configuration in force counts as received at `serverTime`, unless that is not known (0).
 void ConfigImpl::countAsFresh(std::int32_t serverTime) {
     if (serverTime == 0) return;
-    std::unique_lock<std::recursive_mutex> lock(m_lock);
-    m_utcTime = serverTime;
+    const std::lock_guard<std::recursive_mutex> lock(m_lock);
+    m_values.utcTime = serverTime;
 }
 
 void ConfigImpl::callBack() const {
@@ -362,15 +245,12 @@ void ConfigImpl::callBack() const {
 
 bool ConfigImpl::MinimumSizeReached(long dbSize) const {
     const std::int32_t minSize = GetMinSize();
-    if (verboseFlag) {
-        coutdbg << kLogPrefix << " DBsize(" << dbSize << ") vs MinimumSizeThreshold(" << minSize
-                << ")" << std::endl;
-    }
+    s_log.info(" DBsize(", dbSize, ") vs MinimumSizeThreshold(", minSize, ")");
     return dbSize > minSize;
 }
 
 void ConfigImpl::RegisterCallback(std::function<void()> callback) {
-    std::unique_lock<std::recursive_mutex> lock(m_lock);
+    const std::lock_guard<std::recursive_mutex> lock(m_lock);
     m_callback = std::move(callback);
 }
 
@@ -379,71 +259,71 @@ std::string ConfigImpl::GetPath() const {
 }
 
 bool ConfigImpl::GetTouAccepted() const {
-    return read(m_touAccepted);
+    return read(m_values.touAccepted);
 }
 
 std::int64_t ConfigImpl::GetExpiryTou() const {
-    return read(m_expiryTou);
+    return read(m_values.expiryTou);
 }
 
 std::string ConfigImpl::GetEventFilter() const {
-    return read(m_eventFilter);
+    return read(m_values.eventFilter);
 }
 
 std::string ConfigImpl::GetFileFilter() const {
-    return read(m_fileFilter);
+    return read(m_values.fileFilter);
 }
 
 std::int64_t ConfigImpl::GetMaxDelay() const {
-    return read(m_maxDelay);
+    return read(m_values.maxDelay);
 }
 
 std::int32_t ConfigImpl::GetMaxSize() const {
-    return read(m_maxSize);
+    return read(m_values.maxSize);
 }
 
 std::int32_t ConfigImpl::GetMinSize() const {
-    return read(m_minSize);
+    return read(m_values.minSize);
 }
 
 std::string ConfigImpl::GetFirehoseEndpoint() const {
-    return read(m_firehoseEndpoint);
+    return read(m_values.firehoseEndpoint);
 }
 
 std::string ConfigImpl::GetS3Endpoint() const {
-    return read(m_s3Endpoint);
+    return read(m_values.s3Endpoint);
 }
 
 std::string ConfigImpl::GetFirehoseStream() const {
-    return read(m_firehoseStream);
+    return read(m_values.firehoseStream);
 }
 
 std::string ConfigImpl::GetS3Bucket() const {
-    return read(m_s3Bucket);
+    return read(m_values.s3Bucket);
 }
 
 std::string ConfigImpl::GetIV() const {
-    return read(m_iv);
+    return read(m_values.iv);
 }
 
 std::string ConfigImpl::GetAccessKeyId() const {
-    return read(m_accessKeyId);
+    return read(m_values.accessKeyId);
 }
 
 std::string ConfigImpl::GetSecretAccessKey() const {
-    return read(m_secretAccessKey);
+    return read(m_values.secretAccessKey);
 }
 
 std::string ConfigImpl::GetSessionToken() const {
-    return read(m_sessionToken);
+    return read(m_values.sessionToken);
 }
 
 std::string ConfigImpl::GetLastModified() const {
-    return read(m_lastModified);
+    return read(m_values.lastModified);
 }
 
 std::int32_t ConfigImpl::GetUtcTime() const {
-    return read(m_utcTime);
+    return read(m_values.utcTime);
 }
 
 std::int32_t ConfigImpl::GetLastAttempt() const {
@@ -451,9 +331,9 @@ std::int32_t ConfigImpl::GetLastAttempt() const {
 }
 
 void ConfigImpl::SetVerbose(bool verbose) {
-    verboseFlag = verbose;
+    s_log.setVerbose(verbose);
 }
 
 bool ConfigImpl::GetVerbose() {
-    return verboseFlag;
+    return s_log.isVerbose();
 }

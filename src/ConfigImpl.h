@@ -5,10 +5,11 @@
 #include <mutex>
 #include <string>
 
+#include "ConfigDocument.h"
 #include "JsonObject.h"
 
 /// The daemon's working configuration: fetched from the server, mirrored in a persistent file,
-/// read through locked getters (docs/configuration.md has the document).
+/// read through locked getters. What a document says is read by `ConfigDocument`.
 ///
 /// Reached through `Singleton<ConfigImpl>` or the facade `Config`. `Refresh` runs on the upload
 /// thread, getters on any. The recursive lock guards every field; it is never held across HTTP, a
@@ -74,43 +75,22 @@ class ConfigImpl {
 
     template <typename Field>
     Field read(const Field& field) const {
-        std::unique_lock<std::recursive_mutex> lock(m_lock);
+        const std::lock_guard<std::recursive_mutex> lock(m_lock);
         return field;
     }
     static std::int32_t currentUtcSeconds();
     static void scheduleRefresh(long long delayMs, bool force);
-    JsonObject defaultDocument() const;
-    void parseThresholds(const JsonObject& doc);
-    void parseCloudTargets(const JsonObject& doc);
-    void parseCredentials(const JsonObject& doc);
     bool attemptIsTooRecent(std::int32_t now);
     void recordAttempt(std::int32_t utcSeconds);
     bool giveUp(std::int32_t now);
     bool takeAnswer(const std::string& body, const std::string& date, std::int32_t now);
-    static void stamp(JsonObject& doc, const std::string& date);
     void countAsFresh(std::int32_t serverTime);
     void callBack() const;
     std::int64_t secondsLeft(std::int32_t now) const;
 
     std::string m_path;
-    bool m_touAccepted = false;
-    std::int64_t m_expiryTou = 600;
-    std::string m_eventFilter = "{}";
-    std::string m_fileFilter = "{}";
-    std::int64_t m_maxDelay = 3500;
-    std::int32_t m_maxSize = 131072;
-    std::int32_t m_minSize = 16384;
-    std::string m_firehoseEndpoint;
-    std::string m_s3Endpoint;
-    std::string m_firehoseStream;
-    std::string m_s3Bucket;
-    std::string m_iv;
-    std::string m_accessKeyId;
-    std::string m_secretAccessKey;
-    std::string m_sessionToken;
-    std::string m_lastModified;
-    std::int32_t m_utcTime = 0;
-    std::int32_t m_lastAttempt = 0;
+    ConfigDocument::Values m_values;
+    std::int32_t m_lastAttempt = 0;           ///< UTC seconds
     std::int64_t m_lastAttemptKernelMs = -1;  ///< monotonic stamp of the last attempt; -1: none
     std::function<void()> m_callback;
     mutable std::recursive_mutex m_lock;  ///< guards everything above

@@ -1,19 +1,18 @@
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <aws/core/auth/AWSCredentialsProvider.h>
 
-/// The addresses and keys of the servers, kept scrambled in the program image and readable only
-/// while in use, and the provider of the cloud credentials that the configuration delivers
-/// encrypted. One value of each kind for each server environment (production, development,
-/// acceptance), chosen by the environment variable "KIV_SERVERENV" at first use.
+#include "ServiceTables.h"
+
+/// The provider of the cloud credentials, which the configuration delivers encrypted, and the
+/// public names of the server addresses and keys. It keeps neither: the addresses, the keys and
+/// the choice of the server environment are those of `ServiceTables`.
 ///
-/// Stateless objects, any number of them; the class-wide choice is guarded. Usable from any
-/// thread, the cloud client's included.
-class Credentials : public Aws::Auth::AWSCredentialsProvider {
+/// Stateless objects, any number of them. Usable from any thread, the cloud client's included.
+class Credentials : public Aws::Auth::AWSCredentialsProvider, private ServiceTables {
   public:
     ~Credentials() override;
 
@@ -21,7 +20,7 @@ class Credentials : public Aws::Auth::AWSCredentialsProvider {
     /// hexadecimal). Wrong keys give garbage, which the cloud refuses.
     Aws::Auth::AWSCredentials GetAWSCredentials() override;
 
-    std::string getConfigUrl() const;  ///< without the device identifier that goes behind it
+    std::string getConfigUrl() const;  ///< without the device identifier that follows it
     std::string getWebTimeUrl() const;
     std::string getTouUrl() const;
     std::string getLambdaKey() const;  ///< the API key sent as "x-api-key:"
@@ -40,17 +39,9 @@ class Credentials : public Aws::Auth::AWSCredentialsProvider {
   private:
     friend struct CredentialsPeer;
 
-    static int chosenEnvironment();
+    using ServiceTables::Keysource;
+    using ServiceTables::m_KivServerEnv;
+
     /// Ends the process through OpenSSL's die routine unless `condition` holds.
     static void assertHolds(bool condition, const char* assertion, int line);
-
-    static std::mutex m_environmentLock;  ///< guards the two members below
-    static int m_KivServerEnv;            ///< 0 production, 1 development, 2 acceptance
-    static bool m_environmentChecked;
-    static const std::string Keysource;
-    static std::vector<signed char> m_touUrlTable[3];
-    static std::vector<signed char> m_webTimeUrlTable[3];
-    static std::vector<signed char> m_configUrlTable[3];
-    static std::vector<signed char> m_apiKeyTable[3];
-    static std::vector<signed char> m_storageKeyTable[3];
 };

@@ -1,24 +1,20 @@
 #include "NetworkHelper.h"
 
-#include "AlarmBlock.h"
 #include "BuildInfo.h"
 #include "CGlobalInfoImpl.h"
 #include "CTouImpl.h"
-#include "DbgOut.h"
+#include "ClassLog.h"
 #include "KernelTime.h"
 #include "PimAppVersion.h"
 #include "Services.h"
 #include "Singleton.h"
 
 #include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <memory>
 #include <sstream>
-#include <stdexcept>
 #include <utility>
 
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 
@@ -29,9 +25,7 @@
 
 namespace {
 
-const char* const kTag = "kivNetwork:";
-
-std::atomic<bool> verboseFlag{false};
+ClassLog s_log("kivNetwork:");
 
 struct CurlDelete {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
@@ -39,13 +33,10 @@ struct CurlDelete {
 struct ListDelete {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
-struct PipeClose {
-    void operator()(FILE* pipe) const { ::pclose(pipe); }
-};
 using CurlHandle = std::unique_ptr<CURL, CurlDelete>;
 using TextList = std::unique_ptr<curl_slist, ListDelete>;
 
-/// Appends a copy of `text`; the list stays as it is when there is no memory.
+/// Appends a copy of `text`; without memory the list stays as it is.
 void append(TextList& list, const std::string& text) {
     curl_slist* longer = curl_slist_append(list.get(), text.c_str());
     if (longer == nullptr) return;
@@ -53,7 +44,7 @@ void append(TextList& list, const std::string& text) {
     list.reset(longer);
 }
 
-/// One field line without blank behind the colon. Line ends would begin a line of their own and
+/// One field line without a blank after the colon. Line ends would begin a line of their own and
 /// are left out. libcurl drops a field without value unless it is written "Name;".
 void appendHeader(TextList& list, const std::string& name, std::string value) {
     value.erase(
@@ -86,8 +77,8 @@ template <typename Value>
 void setOption(CURL* handle, CURLoption option, Value value) {
     const CURLcode code = curl_easy_setopt(handle, option, value);
     if (code == CURLE_OK) return;
-    cerrdbg << kTag << " Option " << static_cast<int>(option)
-            << " refused, curl_easy_setopt() failed: " << curl_easy_strerror(code) << std::endl;
+    s_log.error(" Option ", static_cast<int>(option),
+                " refused, curl_easy_setopt() failed: ", curl_easy_strerror(code));
 }
 
 /// A socket that commands started meanwhile do not inherit.
@@ -100,49 +91,8 @@ void initializeCurl() {
     [[maybe_unused]] static const CURLcode done = curl_global_init(CURL_GLOBAL_ALL);
 }
 
-/// Whether `host` may stand in a shell command.
-bool isHostName(const std::string& host) {
-    const auto belongs = [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return byte >= 0x80 || std::isalnum(byte) != 0 || c == '.' || c == '-' || c == '_' ||
-               c == ':';
-    };
-    return !host.empty() && host[0] != '-' && std::all_of(host.begin(), host.end(), belongs);
-}
-
-/// What the command prints; nothing when it cannot be started.
-std::string outputOf(const std::string& command) {
-    try {
-        return Exec(command.c_str());
-    } catch (const std::runtime_error& error) {
-        cerrdbg << kTag << "Command " << command << " not started: " << error.what() << std::endl;
-        return "";
-    }
-}
-
-FILE* startCommand(const char* command) {
-    const AlarmUnblock inherited;
-    // "e": what another thread starts meanwhile does not inherit this end of the pipe.
-    return ::popen(command, "re");
-}
-
-std::string ping(const std::string& host) {
-    if (!isHostName(host)) return "";
-    return outputOf("ping -c 1 " + host);
-}
-
 bool beginsWith(const std::string& text, const std::string& beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
-}
-
-/// The address that `ifconfig` prints behind "HWaddr "; "" when it prints none.
-std::string macIn(const std::string& output) {
-    constexpr std::size_t labelLength = 7;
-    constexpr std::size_t macLength = 17;  // six pairs and their colons
-    const std::size_t at = output.find("HWaddr ");
-    if (at == std::string::npos || at == 0) return "";
-    if (output.size() < at + labelLength + macLength) return "";
-    return output.substr(at + labelLength, macLength);
 }
 
 }  // namespace
@@ -159,7 +109,7 @@ struct NetworkHelper::Request {
     const std::int64_t start;  ///< monotonic ms
     TextList headers;
     TextList pinned;  ///< the address to use instead of resolving the name
-    CurlHandle curl;  ///< declared behind, so freed before, the lists that it uses
+    CurlHandle curl;  ///< declared after the lists that it uses, so freed before
 };
 
 NetworkHelper::Limits NetworkHelper::m_limits = {30000, 1, 60, 1048576, 65536};
@@ -170,11 +120,11 @@ std::mutex NetworkHelper::m_MacLock;
 std::string NetworkHelper::m_MacAddress;
 
 void NetworkHelper::SetVerbose(bool verbose) {
-    verboseFlag = verbose;
+    s_log.setVerbose(verbose);
 }
 
 bool NetworkHelper::GetVerbose() {
-    return verboseFlag;
+    return s_log.isVerbose();
 }
 
 bool NetworkHelper::UrlRequest(std::string url, bool deviceHeaders, std::string apiKey) {
@@ -182,24 +132,19 @@ bool NetworkHelper::UrlRequest(std::string url, bool deviceHeaders, std::string 
     initializeCurl();
     Request request(std::move(url));
     if (request.curl == nullptr) {
-        cerrdbg << kTag << " No curl handler, curl_easy_init() failed: "
-                << curl_easy_strerror(CURLE_FAILED_INIT) << std::endl;
+        s_log.error(" No curl handler, curl_easy_init() failed: ",
+                    curl_easy_strerror(CURLE_FAILED_INIT));
         return false;
     }
-    if (GetVerbose()) {
-        coutdbg << kTag << " Request Server URL: " << request.url << "..." << std::endl;
-    }
+    s_log.info(" Request Server URL: ", request.url, "...");
     if (!apiKey.empty()) appendHeader(request.headers, "x-api-key", apiKey);
     if (deviceHeaders) appendDeviceHeaders(request.headers, GetMac());
     setOptions(request);
     const CURLcode result = curl_easy_perform(request.curl.get());
-    coutdbg << kTag << " Request Server URL " << request.url << " took " << request.elapsedMs()
-            << "ms" << std::endl;
+    s_log.always(" Request Server URL ", request.url, " took ", request.elapsedMs(), "ms");
     if (result == CURLE_OK) return succeed();
     if (result == CURLE_COULDNT_RESOLVE_HOST) return performWithResolvedAddress(request);
-    cerrdbg << kTag
-            << " Error from server, curl_easy_perform() failed: " << curl_easy_strerror(result)
-            << std::endl;
+    s_log.error(" Error from server, curl_easy_perform() failed: ", curl_easy_strerror(result));
     return false;
 }
 
@@ -232,35 +177,31 @@ void NetworkHelper::setOptions(Request& request) {
 }
 
 bool NetworkHelper::succeed() const {
-    if (GetVerbose()) coutdbg << kTag << " Got answer from server " << data << std::endl;
+    s_log.info(" Got answer from server ", data);
     return true;
 }
 
 bool NetworkHelper::performWithResolvedAddress(Request& request) {
-    const bool verbose = GetVerbose();
     const std::string domain = StringExtractBetween(request.url, "//", "/");
-    if (verbose) coutdbg << kTag << "Trying to resolve DOMAIN " << domain << std::endl;
-    const std::string answer = ping(domain);
-    if (verbose) std::printf("%sPing got answer: %s\n", kTag, answer.c_str());
+    s_log.info("Trying to resolve DOMAIN ", domain);
+    const std::string answer = ShellCommand::ping(domain);
+    if (s_log.isVerbose()) std::printf("%sPing got answer: %s\n", s_log.tag(), answer.c_str());
     const std::string ip = StringExtractBetween(answer, "(", ")");
-    if (verbose) coutdbg << kTag << "IP is : " << ip << std::endl;
+    s_log.info("IP is : ", ip);
     if (ip.empty()) {
-        if (verbose) coutdbg << kTag << "IP is invalid, returning false..." << std::endl;
+        s_log.info("IP is invalid, returning false...");
         return false;
     }
     const std::string port = beginsWith(request.url, "https://") ? ":443:" : ":80:";
-    if (verbose) coutdbg << kTag << "PORT is : " << port << std::endl;
+    s_log.info("PORT is : ", port);
 
     append(request.pinned, domain + port + ip);
     setOption(request.curl.get(), CURLOPT_RESOLVE, request.pinned.get());
     clearResults();
     const CURLcode result = curl_easy_perform(request.curl.get());
-    coutdbg << kTag << "Request Server URL " << request.url << " extended to "
-            << request.elapsedMs() << "ms" << std::endl;
+    s_log.always("Request Server URL ", request.url, " extended to ", request.elapsedMs(), "ms");
     if (result == CURLE_OK) return succeed();
-    cerrdbg << kTag
-            << " No answer from server, curl_easy_perform() failed: " << curl_easy_strerror(result)
-            << std::endl;
+    s_log.error(" No answer from server, curl_easy_perform() failed: ", curl_easy_strerror(result));
     return false;
 }
 
@@ -294,12 +235,12 @@ bool NetworkHelper::IsNetworkAvailable(bool force) {
     const std::uint32_t sinceLastPoll = now - static_cast<std::uint32_t>(m_TimeAtLastNetworkPoll);
     if (!force && m_TimeAtLastNetworkPoll != 0 &&
         static_cast<std::uint32_t>(m_pollIntervalMs) >= sinceLastPoll) {
-        if (GetVerbose()) coutdbg << kTag << "No ping needed" << std::endl;
+        s_log.info("No ping needed");
         return m_NetworkAvailable;
     }
     const std::string host = Services::connectivityHost();
-    const std::string output = outputOf("ping -c 1 " + host);
-    if (GetVerbose()) coutdbg << kTag << "ping result : " << output << std::endl;
+    const std::string output = ShellCommand::ping(host);
+    s_log.info("ping result : ", output);
     const bool available = beginsWith(output, "PING " + host);
     if (available && m_callback && m_callbackPending) {
         m_callback();
@@ -322,7 +263,7 @@ std::string NetworkHelper::GetDNS(const std::string& resolvConf) {
         if (!servers.empty()) servers += ",";
         servers += value;
     }
-    if (GetVerbose()) coutdbg << kTag << "DNS list is : " << servers << std::endl;
+    s_log.info("DNS list is : ", servers);
     return servers;
 }
 
@@ -332,9 +273,9 @@ std::string NetworkHelper::GetMac() {
         if (!m_MacAddress.empty()) return m_MacAddress;
     }
     // Two threads may ask at the same time; both find the same.
-    const std::string mac = macIn(outputOf("ifconfig eth0"));
+    const std::string mac = ShellCommand::macAddressOf("eth0");
     if (mac.empty()) return "";
-    if (GetVerbose()) coutdbg << kTag << "MAC is : " << mac << std::endl;
+    s_log.info("MAC is : ", mac);
     const std::lock_guard<std::mutex> lock(m_MacLock);
     m_MacAddress = mac;
     return m_MacAddress;
@@ -342,29 +283,4 @@ std::string NetworkHelper::GetMac() {
 
 void NetworkHelper::RegisterCallback(std::function<void()> cb) {
     m_callback = std::move(cb);
-}
-
-std::string Exec(const char* command) {
-    const std::unique_ptr<FILE, PipeClose> pipe(startCommand(command));
-    if (pipe == nullptr) throw std::runtime_error("popen() failed!");
-    std::string output;
-    char buffer[128];
-    while (std::fgets(buffer, sizeof buffer, pipe.get()) != nullptr) output += buffer;
-    return output;
-}
-
-std::string StringExtractBetween(std::string s, const std::string& from, const std::string& to) {
-    const std::size_t first = s.find_first_of(from);
-    if (first == std::string::npos) return s;
-    s.erase(0, first + from.size());
-    const std::size_t last = s.find_first_of(to);
-    if (last != std::string::npos) s.erase(last);
-    return s;
-}
-
-bool StringReplace(std::string& s, const std::string& what, const std::string& with) {
-    const std::size_t at = s.find(what);
-    if (at == std::string::npos) return false;
-    s.replace(at, what.size(), with);
-    return true;
 }

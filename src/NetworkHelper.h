@@ -6,6 +6,8 @@
 #include <mutex>
 #include <string>
 
+#include "ShellCommand.h"
+
 /// What one HTTP request brought. The leading part of a `NetworkHelper`; libcurl's callbacks get
 /// it as their user pointer.
 struct url_data {
@@ -21,7 +23,7 @@ struct url_data {
 /// Short-lived: made on the stack for one request by one thread. Any number may run at once. The
 /// network status and the MAC address are class-wide, each under a lock of its own. Never looks at
 /// the HTTP status. A silent or endless server ends the request: connect time-out 30 s, below
-/// 1 byte/s for 60 s, body above 1 MiB, headers above 64 KiB.
+/// 1 byte/s for 60 s, body above 1 MiB, headers above 64 KiB. Its commands run in `ShellCommand`.
 class NetworkHelper : public url_data {
   public:
     /// GETs `url`. With `deviceHeaders` sends the device's identification, with a non-empty
@@ -75,11 +77,3 @@ class NetworkHelper : public url_data {
     static std::mutex m_MacLock;                  ///< guards m_MacAddress
     static std::string m_MacAddress;
 };
-
-/// The standard output of a shell command. @throws std::runtime_error when it cannot be started
-std::string Exec(const char* command);
-/// What stands between the first character out of `from` (skipping as many characters as `from`
-/// has) and the next character out of `to`. `s` itself when no character of `from` is in it.
-std::string StringExtractBetween(std::string s, const std::string& from, const std::string& to);
-/// Replaces the first `what` in `s`; whether there was one.
-bool StringReplace(std::string& s, const std::string& what, const std::string& with);

@@ -2,9 +2,12 @@
 
 #include <string>
 
-/// The places of this build that are no secret, from its services file: the connectivity test
+/// The places of this build that are not secret, from its services file: the connectivity test
 /// host, the geolocation service, the default cloud endpoints and the place assumed where
-/// geolocation is switched off. (The scrambled ones belong to `Credentials`.)
+/// geolocation is switched off. It holds neither keys nor addresses of the service: those are
+/// scrambled, in `ServiceTables`.
+///
+/// Only functions; the values are constant. Usable from any thread.
 class Services {
   public:
     static std::string connectivityHost();

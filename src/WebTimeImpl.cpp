@@ -1,8 +1,8 @@
 #include "WebTimeImpl.h"
 
-#include "Credentials.h"
 #include "DbgOut.h"
 #include "NetworkHelper.h"
+#include "ServiceTables.h"
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
 #include "TimeReference.h"
@@ -40,10 +40,9 @@ void WebTimeImpl::takeTimeFromServer() {
     if (verboseFlag) {
         coutdbg << kLogPrefix << " trying to get time from server... " << std::endl;
     }
-    const Credentials credentials;
     NetworkHelper request;
-    const std::string url = credentials.getWebTimeUrl();
-    if (!request.UrlRequest(url, false, credentials.getLambdaKey())) {
+    const std::string url = ServiceTables::getWebTimeUrl();
+    if (!request.UrlRequest(url, false, ServiceTables::getLambdaKey())) {
         cerrdbg << kLogPrefix << "Time could not be retrieved from server" << std::endl;
     } else if (request.date.empty()) {
         cerrdbg << kLogPrefix << "No time received" << std::endl;

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Turns a services file into the C++ tables that Credentials.cpp includes.
+"""Turns a services file into the C++ tables of ServiceTables.cpp and Services.cpp.
 
 usage: scramble_services.py IN.json OUT.inc
 

@@ -12,7 +12,7 @@ struct ConfigImplPeer {
         config.m_lastAttempt = utcSeconds;
     }
     static void setUtcTime(ConfigImpl& config, std::int32_t utcSeconds) {
-        config.m_utcTime = utcSeconds;
+        config.m_values.utcTime = utcSeconds;
     }
     /// The monotonic stamp of the last attempt in milliseconds; -1: none.
     static std::int64_t& lastAttemptKernelMs(ConfigImpl& config) {

@@ -56,10 +56,11 @@ class AwsWrapperImplTest : public UploadSetup {
         const std::string iv = "000102030405060708090a0b0c0d0e0f";
         CredentialsPeer::setStorageKey(key);
         JsonObject credentials;
-        credentials.Pack("{s:s, s:s, s:s, s:s}", "iv", iv.c_str(), "AccessKeyId",
-                         AesCtr::encrypt(key, iv, "AKID").c_str(), "SecretAccessKey",
-                         AesCtr::encrypt(key, iv, "secret").c_str(), "SessionToken",
-                         AesCtr::encrypt(key, iv, "token1").c_str());
+        credentials.Pack("{s:s, s:s, s:s, s:s}",                                         //
+                         "iv", iv.c_str(),                                               //
+                         "AccessKeyId", AesCtr::encrypt(key, iv, "AKID").c_str(),        //
+                         "SecretAccessKey", AesCtr::encrypt(key, iv, "secret").c_str(),  //
+                         "SessionToken", AesCtr::encrypt(key, iv, "token1").c_str());
         configure(R"({"credentials": )" + credentials.dumpAsString() + "}");
     }
 
@@ -71,16 +72,6 @@ class AwsWrapperImplTest : public UploadSetup {
 
     /// What the process has left over: children that were not waited for.
     static bool hasChildren() { return ::waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD; }
-
-    /// A child of this process that ends as `end` says.
-    static int childThat(void (*end)()) {
-        const pid_t child = ::fork();
-        if (child == 0) {
-            end();
-            ::_exit(99);
-        }
-        return child;
-    }
 
     /// What a client has told libcurl of its limits and its trust.
     static std::string connectionOf(const NetworkHooks& hooks) {
@@ -528,48 +519,7 @@ TEST_F(AwsWrapperImplTest, LetsTheNextUploadGoOnAfterAKill) {
     AwsWrapperImplPeer::setUploadLimit(300);
     script(accept);
     EXPECT_TRUE(client().UploadFile("o", path));
-    EXPECT_EQ(::alarm(0), 0u) << "no alarm is left behind";
-}
-
-/// Exit status 1 is success, 0 failure.
-TEST_F(AwsWrapperImplTest, TakesExitStatusOneForSuccess) {
-    EXPECT_TRUE(AwsWrapperImplPeer::waitForChild(childThat([] { ::_exit(1); })));
-    EXPECT_TRUE(AwsWrapperImplPeer::waitForChild(childThat([] { ::_exit(3); })));
-}
-
-/// Exit status 1 is success, 0 failure.
-TEST_F(AwsWrapperImplTest, TakesExitStatusZeroForFailure) {
-    OutputCapture output;
-    EXPECT_FALSE(AwsWrapperImplPeer::waitForChild(childThat([] { ::_exit(0); })));
-    output.stop();
-    EXPECT_EQ(output.err(), "");
-}
-
-/// A child that was killed: "Child did not exit normally: status=".
-TEST_F(AwsWrapperImplTest, TellsThatAChildWasKilled) {
-    OutputCapture output;
-    EXPECT_FALSE(AwsWrapperImplPeer::waitForChild(childThat([] { ::raise(SIGTERM); })));
-    output.stop();
-    EXPECT_EQ(output.errWithoutPrefixes(),
-              "kivAWSWrapper: Child did not exit normally: status=15\n");
-}
-
-/// A child that cannot be waited for: "Error waiting for child "; without one nobody is killed.
-TEST_F(AwsWrapperImplTest, TellsThatAChildCannotBeWaitedFor) {
-    OutputCapture output;
-    EXPECT_FALSE(AwsWrapperImplPeer::waitForChild(2147483646));
-    output.stop();
-    EXPECT_EQ(output.errWithoutPrefixes(),
-              "kivAWSWrapper: Error waiting for child 2147483646: No child processes\n");
-    EXPECT_EQ(::alarm(0), 0u);
-}
-
-/// A child that cannot be waited for: "Error waiting for child "; without one nobody is killed.
-TEST_F(AwsWrapperImplTest, KillsNobodyWithoutAChild) {
-    OutputCapture output;
-    AwsWrapperImplPeer::killTimedOutChild();
-    output.stop();
-    EXPECT_EQ(output.errWithoutPrefixes(), "kivAWSWrapper: Child Timeout expired! : kill pid-1\n");
+    EXPECT_EQ(::alarm(0), 0u) << "no alarm is left over";
 }
 
 /// A failed fork: "Fork failed: ".
@@ -702,7 +652,7 @@ TEST_F(AwsWrapperImplTest, StoresNothingForARecordOfTwoBlocksInTestMode) {
 }
 
 /// A test file that is not an object, or a list that is not an array, is replaced.
-TEST_F(AwsWrapperImplTest, ReplacesATestFileThatIsNoObject) {
+TEST_F(AwsWrapperImplTest, ReplacesATestFileThatIsNotAnObject) {
     for (const char* text : {"", "[1]", "no json"}) {
         const std::string path = testFile(text);
         EXPECT_TRUE(client().UploadToKinesisFirehose("{}"));
@@ -711,7 +661,7 @@ TEST_F(AwsWrapperImplTest, ReplacesATestFileThatIsNoObject) {
 }
 
 /// A test file that is not an object, or a list that is not an array, is replaced.
-TEST_F(AwsWrapperImplTest, ReplacesAListOfTheTestFileThatIsNoArray) {
+TEST_F(AwsWrapperImplTest, ReplacesAListOfTheTestFileThatIsNotAnArray) {
     const std::string path = testFile(R"({"eventlog": 5, "x": 1})");
     EXPECT_TRUE(client().UploadToKinesisFirehose("{}"));
     EXPECT_EQ(TempDir::readFile(path), R"({"eventlog": [{}], "x": 1})");

@@ -199,105 +199,6 @@ TEST_F(ConfigImplTest, TakesEveryFieldOfADocument) {
     EXPECT_TRUE(m_config->IsValid());
 }
 
-/// Only the JSON value true is consent.
-TEST_F(ConfigImplTest, OnlyTheJsonValueTrueIsConsent) {
-    parse(R"({"kiv_tou": true})");
-    EXPECT_TRUE(m_config->GetTouAccepted());
-    for (const char* doc : {R"({"kiv_tou": "true"})", R"({"kiv_tou": 1})", R"({"kiv_tou": null})",
-                            R"({"kiv_tou": false})", "{}"}) {
-        parse(R"({"kiv_tou": true})");
-        parse(doc);
-        EXPECT_FALSE(m_config->GetTouAccepted()) << doc;
-    }
-}
-
-/// A missing expiry, and each missing threshold, keeps its value.
-TEST_F(ConfigImplTest, AMissingExpiryKeepsTheCurrentOne) {
-    parse(R"({"expiry_tou": 1234})");
-    parse("{}");
-    EXPECT_EQ(m_config->GetExpiryTou(), 1234);
-    parse(R"({"expiry_tou": "60"})");
-    EXPECT_EQ(m_config->GetExpiryTou(), 1234);
-}
-
-/// A missing expiry, and each missing threshold, keeps its value.
-TEST_F(ConfigImplTest, ADocumentWithoutThresholdsKeepsAllThree) {
-    parse(R"({"kiv_tou": true})");
-    EXPECT_EQ(m_config->GetMaxDelay(), 3500);
-    EXPECT_EQ(m_config->GetMaxSize(), 131072);
-    EXPECT_EQ(m_config->GetMinSize(), 16384);
-    parse(R"({"upload_events": 5})");
-    EXPECT_EQ(m_config->GetMaxDelay(), 3500);
-    EXPECT_EQ(m_config->GetMaxSize(), 131072);
-    EXPECT_EQ(m_config->GetMinSize(), 16384);
-}
-
-/// A missing expiry, and each missing threshold, keeps its value.
-TEST_F(ConfigImplTest, EachMissingThresholdKeepsItsValue) {
-    parse(R"({"upload_events": {"max-delay": 1, "max-size": 2, "min-size": 3}})");
-    parse(R"({"upload_events": {"max-size": 20}})");
-    EXPECT_EQ(m_config->GetMaxDelay(), 1);
-    EXPECT_EQ(m_config->GetMaxSize(), 20);
-    EXPECT_EQ(m_config->GetMinSize(), 3);
-    parse(R"({"upload_events": {"max-delay": 10, "max-size": "x", "min-size": 1.5}})");
-    EXPECT_EQ(m_config->GetMaxDelay(), 10);
-    EXPECT_EQ(m_config->GetMaxSize(), 20);
-    EXPECT_EQ(m_config->GetMinSize(), 3);
-}
-
-/// Numbers beyond their field are held at its ends.
-TEST_F(ConfigImplTest, NumbersBeyondTheirFieldAreHeldAtItsEnds) {
-    parse(R"({"upload_events": {"max-delay": 5000000000, "max-size": 5000000000,
-              "min-size": -5000000000}, "UTC-Time": 99999999999})");
-    EXPECT_EQ(m_config->GetMaxDelay(), 5000000000);
-    EXPECT_EQ(m_config->GetMaxSize(), 2147483647);
-    EXPECT_EQ(m_config->GetMinSize(), std::numeric_limits<std::int32_t>::min());
-    EXPECT_EQ(m_config->GetUtcTime(), 2147483647);
-}
-
-/// Missing strings of the top level become empty.
-TEST_F(ConfigImplTest, MissingStringsOfTheTopLevelBecomeEmpty) {
-    parse(kDocument);
-    parse(R"({"firehose_stream": 5})");
-    EXPECT_EQ(m_config->GetFirehoseEndpoint(), "");
-    EXPECT_EQ(m_config->GetFirehoseStream(), "");
-    EXPECT_EQ(m_config->GetS3Endpoint(), "");
-    EXPECT_EQ(m_config->GetS3Bucket(), "");
-    EXPECT_EQ(m_config->GetLastModified(), "");
-}
-
-/// A document without credentials keeps them.
-TEST_F(ConfigImplTest, ADocumentWithoutCredentialsKeepsThem) {
-    parse(kDocument);
-    parse("{}");
-    EXPECT_EQ(m_config->GetIV(), "0a");
-    EXPECT_EQ(m_config->GetAccessKeyId(), "0b");
-    EXPECT_EQ(m_config->GetSecretAccessKey(), "0c");
-    EXPECT_EQ(m_config->GetSessionToken(), "0d");
-    parse(R"({"credentials": "none"})");
-    EXPECT_EQ(m_config->GetAccessKeyId(), "0b");
-}
-
-/// A document without credentials keeps them.
-TEST_F(ConfigImplTest, NewCredentialsWithoutATokenHaveNone) {
-    parse(kDocument);
-    parse(R"({"credentials": {"iv": "1a", "AccessKeyId": "1b", "SecretAccessKey": "1c"}})");
-    EXPECT_EQ(m_config->GetIV(), "1a");
-    EXPECT_EQ(m_config->GetSessionToken(), "");
-}
-
-/// A document without filters means no rules.
-TEST_F(ConfigImplTest, MissingFiltersMeanNoRules) {
-    parse(kDocument);
-    parse("{}");
-    EXPECT_EQ(m_config->GetEventFilter(), "{}");
-    EXPECT_EQ(m_config->GetFileFilter(), "{}");
-    parse(kDocument);
-    parse(R"({"event-filter": "x", "file-filter": null})");
-    EXPECT_EQ(m_config->GetEventFilter(), "{}");
-    EXPECT_EQ(m_config->GetFileFilter(), "{}");
-}
-
 /// Verbose, each field is told in order; otherwise nothing is.
 TEST_F(ConfigImplTest, ParsingWritesOneLineForEachField) {
     const std::string text =
@@ -319,13 +220,6 @@ TEST_F(ConfigImplTest, ParsingWritesOneLineForEachField) {
                   "kivconfig:  EventMinSizeThreshold is 300\n"
                   "kivconfig:  AWS data is https://fire, stream, https://s3, bucket\n"
                   "kivconfig:  Timestamp data is a date, 1551950000\n");
-}
-
-/// Verbose, each field is told in order; otherwise nothing is.
-TEST_F(ConfigImplTest, ParsingSaysFalseForMissingConsent) {
-    const std::string lines = linesOf([&] { parse("{}"); });
-    EXPECT_NE(lines.find("kivconfig:  Version is \nkivconfig:  TOU is false\n"), std::string::npos)
-        << lines;
 }
 
 /// Verbose, each field is told in order; otherwise nothing is.
@@ -897,7 +791,7 @@ TEST_F(ConfigRefreshTest, AFailedRequestLeavesTheConfigurationUntouched) {
 }
 
 /// A body that is not a JSON object: "Invalid Config JSON object received: " and the same.
-TEST_F(ConfigRefreshTest, ABodyThatIsNoJsonObjectLeavesTheConfigurationUntouched) {
+TEST_F(ConfigRefreshTest, ABodyThatIsNotAJsonObjectLeavesTheConfigurationUntouched) {
     for (const char* body : {"<html>", "", "[1, 2]", "{\"kiv_tou\": true", "17", "null"}) {
         m_asked.clear();
         ConfigImplPeer::setLastAttempt(*m_config, 0);

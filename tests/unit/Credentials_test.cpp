@@ -17,14 +17,10 @@
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
 #include "support/ServicesFile.h"
-#include "support/TaggedLines.h"
-#include "support/TempDir.h"
 
 namespace {
 
 const char* const kEnvironments[] = {"prod", "dev", "acc"};
-const char* const kServiceKinds[] = {"tou-url", "web-time-url", "config-url", "api-key",
-                                     "storage-key"};
 
 class CredentialsTest : public KivTest {
   protected:
@@ -75,118 +71,18 @@ class CredentialsTest : public KivTest {
         return capture.outWithoutPrefixes();
     }
 
-    std::string unscrambled(const std::vector<unsigned char>& sums) const {
-        const std::vector<signed char> table[3] = {CredentialsPeer::differences(sums), {}, {}};
-        return m_credentials.decrypt(table);
-    }
-
     Credentials m_credentials;
 };
 
-// --- environment --------------------------------------------------------------------------------
+// --- the public names of the service values -----------------------------------------------------
 
-/// Unset means production; another case or an unknown value keeps the choice.
-TEST_F(CredentialsTest, UsesProductionWithoutTheVariable) {
+/// Each getter gives the value of the service tables for the chosen environment, with its line.
+TEST_F(CredentialsTest, NamesTheServiceValuesOfTheChosenEnvironment) {
     useOwnValues();
-    expectEnvironment(0);
-}
-
-/// "prod", "dev" and "acc" choose the first, second and third vector of every table.
-TEST_F(CredentialsTest, ProdSelectsTheFirstVectorOfEveryTable) {
-    useOwnValues();
-    selectEnvironment("prod");
-    expectEnvironment(0);
-}
-
-/// "prod", "dev" and "acc" choose the first, second and third vector of every table.
-TEST_F(CredentialsTest, DevSelectsTheSecondVectorOfEveryTable) {
-    useOwnValues();
-    selectEnvironment("dev");
-    expectEnvironment(1);
-}
-
-/// "prod", "dev" and "acc" choose the first, second and third vector of every table.
-TEST_F(CredentialsTest, AccSelectsTheThirdVectorOfEveryTable) {
-    useOwnValues();
-    selectEnvironment("acc");
-    expectEnvironment(2);
-}
-
-/// "prod", "dev" and "acc" choose the first, second and third vector of every table.
-TEST_F(CredentialsTest, AccSelectsTheThirdStorageKey) {
-    CredentialsPeer::setStorageKey("0123456789abcdef", 2);
-    selectEnvironment("acc");
-    const std::string iv(32, '0');
-    EXPECT_EQ(
-        m_credentials.decryptAES(iv, AesCtr::encrypt("0123456789abcdef", iv, "opened by acc")),
-        "opened by acc");
-}
-
-/// Unset means production; another case or an unknown value keeps the choice.
-TEST_F(CredentialsTest, AnotherCaseOfTheVariableKeepsProduction) {
-    useOwnValues();
-    selectEnvironment("ACC");
-    expectEnvironment(0);
-}
-
-/// Unset means production; another case or an unknown value keeps the choice.
-TEST_F(CredentialsTest, AnUnknownOrEmptyValueKeepsThePreviousChoice) {
-    useOwnValues();
-    selectEnvironment("dev");
-    expectEnvironment(1);
-    selectEnvironment("staging");
-    expectEnvironment(1);
-    selectEnvironment("");
-    expectEnvironment(1);
-}
-
-/// The choice stays until it is reset.
-TEST_F(CredentialsTest, AnUnsetVariableGoesBackToProductionAfterAReset) {
-    useOwnValues();
-    selectEnvironment("dev");
-    expectEnvironment(1);
-    ::unsetenv("KIV_SERVERENV");
-    Credentials::resetStagingEnv();
-    expectEnvironment(0);
-}
-
-/// The choice stays until it is reset.
-TEST_F(CredentialsTest, KeepsTheChoiceUntilTheReset) {
-    useOwnValues();
-    selectEnvironment("acc");
-    expectEnvironment(2);
-    ::setenv("KIV_SERVERENV", "dev", 1);
-    expectEnvironment(2);
-    Credentials::resetStagingEnv();
-    expectEnvironment(1);
-}
-
-/// Verbose, the choice is told.
-TEST_F(CredentialsTest, SaysWhichEnvironmentItMovesTo) {
-    selectEnvironment("dev");
-    EXPECT_EQ(linesOf([this] { m_credentials.getTouUrl(); }),
-              "credentials: Returning Tou file URL for Release\n"
-              "credentials: Move staging environment to dev\n");
-}
-
-/// Verbose, the choice is told.
-TEST_F(CredentialsTest, SaysAnUnknownEnvironmentToo) {
-    selectEnvironment("mars");
-    EXPECT_EQ(linesOf([this] { m_credentials.getLambdaKey(); }),
-              "credentials: Returning Lambda key for Release\n"
-              "credentials: Move staging environment to mars\n");
-}
-
-/// Verbose, the choice is told.
-TEST_F(CredentialsTest, SaysThatItRestoresProduction) {
-    EXPECT_EQ(linesOf([this] { m_credentials.getConfigUrl(); }),
-              "credentials: Returning Config file URL for Release\n"
-              "credentials: Restoring default ENV to prod\n");
-}
-
-/// Verbose, each getter says what it returns and for which key set.
-TEST_F(CredentialsTest, EachGetterSaysWhatItReturns) {
-    m_credentials.getTouUrl();  // the environment is chosen, and not spoken of again
+    for (int env = 0; env < 3; ++env) {
+        selectEnvironment(kEnvironments[env]);
+        expectEnvironment(env);
+    }
     EXPECT_EQ(linesOf([this] {
                   m_credentials.getConfigUrl();
                   m_credentials.getWebTimeUrl();
@@ -199,115 +95,48 @@ TEST_F(CredentialsTest, EachGetterSaysWhatItReturns) {
               "credentials: Returning Lambda key for Release\n");
 }
 
-/// Verbose, each getter says what it returns and for which key set.
-TEST_F(CredentialsTest, ItsLinesCarryTheDiagnosticPrefix) {
-    Credentials::SetVerbose(true);
-    OutputCapture capture;
-    m_credentials.getConfigUrl();
-    capture.stop();
-    EXPECT_EQ(prefixedLines(capture.out(), "credentials:"),
-              "credentials: Returning Config file URL for Release\n"
-              "credentials: Restoring default ENV to prod\n");
+/// It unscrambles a table's value for the chosen environment, read anew after a reset.
+TEST_F(CredentialsTest, DecryptsATableForTheChosenEnvironment) {
+    const std::vector<signed char> table[3] = {CredentialsPeer::scramble("first"),
+                                               CredentialsPeer::scramble("second"),
+                                               CredentialsPeer::scramble("third")};
+    EXPECT_EQ(m_credentials.decrypt(table), "first");
+    ::setenv("KIV_SERVERENV", "acc", 1);
+    EXPECT_EQ(m_credentials.decrypt(table), "first");
+    Credentials::resetStagingEnv();
+    EXPECT_EQ(m_credentials.decrypt(table), "third");
 }
 
-/// Verbose, each getter says what it returns and for which key set.
-TEST_F(CredentialsTest, SaysNothingWhenNotVerbose) {
-    selectEnvironment("dev");
-    OutputCapture capture;
-    m_credentials.getConfigUrl();
-    m_credentials.getWebTimeUrl();
-    m_credentials.getTouUrl();
-    m_credentials.getLambdaKey();
-    capture.stop();
-    EXPECT_EQ(capture.out(), "");
-    EXPECT_EQ(capture.err(), "");
+/// It tells whether it is verbose.
+TEST_F(CredentialsTest, TellsWhetherItIsVerbose) {
     EXPECT_FALSE(Credentials::GetVerbose());
+    Credentials::SetVerbose(true);
+    EXPECT_TRUE(Credentials::GetVerbose());
 }
 
-// --- unscrambling -------------------------------------------------------------------------------
-
-/// Unscrambling orders the characters of the first half by the second.
-TEST_F(CredentialsTest, OrdersTheFirstHalfByTheSecond) {
-    // Characters 'b', 'a', 'c' less 40; read from the end their places are 1, 0, 2.
-    EXPECT_EQ(unscrambled({'b' - 40, 'a' - 40, 'c' - 40, 2, 0, 1}), "abc");
+/// "prod", "dev" and "acc" choose the first, second and third vector of every table.
+TEST_F(CredentialsTest, AccSelectsTheThirdStorageKey) {
+    CredentialsPeer::setStorageKey("0123456789abcdef", 2);
+    selectEnvironment("acc");
+    const std::string iv(32, '0');
+    EXPECT_EQ(
+        m_credentials.decryptAES(iv, AesCtr::encrypt("0123456789abcdef", iv, "opened by acc")),
+        "opened by acc");
 }
-
-/// The middle of an odd vector only feeds the running sum, which wraps at a byte.
-TEST_F(CredentialsTest, TheMiddleOfAnOddVectorOnlyFeedsTheSum) {
-    EXPECT_EQ(unscrambled({'b' - 40, 'a' - 40, 77, 0, 1}), "ab");
-    EXPECT_EQ(unscrambled({'b' - 40, 'a' - 40, 200, 0, 1}), "ab");
-}
-
-/// A place not named is left out; of two the position nearest to the end wins.
-TEST_F(CredentialsTest, APlaceThatIsNotNamedIsLeftOut) {
-    EXPECT_EQ(unscrambled({'a' - 40, 'b' - 40, 'c' - 40, 2, 9, 0}), "ac");
-}
-
-/// A place not named is left out; of two the position nearest to the end wins.
-TEST_F(CredentialsTest, ThePositionNearestToTheEndWinsAPlaceNamedTwice) {
-    EXPECT_EQ(unscrambled({'a' - 40, 'b' - 40, 0, 0}), "a");
-}
-
-/// Shortest and longest vectors are unscrambled right.
-TEST_F(CredentialsTest, ShortestVectorsGiveNothing) {
-    EXPECT_EQ(unscrambled({}), "");
-    EXPECT_EQ(unscrambled({50}), "");
-}
-
-/// The middle of an odd vector only feeds the running sum, which wraps at a byte.
-TEST_F(CredentialsTest, RunningSumsWrapAtAByte) {
-    // Sums above 127, and a character that passes 255 when the 40 come back.
-    EXPECT_EQ(unscrambled({215, 255, 1, 0}), std::string("\xff\x27", 2));
-}
-
-/// Shortest and longest vectors are unscrambled right.
-TEST_F(CredentialsTest, UnscramblesTheLongestValue) {
-    std::string text;
-    for (int i = 0; i < 256; ++i) text.push_back(static_cast<char>(i));
-    const std::vector<signed char> table[3] = {CredentialsPeer::scramble(text), {}, {}};
-    EXPECT_EQ(m_credentials.decrypt(table), text);
-}
-
-// --- the build's tables -------------------------------------------------------------------------
 
 /// The tables hold the services file of the build, and no value of it is readable in the
 /// program.
-TEST_F(CredentialsTest, TheTablesHoldTheServicesFileOfTheBuild) {
+TEST_F(CredentialsTest, OpensWhatTheStorageKeysOfTheBuildHaveClosed) {
     const JsonObject environments =
         servicesOfThisBuild(KIV_SOURCE_DIR, KIV_BINARY_DIR).getObject("environments");
     for (const char* name : kEnvironments) {
         const JsonObject expected = environments.getObject(name);
         ASSERT_TRUE(expected.isObject()) << name;
         selectEnvironment(name);
-        EXPECT_EQ(m_credentials.getTouUrl(), expected.optString("tou-url"));
-        EXPECT_EQ(m_credentials.getWebTimeUrl(), expected.optString("web-time-url"));
-        EXPECT_EQ(m_credentials.getConfigUrl(), expected.optString("config-url"));
-        EXPECT_EQ(m_credentials.getLambdaKey(), expected.optString("api-key"));
         const std::string iv(32, '7');
         const std::string cipher =
             AesCtr::encrypt(expected.optString("storage-key"), iv, "by the storage key");
         EXPECT_EQ(m_credentials.decryptAES(iv, cipher), "by the storage key");
-    }
-}
-
-/// The tables hold the services file of the build, and no value of it is readable in the
-/// program.
-TEST_F(CredentialsTest, NoServiceValueIsReadableInTheProgram) {
-    const JsonObject environments =
-        servicesOfThisBuild(KIV_SOURCE_DIR, KIV_BINARY_DIR).getObject("environments");
-    std::vector<std::string> images = {TempDir::readFile(KIV_BINARY_DIR "/libkiv.a")};
-    const std::string program = TempDir::readFile(KIV_BINARY_DIR "/kivApp");
-    if (!program.empty()) images.push_back(program);
-    for (const std::string& image : images) {
-        // A text that must be there shows that the search sees the program's constants.
-        ASSERT_NE(image.find("Config could not be retrieved from server"), std::string::npos);
-        for (const char* environment : kEnvironments) {
-            for (const char* kind : kServiceKinds) {
-                const std::string value = environments.getObject(environment).optString(kind);
-                ASSERT_FALSE(value.empty()) << environment << "/" << kind;
-                EXPECT_EQ(image.find(value), std::string::npos) << environment << "/" << kind;
-            }
-        }
     }
 }
 
@@ -362,7 +191,7 @@ TEST_F(CredentialsAesTest, AnOddLastDigitIsAByteOfItsOwn) {
 }
 
 /// Hexadecimal text is read in any case, an odd last digit alone, other characters as zero.
-TEST_F(CredentialsAesTest, PairsThatAreNoNumberCountAsZero) {
+TEST_F(CredentialsAesTest, PairsThatAreNotANumberCountAsZero) {
     EXPECT_EQ(decrypted(kNistCounter, "zz4d"), decrypted(kNistCounter, "004d"));
     EXPECT_EQ(decrypted(kNistCounter, "87--"), decrypted(kNistCounter, "8700"));
 }

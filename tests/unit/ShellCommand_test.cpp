@@ -1,6 +1,7 @@
-#include "NetworkHelper.h"
+#include "ShellCommand.h"
 
 #include "AlarmBlock.h"
+#include "support/FakeCommands.h"
 #include "support/NetworkHooks.h"
 #include "support/OutputCapture.h"
 #include "support/TempDir.h"
@@ -9,9 +10,11 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <cstddef>
@@ -121,6 +124,73 @@ TEST(ExecTest, CommandsStartedMeanwhileDoNotInheritThePipe) {
     EXPECT_EQ(output.get(), "begins\nends");
 }
 
+// --- ping and ifconfig --------------------------------------------------------------------------
+
+using Texts = std::vector<std::string>;
+
+class ShellCommandTest : public ::testing::Test {
+  protected:
+    static std::string errorsOf(const std::function<void()>& action) {
+        OutputCapture capture;
+        NetworkHooks hooks;
+        hooks.failPopen();
+        action();
+        capture.stop();
+        EXPECT_EQ(capture.out(), "");
+        return capture.errWithoutPrefixes();
+    }
+
+    FakeCommands m_commands;
+};
+
+/// One ping is sent, and all that it prints is given.
+TEST_F(ShellCommandTest, PingsOnceAndGivesWhatIsPrinted) {
+    m_commands.setOutput("ping", "PING a-b_c.example (192.0.2.1)\nmore\n");
+    EXPECT_EQ(ShellCommand::ping("a-b_c.example"), "PING a-b_c.example (192.0.2.1)\nmore\n");
+    EXPECT_EQ(ShellCommand::ping("2001:db8::1"), "PING a-b_c.example (192.0.2.1)\nmore\n");
+    EXPECT_EQ(ShellCommand::ping("b\xc3\xbc"), "PING a-b_c.example (192.0.2.1)\nmore\n");
+    EXPECT_EQ(m_commands.calls("ping"),
+              Texts({"-c 1 a-b_c.example", "-c 1 2001:db8::1", "-c 1 b\xc3\xbc"}));
+}
+
+/// The shell is handed nothing but a host name.
+TEST_F(ShellCommandTest, HandsTheShellNothingButAHostName) {
+    m_commands.setOutput("ping", "printed");
+    for (const char* host : {"", "-f", "a b", "a;ping", "a|ping", "`ping`", "$(ping)", "a\nping",
+                             "a/b", "a@b", "'a'", "a&"}) {
+        EXPECT_EQ(ShellCommand::ping(host), "") << host;
+    }
+    EXPECT_EQ(m_commands.calls("ping"), Texts());
+}
+
+/// The MAC address is the 17 characters after "HWaddr ", which does not begin the output.
+TEST_F(ShellCommandTest, FindsTheMacAddressOfAnInterface) {
+    const std::pair<const char*, const char*> outputs[] = {
+        {"eth0  Link encap:Ethernet  HWaddr 00:1A:2B:3C:4D:5E  \n   more\n", "00:1A:2B:3C:4D:5E"},
+        {"x HWaddr 00:1A:2B:3C:4D:5E", "00:1A:2B:3C:4D:5E"},
+        {"eth0 HWaddr 00:1A:2B:3C:4D:5", ""},
+        {"eth0 HWaddr ", ""},
+        {"HWaddr 00:1A:2B:3C:4D:5E", ""},
+        {"eth0: error fetching interface information", ""},
+        {"", ""},
+    };
+    for (const auto& [output, mac] : outputs) {
+        m_commands.setOutput("ifconfig", output);
+        EXPECT_EQ(ShellCommand::macAddressOf("eth0"), mac) << output;
+    }
+    EXPECT_EQ(m_commands.calls("ifconfig"), Texts(7, "eth0"));
+}
+
+/// A command that does not start counts as empty output, with a line.
+TEST_F(ShellCommandTest, TakesACommandThatDoesNotStartAsEmptyOutput) {
+    EXPECT_EQ(errorsOf([] { EXPECT_EQ(ShellCommand::ping("host"), ""); }),
+              "kivNetwork:Command ping -c 1 host not started: popen() failed!\n");
+    EXPECT_EQ(errorsOf([] { EXPECT_EQ(ShellCommand::macAddressOf("eth1"), ""); }),
+              "kivNetwork:Command ifconfig eth1 not started: popen() failed!\n");
+}
+
+// --- text helpers -------------------------------------------------------------------------------
+
 /// `StringExtractBetween` looks for any single character of its marks and gives the whole text
 /// without a beginning.
 TEST(StringExtractBetweenTest, CutsOutWhatStandsBetween) {
@@ -149,7 +219,7 @@ TEST(StringExtractBetweenTest, GivesTheWholeTextWithoutABeginning) {
 
 /// `StringExtractBetween` looks for any single character of its marks and gives the whole text
 /// without a beginning.
-TEST(StringExtractBetweenTest, TakesABeginningThatReachesBehindTheEnd) {
+TEST(StringExtractBetweenTest, TakesABeginningThatReachesBeyondTheEnd) {
     EXPECT_EQ(StringExtractBetween("host/", "//", "/"), "");
 }
 

@@ -1,0 +1,4 @@
+#include "TimedChild.h"
+#include "support/KivTest.h"
+
+static const KivTest::Reset resetTimedChild([] { TimedChild::setVerbose(false); });

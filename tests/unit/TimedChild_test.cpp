@@ -1,0 +1,233 @@
+#include "TimedChild.h"
+
+#include <cstdlib>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "support/KivTest.h"
+#include "support/OutputCapture.h"
+#include "support/TempDir.h"
+#include "support/TimedChildPeer.h"
+
+namespace {
+
+constexpr unsigned int kLimit = 20;  ///< seconds that no child here needs
+
+class TimedChildTest : public KivTest {
+  protected:
+    /// What the process has left over: children that were not waited for.
+    static bool hasChildren() { return ::waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD; }
+
+    /// A child of this process that ends as `end` says.
+    static int childThat(void (*end)()) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            end();
+            ::_exit(99);
+        }
+        return child;
+    }
+
+    static bool hang() {
+        for (;;) ::pause();
+    }
+
+    const TempDir dir;
+};
+
+// --- the work -----------------------------------------------------------------------------------
+
+/// The work runs in a child that is reaped; its answer is the result.
+TEST_F(TimedChildTest, RunsTheWorkInAChildAndGivesItsAnswer) {
+    const pid_t self = ::getpid();
+    OutputCapture output;
+    EXPECT_TRUE(TimedChild::run([self] { return ::getppid() == self; }, kLimit));
+    EXPECT_FALSE(TimedChild::run([self] { return ::getpid() == self; }, kLimit));
+    output.stop();
+    EXPECT_EQ(output.out() + output.err(), "");
+    EXPECT_FALSE(hasChildren());
+}
+
+/// Work that throws fails: its child ends there, and nothing of the daemon's code goes on in it.
+TEST_F(TimedChildTest, EndsTheChildWhoseWorkThrows) {
+    OutputCapture output;
+    bool cameBack = false;
+    try {
+        EXPECT_FALSE(TimedChild::run([]() -> bool { throw std::runtime_error("x"); }, kLimit));
+        cameBack = true;
+    } catch (const std::runtime_error&) {
+        ::_exit(1);  // this is the child
+    }
+    output.stop();
+    EXPECT_TRUE(cameBack);
+    EXPECT_NE(
+        output.errWithoutPrefixes().find("kivAWSWrapper: Child did not exit normally: status="),
+        std::string::npos)
+        << output.err();
+    EXPECT_FALSE(hasChildren());
+}
+
+/// In the child the alarm is open and ends it, whatever the thread before it blocked.
+TEST_F(TimedChildTest, OpensTheAlarmByDefaultInTheChild) {
+    sigset_t alarm;
+    ::sigemptyset(&alarm);
+    ::sigaddset(&alarm, SIGALRM);
+    sigset_t before;
+    ::pthread_sigmask(SIG_BLOCK, &alarm, &before);
+    ::signal(SIGALRM, SIG_IGN);
+    const bool open = TimedChild::run(
+        [] {
+            sigset_t blocked;
+            struct sigaction action = {};
+            ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+            ::sigaction(SIGALRM, nullptr, &action);
+            return ::sigismember(&blocked, SIGALRM) == 0 && action.sa_handler == SIG_DFL;
+        },
+        kLimit);
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_TRUE(open);
+}
+
+/// The child repeats no waiting output and closes the daemon's descriptors.
+TEST_F(TimedChildTest, LetsTheChildRepeatNothingThatWaitsInTheOutput) {
+    OutputCapture output;
+    std::cout << "said once, ";
+    EXPECT_TRUE(TimedChild::run(
+        [] {
+            std::cout << "and by the child" << std::flush;
+            return true;
+        },
+        kLimit));
+    output.stop();
+    EXPECT_EQ(output.out(), "said once, and by the child");
+}
+
+/// The child repeats no waiting output and closes the daemon's descriptors.
+TEST_F(TimedChildTest, SparesTheChildTheDaemonsDescriptors) {
+    const int descriptor = ::open(dir.write("store", "x").c_str(), O_RDONLY);
+    ASSERT_GT(descriptor, STDERR_FILENO);
+    EXPECT_TRUE(TimedChild::run(
+        [descriptor] {
+            return ::fcntl(descriptor, F_GETFD) == -1 && errno == EBADF &&
+                   ::fcntl(STDERR_FILENO, F_GETFD) != -1;
+        },
+        kLimit));
+    EXPECT_NE(::fcntl(descriptor, F_GETFD), -1) << "its own stays open";
+    ::close(descriptor);
+}
+
+/// A failed fork: "Fork failed: ".
+TEST_F(TimedChildTest, TellsThatTheForkFailed) {
+    OutputCapture output;
+    const pid_t limited = ::fork();
+    if (limited == 0) {
+        const rlimit none = {0, 0};
+        ::setrlimit(RLIMIT_NPROC, &none);
+        // The limit does not hold for a privileged user.
+        if (::geteuid() == 0 && ::setresuid(65534, 65534, 65534) != 0) ::_exit(98);
+        ::_exit(TimedChild::run([] { return true; }, kLimit) ? 1 : 0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(limited, &status, 0), limited);
+    output.stop();
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivAWSWrapper: Fork failed: Resource temporarily unavailable\n");
+}
+
+/// Verbose, the child is told from its start to its end.
+TEST_F(TimedChildTest, DescribesTheChildWhenVerbose) {
+    TimedChild::setVerbose(true);
+    OutputCapture output;
+    EXPECT_TRUE(TimedChild::run([] { return true; }, kLimit));
+    EXPECT_FALSE(TimedChild::run([] { return false; }, kLimit));
+    output.stop();
+    const std::string lines = output.outWithoutPrefixes();
+    for (const char* line :
+         {"kivAWSWrapper: Wait for child ", "kivAWSWrapper: Child process exits with 1\n",
+          "kivAWSWrapper: Child returns 256\n", "kivAWSWrapper: Child process exits with 0\n",
+          "kivAWSWrapper: Child returns 0\n"}) {
+        EXPECT_NE(lines.find(line), std::string::npos) << lines;
+    }
+    EXPECT_EQ(output.err(), "");
+}
+
+// --- the limit ----------------------------------------------------------------------------------
+
+/// At the limit: "Child Timeout expired! : kill pid" and the child's end by SIGKILL.
+///
+/// A child that was killed: "Child did not exit normally: status=".
+TEST_F(TimedChildTest, KillsAChildThatHangsAndReapsIt) {
+    OutputCapture output;
+    EXPECT_FALSE(TimedChild::run(hang, 1));
+    output.stop();
+    const std::string lines = output.errWithoutPrefixes();
+    const std::string expired = "kivAWSWrapper: Child Timeout expired! : kill pid";
+    ASSERT_EQ(lines.rfind(expired, 0), 0u) << lines;
+    EXPECT_GT(std::atoi(lines.c_str() + expired.size()), 1);
+    EXPECT_EQ(lines.substr(lines.find('\n') + 1),
+              "kivAWSWrapper: Child did not exit normally: status=9\n");
+    EXPECT_FALSE(hasChildren());
+}
+
+/// After a kill the next child runs, without an alarm left.
+TEST_F(TimedChildTest, LetsTheNextChildRunAfterAKill) {
+    OutputCapture output;
+    EXPECT_FALSE(TimedChild::run(hang, 1));
+    output.stop();
+    EXPECT_TRUE(TimedChild::run([] { return true; }, kLimit));
+    EXPECT_EQ(::alarm(0), 0u) << "no alarm is left over";
+}
+
+// --- the child's end ----------------------------------------------------------------------------
+
+/// Exit status 1 is success, 0 failure.
+TEST_F(TimedChildTest, TakesExitStatusOneForSuccess) {
+    EXPECT_TRUE(TimedChildPeer::waitFor(childThat([] { ::_exit(1); })));
+    EXPECT_TRUE(TimedChildPeer::waitFor(childThat([] { ::_exit(3); })));
+}
+
+/// Exit status 1 is success, 0 failure.
+TEST_F(TimedChildTest, TakesExitStatusZeroForFailure) {
+    OutputCapture output;
+    EXPECT_FALSE(TimedChildPeer::waitFor(childThat([] { ::_exit(0); })));
+    output.stop();
+    EXPECT_EQ(output.err(), "");
+}
+
+/// A child that was killed: "Child did not exit normally: status=".
+TEST_F(TimedChildTest, TellsThatAChildWasKilled) {
+    OutputCapture output;
+    EXPECT_FALSE(TimedChildPeer::waitFor(childThat([] { ::raise(SIGTERM); })));
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivAWSWrapper: Child did not exit normally: status=15\n");
+}
+
+/// A child that cannot be waited for: "Error waiting for child "; without one nobody is killed.
+TEST_F(TimedChildTest, TellsThatAChildCannotBeWaitedFor) {
+    OutputCapture output;
+    EXPECT_FALSE(TimedChildPeer::waitFor(2147483646));
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivAWSWrapper: Error waiting for child 2147483646: No child processes\n");
+    EXPECT_EQ(::alarm(0), 0u);
+}
+
+/// A child that cannot be waited for: "Error waiting for child "; without one nobody is killed.
+TEST_F(TimedChildTest, KillsNobodyWithoutAChild) {
+    OutputCapture output;
+    TimedChildPeer::killTimedOut();
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(), "kivAWSWrapper: Child Timeout expired! : kill pid-1\n");
+}
+
+}  // namespace
