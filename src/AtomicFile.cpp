@@ -1,5 +1,6 @@
 #include "AtomicFile.h"
 
+#include "ClassLog.h"
 #include "Descriptor.h"
 
 #include <filesystem>
@@ -27,7 +28,7 @@ std::mutex replaceMutex;
 std::string failure(const char* action, const fs::path& path) {
     const int reason = errno;
     return std::string("cannot ") + action + " " + path.string() + ": " +
-           std::generic_category().message(reason);
+           ClassLog::errnoText(reason);
 }
 
 /// Where the file really is: the end of a chain of links, which need not exist.

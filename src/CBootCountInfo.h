@@ -7,7 +7,7 @@ class JsonObject;
 /// The boot-count file: how often the set has booted, and left standby since.
 class CBootCountInfo {
   public:
-    /// Reads the file. A count that is absent, no integer or negative (which gets a line on
+    /// Reads the file. A count that is absent, not an integer or negative (which gets a line on
     /// standard error) becomes 0. @return whether the file was parsed as JSON.
     bool LoadFile(const char* path);
 

@@ -4,10 +4,10 @@
 #include "AwsWrapperImpl.h"
 #include "BuildInfo.h"
 #include "CBootCountInfo.h"
+#include "ClassLog.h"
 #include "Credentials.h"
 #include "DB.h"
 #include "DBToken.h"
-#include "DbgOut.h"
 #include "EventSessionHeader.h"
 #include "GatewayImpl.h"
 #include "JsonFilter.h"
@@ -31,7 +31,8 @@ bool CKivApp::m_verbose = false;
 
 namespace {
 
-constexpr char kTag[] = "CKivApp: ";
+const ClassLog s_log("CKivApp: ", CKivApp::m_verbose);
+
 constexpr char kShortOptions[] = "hvsd:b:g:c:e:t:T:V";
 constexpr option kLongOptions[] = {{"help", no_argument, nullptr, 'h'},
                                    {"verbose", no_argument, nullptr, 'v'},
@@ -46,13 +47,8 @@ constexpr option kLongOptions[] = {{"help", no_argument, nullptr, 'h'},
                                    {nullptr, 0, nullptr, 0}};
 
 [[noreturn]] void refuse(const char* text) {
-    cerrdbg << kTag << text << std::endl;
+    s_log.error(text);
     std::exit(-1);
-}
-
-template <typename Value>
-void printOption(const char* label, const Value& value) {
-    coutdbg << kTag << label << value << std::endl;
 }
 
 /// The text before the last slash of either kind; the whole text when it has none.
@@ -97,10 +93,10 @@ CKivApp::CKivApp(std::string globalInfoFile, std::string bootFile, std::string c
 
 int CKivApp::Init(int argc, char* const* argv) {
     if (ParseArgs(argc, argv) != 0) {
-        cerrdbg << kTag << "Error parsing arguments\n";
+        s_log.error("Error parsing arguments");
         return -1;
     }
-    if (m_verbose) coutdbg << kTag << "Initializing...\n";
+    s_log.info("Initializing...");
     return 0;
 }
 
@@ -163,7 +159,7 @@ void CKivApp::readGivenBootFile(Switches& given) {
     if (ParseBootFile(::optarg))
         given.bootFileRead = true;
     else
-        cerrdbg << kTag << "Cannot read bootinfo file " << ::optarg << std::endl;
+        s_log.error("Cannot read bootinfo file ", ::optarg);
 }
 
 void CKivApp::readGivenGlobalInfo(Switches& given) {
@@ -171,7 +167,7 @@ void CKivApp::readGivenGlobalInfo(Switches& given) {
     if (!m_globalInfo->getDeviceId().empty())
         given.globalInfoRead = true;
     else
-        cerrdbg << kTag << "Cannot read globalinfo file " << ::optarg << std::endl;
+        s_log.error("Cannot read globalinfo file ", ::optarg);
 }
 
 bool CKivApp::ParseBootFile(const char* path) {
@@ -207,18 +203,18 @@ void CKivApp::PrintOptions() const {
     const Singleton<CGlobalInfoImpl> info;
     const Config config;
     const Singleton<CTouImpl> tou;
-    coutdbg << kTag << "Options summary:\n";
-    printOption("verbose                  : ", m_verbose);
-    printOption("Config file path         : ", m_configFile);
-    printOption("DB file path             : ", m_dbFile);
-    printOption("Boot-cycle               : ", info->getBootCount());
-    printOption("Standby-cycle            : ", info->getStandbyCount());
-    printOption("SWVersion                : ", info->getSwVersion());
-    printOption("DeviceId                 : ", info->getDeviceId());
-    printOption("TOU accepted in TV       : ", tou->isAccepted() ? "true" : "false");
-    printOption("TOU version in TV        : ", tou->getVersion());
-    printOption("Config EventAgeThreshold : ", config->GetMaxDelay());
-    printOption("Config GetExpiryPeriod   : ", config->GetExpiryTou());
+    s_log.always("Options summary:");
+    s_log.always("verbose                  : ", m_verbose);
+    s_log.always("Config file path         : ", m_configFile);
+    s_log.always("DB file path             : ", m_dbFile);
+    s_log.always("Boot-cycle               : ", info->getBootCount());
+    s_log.always("Standby-cycle            : ", info->getStandbyCount());
+    s_log.always("SWVersion                : ", info->getSwVersion());
+    s_log.always("DeviceId                 : ", info->getDeviceId());
+    s_log.always("TOU accepted in TV       : ", tou->isAccepted() ? "true" : "false");
+    s_log.always("TOU version in TV        : ", tou->getVersion());
+    s_log.always("Config EventAgeThreshold : ", config->GetMaxDelay());
+    s_log.always("Config GetExpiryPeriod   : ", config->GetExpiryTou());
 }
 
 void CKivApp::SetAllVerbose(bool verbose) {

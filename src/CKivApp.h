@@ -8,8 +8,11 @@
 #include "Config.h"
 #include "Singleton.h"
 
-/// The application: command line, options summary, start-up order. Made once by `main`, used on
-/// the main thread only.
+/// The application: command line, options summary, start-up order.
+///
+/// Made once by `main`; it owns the services until the process ends. Used on the main thread only,
+/// but for the time manager's error callback, which runs on a thread of the time manager.
+/// Files that cannot be read get a line and leave the defaults; bad options end the process.
 class CKivApp {
   public:
     CKivApp(std::string globalInfoFile, std::string bootFile, std::string configFile,
@@ -23,7 +26,8 @@ class CKivApp {
 
     static void PrintVersion();
     void PrintOptions() const;
-    /// Sets the verbose switch of this and every other class but `EventFilter`.
+    /// Sets the verbose switches of this class and of all others that have one, but for two:
+    /// `EventFilter` and `WebTimeImpl` keep theirs as they are.
     static void SetAllVerbose(bool verbose);
 
     static bool m_verbose;

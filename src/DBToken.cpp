@@ -1,9 +1,8 @@
 #include "DBToken.h"
 
 #include "AtomicFile.h"
-#include "DbgOut.h"
+#include "ClassLog.h"
 
-#include <atomic>
 #include <fstream>
 #include <iterator>
 #include <utility>
@@ -14,7 +13,7 @@ namespace {
 
 constexpr char kTokenKey[] = "db-uuid";
 
-std::atomic<bool> s_verbose{false};
+ClassLog s_log("kivDBUUID: ");
 
 bool isUuid(const std::string& text) {
     uuid_t parsed;
@@ -61,10 +60,7 @@ void DBToken::load(bool forceNew) {
     if (!forceNew && isUuid(mUUIDObject.optString(kTokenKey))) return;
     const std::string token = randomUuid();
     if (mUUIDObject.isNull()) mUUIDObject = JsonObject::createObject();
-    if (GetVerbose()) {
-        coutdbg << "kivDBUUID: "
-                << "loadDBUUIDFile : new UUID created: " << token << std::endl;
-    }
+    s_log.info("loadDBUUIDFile : new UUID created: ", token);
     update(token);
 }
 
@@ -72,15 +68,15 @@ void DBToken::update(const std::string& uuid) {
     if (mUUIDObject.optString(kTokenKey) == uuid) return;
     if (mUUIDObject.isNull()) mUUIDObject = JsonObject::createObject();
     mUUIDObject.set(kTokenKey, uuid);
-    // Without a path the token lives in memory only. A file that cannot be written is made up for
-    // by the next start, which makes another token.
+    // Without a path the token lives in memory only. After a file that could not be written, the
+    // next start makes another token.
     if (!mFileName.empty()) AtomicFile::replace(mFileName, mUUIDObject.dumpAsString());
 }
 
 void DBToken::SetVerbose(bool verbose) {
-    s_verbose = verbose;
+    s_log.setVerbose(verbose);
 }
 
 bool DBToken::GetVerbose() {
-    return s_verbose;
+    return s_log.isVerbose();
 }

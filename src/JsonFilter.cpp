@@ -1,16 +1,16 @@
 #include "JsonFilter.h"
 
-#include "DbgOut.h"
+#include "ClassLog.h"
 #include "JsonArrayIterator.h"
 #include "JsonFilterRule.h"
 
+bool JsonFilter::m_verbose = false;
+
 namespace {
 
-const char* const kTag = "JsonFilter: ";
+const ClassLog s_log("JsonFilter: ", JsonFilter::m_verbose);
 
 }  // namespace
-
-bool JsonFilter::m_verbose = false;
 
 JsonFilter::JsonFilter(const JsonObject& filter) : m_filter(filter) {}
 
@@ -19,9 +19,9 @@ bool JsonFilter::matches(const JsonObject& event) const {
     if (!m_filter.isArray()) return false;
     for (JsonArrayIterator rule(m_filter); rule; ++rule) {
         const JsonObject element = rule.current();
-        // What is no object holds no keys: as a rule it would match every event.
+        // A value that is not an object has no keys: as a rule it would match every event.
         if (!element.isObject()) {
-            cerrdbg << kTag << "Invalid json object in filter array" << m_filter << std::endl;
+            s_log.error("Invalid json object in filter array", m_filter);
             continue;
         }
         if (JsonFilterRule(element).matches(event)) return true;

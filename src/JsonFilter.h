@@ -3,7 +3,7 @@
 #include "JsonObject.h"
 
 /// A filter: a JSON array of rules, any of which may match. A null handle matches everything, a
-/// value that is no array matches nothing.
+/// value that is not an array matches nothing.
 class JsonFilter {
   public:
     explicit JsonFilter(const JsonObject& filter);

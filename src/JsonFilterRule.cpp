@@ -1,6 +1,6 @@
 #include "JsonFilterRule.h"
 
-#include "DbgOut.h"
+#include "ClassLog.h"
 #include "JsonArrayIterator.h"
 #include "JsonIterator.h"
 #include "RegexCache.h"
@@ -9,9 +9,11 @@
 
 #include <strings.h>
 
+bool JsonFilterRule::m_verbose = false;
+
 namespace {
 
-const char* const kTag = "JsonFilterRule: ";
+const ClassLog s_log("JsonFilterRule: ", JsonFilterRule::m_verbose);
 
 using Operator = JsonFilterRule::Operator;
 
@@ -60,31 +62,25 @@ const char* onlyKey(const JsonObject& object) {
 
 }  // namespace
 
-bool JsonFilterRule::m_verbose = false;
-
 JsonFilterRule::JsonFilterRule(const JsonObject& rule) : m_rule(rule) {}
 
 bool JsonFilterRule::matches(const JsonObject& event) const {
-    if (m_verbose) {
-        coutdbg << kTag << "Match " << event << " with rule " << m_rule << std::endl;
-    }
+    s_log.info("Match ", event, " with rule ", m_rule);
     const bool result = m_rule.isObject() && matchAllKeys(event);
-    if (m_verbose) coutdbg << kTag << "Match: " << (result ? "yes" : "no") << std::endl;
+    s_log.info("Match: ", result ? "yes" : "no");
     return result;
 }
 
 bool JsonFilterRule::matchAllKeys(const JsonObject& event) const {
     for (JsonIterator member(m_rule); !member.atEnd(); member.advance()) {
-        if (m_verbose) coutdbg << kTag << "Check key " << member.key() << std::endl;
+        s_log.info("Check key ", member.key());
         if (!matchValues(event.getObject(member.key()), member.value())) return false;
     }
     return true;
 }
 
 bool JsonFilterRule::matchValues(const JsonObject& value, const JsonObject& ruleValue) const {
-    if (m_verbose) {
-        coutdbg << kTag << "Match value of " << value << " with " << ruleValue << std::endl;
-    }
+    s_log.info("Match value of ", value, " with ", ruleValue);
     if (ruleValue.isNull()) return false;
     if (value.isNull()) return ruleValue.isJsonNull();
     if (value.equals(ruleValue)) return true;
@@ -111,9 +107,7 @@ bool JsonFilterRule::matchWithJsonArray(const JsonObject& value,
 
 bool JsonFilterRule::evalOperatorExpr(const JsonObject& value, Operator op,
                                       const JsonObject& operand) const {
-    if (m_verbose) {
-        coutdbg << kTag << "Match " << value << " " << op << " " << operand << std::endl;
-    }
+    s_log.info("Match ", value, " ", op, " ", operand);
     switch (op) {
         case NOT:
             return !matchValues(value, operand);
@@ -139,7 +133,7 @@ bool JsonFilterRule::evalOperatorExpr(const JsonObject& value, Operator op,
 
 bool JsonFilterRule::evalAndOperator(const JsonObject& value, const JsonObject& operand) const {
     if (!operand.isArray()) {
-        cerrdbg << kTag << "evalAndOperator rhs not an array: " << operand << std::endl;
+        s_log.error("evalAndOperator rhs not an array: ", operand);
         return false;
     }
     for (JsonArrayIterator element(operand); element; ++element) {
@@ -170,15 +164,15 @@ bool JsonFilterRule::evalRegexOperator(const JsonObject& value, const JsonObject
     try {
         return RegexCache::matches(pattern, value.getStringRep());
     } catch (const std::regex_error& error) {
-        cerrdbg << kTag << "Caught exception: " << error.what() << " (code "
-                << static_cast<int>(error.code()) << ") on regexp " << pattern << std::endl;
+        s_log.error("Caught exception: ", error.what(), " (code ", static_cast<int>(error.code()),
+                    ") on regexp ", pattern);
         return false;
     }
 }
 
 int JsonFilterRule::compareValues(const JsonObject& a, const JsonObject& b) const {
     if (!a.isNumber() || !b.isNumber()) {
-        cerrdbg << kTag << "compareValues types no numbers: " << a << " " << b << std::endl;
+        s_log.error("compareValues types no numbers: ", a, " ", b);
         return 0;
     }
     return compareNumbers(a, b);

@@ -6,7 +6,7 @@
 
 /// One filter rule: a JSON object whose keys name fields of an event and whose values say what
 /// those fields must be (docs/configuration.md has the language). Never throws, never changes its
-/// values; malformed rules only do not match, with an error line.
+/// values; a malformed rule does not match, and gets an error line.
 class JsonFilterRule {
   public:
     enum Operator { INVOP, NOT, GREATER, GREATER_EQUAL, LESS, LESS_EQUAL, AND, CONTAINS, REGEX };
@@ -22,10 +22,10 @@ class JsonFilterRule {
     bool evalAndOperator(const JsonObject& value, const JsonObject& operand) const;
     bool evalContainsOperator(const JsonObject& value, const JsonObject& operand) const;
     bool evalRegexOperator(const JsonObject& value, const JsonObject& operand) const;
-    /// -1, 0 or 1; 0 with an error line when either is no number.
+    /// -1, 0 or 1; 0 with an error line when either is not a number.
     int compareValues(const JsonObject& a, const JsonObject& b) const;
 
-    Operator toOperator(const char* key) const;  ///< case does not matter; INVOP for no operator
+    Operator toOperator(const char* key) const;  ///< case does not matter; INVOP: not an operator
     static const char* operatorToString(Operator op);
 
     static bool m_verbose;

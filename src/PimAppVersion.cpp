@@ -26,7 +26,7 @@ void PimAppVersion::updatePimVersion(std::string version, std::string buildDate)
 
     if (mVersionObject.set("pim-version", version) != 0 ||
         mVersionObject.set("pim-builddate", buildDate) != 0) {
-        return;  // no UTF-8: nothing that a file could hold
+        return;  // not UTF-8: no JSON file could hold it
     }
     AtomicFile::replace(mFileName, mVersionObject.dumpAsString());
 }
@@ -40,6 +40,8 @@ PimAppVersion::Version PimAppVersion::current() {
 void PimAppVersion::load() {
     mVersionObject = JsonObject::loadFile(mFileName);
     if (!mVersionObject.isObject()) {
-        mVersionObject.Pack("{s:s, s:s}", "pim-version", "", "pim-builddate", "");
+        mVersionObject.Pack("{s:s, s:s}",       //
+                            "pim-version", "",  //
+                            "pim-builddate", "");
     }
 }

@@ -16,7 +16,7 @@ class PimAppVersion {
 
     /// Names the directory of the version file and loads it.
     static void setPimVersionPath(std::string dir);
-    /// Loads the version file; a missing one, or one that is no JSON object, gives two empty
+    /// Loads the version file; a missing one, or one that is not a JSON object, gives two empty
     /// strings.
     static void loadPimVersionFile();
     /// Takes over a new version and rewrites the file (atomically); nothing happens when the

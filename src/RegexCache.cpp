@@ -1,6 +1,6 @@
 #include "RegexCache.h"
 
-#include "DbgOut.h"
+#include "ClassLog.h"
 
 #include <list>
 #include <memory>
@@ -11,7 +11,7 @@
 
 namespace {
 
-const char* const kTag = "JsonFilterRule: ";  // patterns are those of its rules
+const ClassLog s_log("JsonFilterRule: ");  // patterns are those of its rules
 
 constexpr std::size_t kMaxPatternLength = 1024;
 constexpr std::size_t kMaxBacktrackedLength = 512;
@@ -109,15 +109,15 @@ std::string beginning(const std::string& pattern) {
 
 bool RegexCache::matches(const std::string& pattern, const std::string& text) {
     if (pattern.size() > kMaxPatternLength) {
-        cerrdbg << kTag << "Pattern of " << pattern.size() << " characters is too long (limit "
-                << kMaxPatternLength << "): " << beginning(pattern) << std::endl;
+        s_log.error("Pattern of ", pattern.size(), " characters is too long (limit ",
+                    kMaxPatternLength, "): ", beginning(pattern));
         return false;
     }
     const SharedPattern expression = compiled(pattern, store(kMaxPatterns));
     if (expression->backtracks && text.size() > kMaxBacktrackedLength) {
-        cerrdbg << kTag << "Text of " << text.size() << " characters is too long (limit "
-                << kMaxBacktrackedLength
-                << ") for a pattern with back-references: " << beginning(pattern) << std::endl;
+        s_log.error("Text of ", text.size(), " characters is too long (limit ",
+                    kMaxBacktrackedLength,
+                    ") for a pattern with back-references: ", beginning(pattern));
         return false;
     }
     return std::regex_match(text, expression->regex);

@@ -1,6 +1,6 @@
 #include "TimerQueue.h"
 
-#include "AlarmBlock.h"
+#include "ClassLog.h"
 
 #include <algorithm>
 #include <optional>
@@ -8,13 +8,13 @@
 
 #include <cstdio>
 
-#include <pthread.h>
-
 using SteadyTime = std::chrono::steady_clock::time_point;
 
 namespace {
 
 constexpr SteadyTime kDueAtOnce{};
+
+const ClassLog s_log("TimerQueue: ");
 
 // Delays beyond the range of the clock end at its ends.
 SteadyTime dueAfter(long long delayMs) {
@@ -39,8 +39,12 @@ TimerQueue::WorkItem TimerQueue::Items::takeTop() {
 }
 
 TimerQueue::TimerQueue() {
-    const AlarmBlock inherited;
-    m_thread = std::thread(&TimerQueue::run, this);
+    // One character too long for Linux, which then keeps the old name.
+    const int error = m_thread.start("TimerQueueThread", [this] {
+        run();
+        return 0;
+    });
+    if (error != 0) s_log.error("Cannot start the timer thread: ", ClassLog::errnoText(error));
 }
 
 TimerQueue::~TimerQueue() {
@@ -54,6 +58,7 @@ TimerQueue::~TimerQueue() {
     }
     notify();
     add(0, 0, 0, [this](bool, unsigned int, int) { m_finish = true; });
+    if (!m_thread.isStarted()) run();
     m_thread.join();
 }
 
@@ -98,9 +103,6 @@ bool TimerQueue::cancel(std::uint64_t id) {
 }
 
 void TimerQueue::run() {
-    // One character too long for Linux, which then keeps the old name.
-    ::pthread_setname_np(::pthread_self(), "TimerQueueThread");
-
     while (!m_finish) {
         if (const std::optional<SteadyTime> deadline = nextDeadline()) {
             waitUntil(*deadline);

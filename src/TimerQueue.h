@@ -6,23 +6,25 @@
 #include <mutex>
 #include <optional>
 #include <queue>
-#include <thread>
 #include <vector>
 
 #include "Semaphore.h"
+#include "WorkerThread.h"
 
 /// Calls handlers after a delay, each once, on one thread of its own ("TimerQueueThread").
 ///
 /// Handlers run one at a time in the order of their due times, with no lock held: they may add
 /// and cancel items of the same queue. They must be short: a handler posts, it does not work.
 /// `add` and `cancel` may be called from any thread. The destructor calls every pending handler
-/// with `cancelled` true and joins the thread; it must not run on that thread.
+/// with `cancelled` true and joins the thread; it must not run on that thread. A thread that cannot
+/// be started gets an error line: then no handler is called before the destructor, which calls them
+/// on its own thread.
 class TimerQueue : private Semaphore {
   public:
     /// handler(cancelled, first argument, second argument)
     using Handler = std::function<void(bool, unsigned int, int)>;
 
-    TimerQueue();
+    TimerQueue();  ///< starts the thread
     ~TimerQueue();
     TimerQueue(const TimerQueue&) = delete;
     TimerQueue& operator=(const TimerQueue&) = delete;
@@ -63,8 +65,8 @@ class TimerQueue : private Semaphore {
     /// Drops cancelled leftovers from the top; the due time of the next item, if there is one.
     std::optional<std::chrono::steady_clock::time_point> nextDeadline();
 
-    std::thread m_thread;
-    bool m_finish = false;  ///< used on the queue's thread only
+    WorkerThread m_thread;
+    bool m_finish = false;  ///< used by `run` only, and by the handlers that it calls
     std::uint64_t m_lastId = 0;
     std::mutex m_queueMutex;  ///< guards m_items and m_lastId
     Items m_items;

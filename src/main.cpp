@@ -1,5 +1,5 @@
 #include "CKivApp.h"
-#include "DbgOut.h"
+#include "ClassLog.h"
 
 #include <malloc.h>
 #include <signal.h>
@@ -13,8 +13,8 @@ void settleSignals() {
     ::signal(SIGCHLD, SIG_DFL);
 }
 
-/// One heap for all threads: they work in turns, and a heap of its own would keep each one's
-/// largest load for ever.
+/// One heap for all threads. They work in turns; with a heap for each thread, every heap would keep
+/// its thread's largest load for ever.
 void shareOneHeap() {
     ::mallopt(M_ARENA_MAX, 1);
 }
@@ -27,8 +27,7 @@ int main(int argc, char** argv) {
     CKivApp app("./GlobalInfo", "./BootInfo", "./Config", "./Db", "./");
     const int result = app.Init(argc, argv);
     if (result != 0) {
-        cerrdbg << "kivApp_main"
-                << "Failure initializing kivApp\n";
+        ClassLog("kivApp_main").error("Failure initializing kivApp");
         return result;
     }
     CKivApp::PrintVersion();

@@ -5,9 +5,8 @@
 #include <string>
 #include <utility>
 
-#include <pthread.h>
-
 #include "GatewayImpl.h"
+#include "support/WaitingEventsPeer.h"
 
 /// The gateway's queue name, threads and class-wide state.
 struct GatewayImplPeer {
@@ -24,24 +23,23 @@ struct GatewayImplPeer {
         gateway.handle(message, GatewayImpl::Handover::MaySetAside);
     }
 
-    static bool isAnySetAside(GatewayImpl& gateway) { return gateway.isAnySetAside(); }
+    /// As the receiving thread asks before each message; does not wait for a batch.
+    static bool isAnySetAside(GatewayImpl& gateway) {
+        return !gateway.handOver(GatewayImpl::Handover::MaySetAside);
+    }
 
     /// Stored events that are not freed yet.
     static std::size_t storedInMemory(const GatewayImpl& gateway) {
-        const std::lock_guard<std::mutex> lock(GatewayImpl::m_QueueMutex);
-        return gateway.m_stored.size();
+        return WaitingEventsPeer::storedInMemory(gateway.m_waiting);
     }
 
     /// Waits for the receiving thread to end by itself. @return its exit value
-    static long joinReceiver(GatewayImpl& gateway) {
-        void* result = nullptr;
-        ::pthread_join(gateway.m_receiver, &result);
-        gateway.m_receiverStarted = false;
-        return reinterpret_cast<long>(result);
-    }
+    static int joinReceiver(GatewayImpl& gateway) { return gateway.m_receiver.join(); }
 
-    static bool isReceiverStarted(const GatewayImpl& gateway) { return gateway.m_receiverStarted; }
-    static bool isStorerStarted(const GatewayImpl& gateway) { return gateway.m_storerStarted; }
+    static bool isReceiverStarted(const GatewayImpl& gateway) {
+        return gateway.m_receiver.isStarted();
+    }
+    static bool isStorerStarted(const GatewayImpl& gateway) { return gateway.m_storer.isStarted(); }
 
     /// As before the first event.
     static void forgetEvents() {

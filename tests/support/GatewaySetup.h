@@ -4,11 +4,8 @@
 #include <fcntl.h>
 #include <mqueue.h>
 #include <semaphore.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -28,16 +25,12 @@
 #include "UploadImpl.h"
 #include "support/GatewayImplPeer.h"
 #include "support/KivTest.h"
+#include "support/MessageQueue.h"
 #include "support/OutputCapture.h"
 #include "support/SystemCallFaults.h"
 #include "support/TempDir.h"
 #include "support/UploadImplPeer.h"
 #include "support/WaitUntil.h"
-
-inline std::string uniqueName(const std::string& stem) {
-    static std::atomic<int> count{0};
-    return "/kivtest-" + stem + "-" + std::to_string(::getpid()) + "-" + std::to_string(++count);
-}
 
 /// A named semaphore of the test's own, of value 0.
 class NamedSemaphore {
@@ -67,35 +60,6 @@ class NamedSemaphore {
   private:
     std::string m_name;
     sem_t* m_semaphore;
-};
-
-/// One end of a message queue.
-class Queue {
-  public:
-    Queue(const std::string& name, int flags, mq_attr* attributes = nullptr)
-        : m_queue(::mq_open(name.c_str(), flags, 0600, attributes)) {}
-    ~Queue() {
-        if (isOpen()) ::mq_close(m_queue);
-    }
-    Queue(const Queue&) = delete;
-    Queue& operator=(const Queue&) = delete;
-
-    bool isOpen() const { return m_queue != static_cast<mqd_t>(-1); }
-    bool send(const std::string& message) const {
-        return ::mq_send(m_queue, message.data(), message.size(), 0) == 0;
-    }
-    mode_t mode() const {
-        struct stat facts {};
-        return ::fstat(m_queue, &facts) == 0 ? facts.st_mode & 07777 : 0;
-    }
-    mq_attr attributes() const {
-        mq_attr result{};
-        ::mq_getattr(m_queue, &result);
-        return result;
-    }
-
-  private:
-    mqd_t m_queue;
 };
 
 struct Row {
@@ -152,11 +116,7 @@ class GatewaySetup : public KivTest {
     }
 
     void createQueue(long maxMessages = 4, long messageSize = 2048) {
-        mq_attr attributes{};
-        attributes.mq_maxmsg = maxMessages;
-        attributes.mq_msgsize = messageSize;
-        const Queue queue(m_queueName, O_RDWR | O_CREAT | O_EXCL, &attributes);
-        ASSERT_TRUE(queue.isOpen());
+        ASSERT_TRUE(makeQueue(m_queueName, maxMessages, messageSize));
     }
 
     /// A gateway without Init, whose queue can be sent to.

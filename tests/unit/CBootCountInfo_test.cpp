@@ -68,7 +68,7 @@ TEST(CBootCountInfo, TakesACountThatIsNoIntegerForZero) {
 
 /// A negative count is 0 with "CBootCountInfo : Negative values not allowed. key ... is ...".
 ///
-/// True means that the file parsed, whatever its counts; JSON that is not an object has no counts.
+/// True means that the file parsed, whatever its counts; JSON that is not an object has none.
 TEST(CBootCountInfo, RefusesANegativeBootCount) {
     const Loaded loaded(R"({"boot-count": -3, "standby-count": 2})");
     loaded.expect(true, 0, 2);
@@ -100,7 +100,7 @@ TEST(CBootCountInfo, SaysFalseForTextThatDoesNotParse) {
     }
 }
 
-/// True means that the file parsed, whatever its counts; JSON that is not an object has no counts.
+/// True means that the file parsed, whatever its counts; JSON that is not an object has none.
 TEST(CBootCountInfo, FindsNoCountsInJsonThatIsNoObject) {
     Loaded("[12, 3]").expect(true, 0, 0);
 }

@@ -16,6 +16,7 @@
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
 #include "UploadImpl.h"
+#include "WebTimeImpl.h"
 #include "support/AppSetup.h"
 #include "support/AwsWrapperImplPeer.h"
 #include "support/CKivAppPeer.h"
@@ -281,6 +282,15 @@ TEST_F(CKivAppTest, SetsEveryVerboseSwitchButTheEventFilters) {
     CKivApp::SetAllVerbose(false);
     expectVerbose(false);
     EXPECT_TRUE(EventFilter::m_verbose);
+}
+
+/// "-v" and "-s" leave the switch of web time as it is.
+TEST_F(CKivAppTest, LeavesTheVerboseSwitchOfWebTime) {
+    CKivApp::SetAllVerbose(true);
+    EXPECT_FALSE(WebTimeImpl::GetVerbose());
+    WebTimeImpl::SetVerbose(true);
+    CKivApp::SetAllVerbose(false);
+    EXPECT_TRUE(WebTimeImpl::GetVerbose());
 }
 
 /// "-v" sets every verbose switch but the event filter's, "-s" clears them, neither leaves

@@ -87,7 +87,7 @@ TEST_F(GatewayImplFilesTest, TakesAnyValueOfTheInfoAsPresent) {
     EXPECT_TRUE(storedTypes().empty());
 }
 
-/// "oob-info" without a file drops the event; data that is not an object has no "oob-info".
+/// "oob-info" without a file drops the event; data that is not an object has none.
 TEST_F(GatewayImplFilesTest, DropsAnEventWithInfoButWithoutFile) {
     makeGateway();
     const NamedSemaphore done;
@@ -99,7 +99,7 @@ TEST_F(GatewayImplFilesTest, DropsAnEventWithInfoButWithoutFile) {
     EXPECT_TRUE(askedOfUpload().empty());
 }
 
-/// "oob-info" without a file drops the event; data that is not an object has no "oob-info".
+/// "oob-info" without a file drops the event; data that is not an object has none.
 TEST_F(GatewayImplFilesTest, TakesNoInfoFromDataThatIsNoObject) {
     makeGateway();
     m_gateway->Log(R"({"event-type": "x", "data": "oob-info"})");

@@ -100,10 +100,10 @@ TEST_F(GatewayImplTest, SaysWhenItIsInitialized) {
     EXPECT_EQ(capture.outWithoutPrefixes(), "kivGateway:Gateway initialized\n");
 }
 
-// --- messages that are not events -----------------------------------------------------------
+// --- messages that are not events ------------------------------------------------------------
 
-/// A message that is not JSON, not an object or not UTF-8 is dropped with "Invalid JSON object:
-/// Ignore", and nobody is woken.
+/// What is not JSON, not an object or not UTF-8 is dropped with "Invalid JSON object: Ignore",
+/// nobody woken.
 TEST_F(GatewayImplTest, IgnoresWhatIsNotJson) {
     makeGateway();
     for (const char* message :
@@ -114,8 +114,8 @@ TEST_F(GatewayImplTest, IgnoresWhatIsNotJson) {
     EXPECT_TRUE(storedTypes().empty());
 }
 
-/// A message that is not JSON, not an object or not UTF-8 is dropped with "Invalid JSON object:
-/// Ignore", and nobody is woken.
+/// What is not JSON, not an object or not UTF-8 is dropped with "Invalid JSON object: Ignore",
+/// nobody woken.
 TEST_F(GatewayImplTest, IgnoresJsonThatIsNoObject) {
     makeGateway();
     for (const char* message :
@@ -124,8 +124,8 @@ TEST_F(GatewayImplTest, IgnoresJsonThatIsNoObject) {
     EXPECT_TRUE(storedTypes().empty());
 }
 
-/// A message that is not JSON, not an object or not UTF-8 is dropped with "Invalid JSON object:
-/// Ignore", and nobody is woken.
+/// What is not JSON, not an object or not UTF-8 is dropped with "Invalid JSON object: Ignore",
+/// nobody woken.
 TEST_F(GatewayImplTest, IgnoresTextThatIsNoUtf8) {
     makeGateway();
     for (const char* bytes : {"\xff", "\xc3", "\xc0\xaf", "\xed\xa0\x80", "\xf8\x88\x80\x80\x80"}) {
@@ -142,8 +142,7 @@ TEST_F(GatewayImplTest, KeepsTextInUtf8) {
     EXPECT_EQ(event.getObject("data").optString("t"), "Li\xc3\xa8ge");
 }
 
-/// A message with a number that fits no type, or nested deeper than the parser goes, counts as not
-/// JSON.
+/// Numbers that fit no type, and nesting beyond the parser, are not JSON.
 TEST_F(GatewayImplTest, IgnoresNumbersThatFitNoType) {
     makeGateway();
     for (const char* number : {"9223372036854775808", "-9223372036854775809", "1e400", "-1e400"})
@@ -171,8 +170,7 @@ TEST_F(GatewayImplTest, StoresEventsNestedTwoThousandLevelsDeep) {
     EXPECT_NE(all[0].data.find(deep), std::string::npos);
 }
 
-/// A message with a number that fits no type, or nested deeper than the parser goes, counts as not
-/// JSON.
+/// Numbers that fit no type, and nesting beyond the parser, are not JSON.
 TEST_F(GatewayImplTest, IgnoresEventsNestedDeeperThanTheParserGoes) {
     makeGateway();
     const std::string deep = std::string(100000, '[') + std::string(100000, ']');
@@ -181,8 +179,8 @@ TEST_F(GatewayImplTest, IgnoresEventsNestedDeeperThanTheParserGoes) {
     EXPECT_TRUE(storedTypes().empty());
 }
 
-/// A message that is not JSON, not an object or not UTF-8 is dropped with "Invalid JSON object:
-/// Ignore", and nobody is woken.
+/// What is not JSON, not an object or not UTF-8 is dropped with "Invalid JSON object: Ignore",
+/// nobody woken.
 TEST_F(GatewayImplTest, DoesNotWakeTheSenderOfTextThatIsNoEvent) {
     makeGateway();
     const NamedSemaphore done;

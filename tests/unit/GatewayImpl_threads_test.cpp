@@ -71,18 +71,6 @@ class HoldingOutput : public std::streambuf {
     std::atomic<bool> m_released{false};
 };
 
-/// As long as it lives, the files that are created get the whole mode asked for.
-class NoModeMask {
-  public:
-    NoModeMask() : m_before(::umask(0)) {}
-    ~NoModeMask() { ::umask(m_before); }
-    NoModeMask(const NoModeMask&) = delete;
-    NoModeMask& operator=(const NoModeMask&) = delete;
-
-  private:
-    mode_t m_before;
-};
-
 std::string replaced(std::string text, const std::string& pattern, const std::string& with) {
     return std::regex_replace(text, std::regex(pattern), with);
 }
@@ -140,7 +128,7 @@ class GatewayImplThreadsTest : public GatewaySetup {
 
 // --- the queue ------------------------------------------------------------------------------
 
-/// The queue is "/kiv_queue", made with the system's defaults or used as it is.
+/// The queue is "/kiv_queue".
 TEST_F(GatewayImplThreadsTest, ServesTheQueueOfTheProductUnlessATestSaysOtherwise) {
     EXPECT_STREQ(GatewayImplPeer::productQueue, "/kiv_queue");
 }
@@ -158,37 +146,7 @@ TEST_F(GatewayImplThreadsTest, StoresAnEventThatWasSentToTheQueue) {
                            R"("boot-count": 7, "standby-count": 2})");
 }
 
-/// The queue is "/kiv_queue", made with the system's defaults or used as it is.
-TEST_F(GatewayImplThreadsTest, CreatesTheQueueWithTheDefaultsOfTheSystem) {
-    m_gateway = std::make_unique<GatewayImpl>();
-    ASSERT_TRUE(WaitUntil([this] { return Queue(m_queueName, O_WRONLY).isOpen(); }));
-    const mq_attr created = Queue(m_queueName, O_WRONLY).attributes();
-    const auto systemDefault = [](const char* name) {
-        return std::stol(TempDir::readFile(std::string("/proc/sys/fs/mqueue/") + name));
-    };
-    EXPECT_EQ(created.mq_maxmsg, systemDefault("msg_default"));
-    EXPECT_EQ(created.mq_msgsize, systemDefault("msgsize_default"));
-}
-
-/// A queue that it makes has mode 0660 less the mask; one that it reuses keeps its own.
-TEST_F(GatewayImplThreadsTest, CreatesTheQueueForItsUserAndGroupLessTheMask) {
-    {
-        const NoModeMask none;
-        m_gateway = std::make_unique<GatewayImpl>();
-        ASSERT_TRUE(WaitUntil([this] { return Queue(m_queueName, O_WRONLY).isOpen(); }));
-    }
-    EXPECT_EQ(Queue(m_queueName, O_WRONLY).mode(), mode_t{0660});
-    m_gateway.reset();
-    {
-        const NoModeMask none;
-        ::umask(0027);
-        m_gateway = std::make_unique<GatewayImpl>();
-        ASSERT_TRUE(WaitUntil([this] { return Queue(m_queueName, O_WRONLY).isOpen(); }));
-    }
-    EXPECT_EQ(Queue(m_queueName, O_WRONLY).mode(), mode_t{0640});
-}
-
-/// A queue that it makes has mode 0660 less the mask; one that it reuses keeps its own.
+/// A queue that it reuses keeps its mode.
 TEST_F(GatewayImplThreadsTest, LeavesTheModeOfAQueueThatItReuses) {
     createQueue();
     const mode_t before = Queue(m_queueName, O_WRONLY).mode();
@@ -197,29 +155,6 @@ TEST_F(GatewayImplThreadsTest, LeavesTheModeOfAQueueThatItReuses) {
     ASSERT_TRUE(send(R"({"syncsem": ")" + done.name() + "\"}"));
     ASSERT_TRUE(done.wait());
     EXPECT_EQ(Queue(m_queueName, O_WRONLY).mode(), before);
-}
-
-/// The queue is "/kiv_queue", made with the system's defaults or used as it is.
-TEST_F(GatewayImplThreadsTest, SaysThatItReusesAQueueAndWhatItIsLike) {
-    createQueue(3, 256);
-    GatewayImpl::SetVerbose(true);
-    OutputCapture capture;
-    m_gateway = std::make_unique<GatewayImpl>();
-    EXPECT_TRUE(WaitUntil([&] { return capture.out().find("curmsgs") != std::string::npos; }));
-    capture.stop();
-    EXPECT_EQ(capture.outWithoutPrefixes(),
-              "kivGateway:mqueue already exists, reusing it...\n"
-              "kivGateway: queue attributes are: flags:0x0  maxmsg: 3  msgsize: 256  curmsgs: 0\n");
-}
-
-/// The queue is "/kiv_queue", made with the system's defaults or used as it is.
-TEST_F(GatewayImplThreadsTest, SaysNothingOfReuseWhereItCreatedTheQueue) {
-    GatewayImpl::SetVerbose(true);
-    OutputCapture capture;
-    m_gateway = std::make_unique<GatewayImpl>();
-    EXPECT_TRUE(WaitUntil([&] { return capture.out().find("curmsgs") != std::string::npos; }));
-    capture.stop();
-    EXPECT_EQ(capture.outWithoutPrefixes().rfind("kivGateway: queue attributes are: ", 0), 0u);
 }
 
 /// Messages on it are stored in their order, those that waited before the start too.
@@ -528,7 +463,7 @@ TEST_F(GatewayImplThreadsTest, SurvivesAnExceptionWhileAMessageIsRead) {
 
 // --- the end --------------------------------------------------------------------------------
 
-/// At its end the queue is closed and unlinked, told when verbose, failures always.
+/// At its end the queue is closed and unlinked, told when verbose.
 TEST_F(GatewayImplThreadsTest, ClosesAndUnlinksTheQueueAtItsEnd) {
     createQueue();
     const auto before = openDescriptors();
@@ -539,7 +474,7 @@ TEST_F(GatewayImplThreadsTest, ClosesAndUnlinksTheQueueAtItsEnd) {
     EXPECT_FALSE(Queue(m_queueName, O_WRONLY).isOpen());
 }
 
-/// At its end the queue is closed and unlinked, told when verbose, failures always.
+/// At its end the queue is closed and unlinked, told when verbose.
 TEST_F(GatewayImplThreadsTest, TellsOfItsEndWhenVerbose) {
     createQueue();
     GatewayImpl::SetVerbose(true);
@@ -558,34 +493,6 @@ TEST_F(GatewayImplThreadsTest, TellsOfItsEndWhenVerbose) {
                   "kivGateway:Close mqueue N\n"
                   "kivGateway:Gateway logging thread exited\n");
     EXPECT_EQ(capture.err(), "");
-}
-
-/// At its end the queue is closed and unlinked, told when verbose, failures always.
-TEST_F(GatewayImplThreadsTest, SaysWhenTheQueueCannotBeUnlinked) {
-    createQueue();
-    const auto before = openDescriptors();
-    m_gateway = std::make_unique<GatewayImpl>();
-    ASSERT_TRUE(WaitUntil([&] { return openDescriptors() > before; }));
-    ASSERT_EQ(::mq_unlink(m_queueName.c_str()), 0);
-    OutputCapture capture;
-    m_gateway.reset();
-    capture.stop();
-    EXPECT_EQ(capture.errWithoutPrefixes(),
-              "kivGateway:mq_unlink failed : No such file or directory\n");
-}
-
-/// At its end the queue is closed and unlinked, told when verbose, failures always.
-TEST_F(GatewayImplThreadsTest, SaysWhenTheQueueCannotBeClosed) {
-    createQueue();
-    const auto before = openDescriptors();
-    m_gateway = std::make_unique<GatewayImpl>();
-    ASSERT_TRUE(WaitUntil([&] { return openDescriptors() > before; }));
-    SystemCallFaults::closeQueueError = EBADF;
-    OutputCapture capture;
-    m_gateway.reset();
-    capture.stop();
-    SystemCallFaults::clear();
-    EXPECT_EQ(capture.errWithoutPrefixes(), "kivGateway:mq_close failed : Bad file descriptor\n");
 }
 
 /// Events that still wait are discarded; the message under way is finished.
@@ -608,7 +515,7 @@ TEST_F(GatewayImplThreadsTest, DiscardsTheEventsThatStillWait) {
 TEST_F(GatewayImplThreadsTest, FinishesTheMessageUnderWayBeforeItEnds) {
     makeGateway();
     const NamedSemaphore done;
-    std::unique_lock<std::mutex> held(GatewayImpl::m_QueueMutex);  // the message has to wait for it
+    std::unique_lock<std::mutex> held(GatewayImpl::m_QueueMutex);  // the message waits for it
     ASSERT_TRUE(send(R"({"event-type": "x", "syncsem": ")" + done.name() + "\"}"));
     ASSERT_TRUE(WaitUntil([] { return GatewayImpl::latestEvent() != nullptr; }));
     std::atomic<bool> ended{false};

@@ -381,7 +381,7 @@ TEST_F(JsonFilterRuleTest, WritesALineWhenAndHasNoArray) {
     EXPECT_EQ(errorsOf(R"({"x":{"$and":true}})", R"({"x":4})", false), line + "(true)\n");
 }
 
-/// "$contains" finds every required element; none required, or no arrays, is false.
+/// "$contains" finds every required element; none required, or not arrays, is false.
 TEST_F(JsonFilterRuleTest, FindsEveryRequiredElement) {
     const std::string rule = R"({"tags":{"$contains":["a","b"]}})";
     EXPECT_TRUE(matches(rule, R"({"tags":["b","c","a"]})"));
@@ -392,7 +392,7 @@ TEST_F(JsonFilterRuleTest, FindsEveryRequiredElement) {
     EXPECT_TRUE(matches(R"({"t":{"$contains":["a","a"]}})", R"({"t":["a"]})"));
 }
 
-/// "$contains" finds every required element; none required, or no arrays, is false.
+/// "$contains" finds every required element; none required, or not arrays, is false.
 TEST_F(JsonFilterRuleTest, ContainsNothingWithoutRequiredElements) {
     EXPECT_FALSE(matches(R"({"tags":{"$contains":[]}})", R"({"tags":["a"]})"));
     EXPECT_FALSE(matches(R"({"tags":{"$contains":[]}})", R"({"tags":[]})"));

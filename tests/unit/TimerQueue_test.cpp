@@ -1,5 +1,6 @@
 #include "TimerQueue.h"
 
+#include "support/NoThreads.h"
 #include "support/OutputCapture.h"
 #include "support/WaitUntil.h"
 
@@ -440,4 +441,29 @@ TEST(TimerQueue, LeavesAlarmsToOtherThreads) {
         blocked.set_value(::sigismember(&mask, SIGALRM) == 1);
     });
     EXPECT_TRUE(blocked.get_future().get());
+}
+
+/// A thread that cannot be started gets a line; what was added is cancelled at the end.
+TEST(TimerQueue, SaysWhenItHasNoThreadAndCancelsEverythingAtItsEnd) {
+    Recorder recorder;
+    OutputCapture capture;
+    {
+        std::unique_ptr<TimerQueue> queue;
+        {
+            const NoThreads none;
+            ASSERT_TRUE(none.done());
+            queue = std::make_unique<TimerQueue>();
+        }
+        EXPECT_EQ(queue->add(0, 1, 10, recorder.handler()), 1U);
+        EXPECT_EQ(queue->add(kMinutes, 2, 20, recorder.handler()), 2U);
+        EXPECT_EQ(recorder.calls(), Calls{});
+    }
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "TimerQueue: Cannot start the timer thread: Resource temporarily unavailable\n");
+    EXPECT_EQ(capture.out(), "");
+    const Calls calls = recorder.calls();
+    ASSERT_EQ(calls.size(), 2U);
+    for (const Call& expected : Calls{{true, 1, 10}, {true, 2, 20}})
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), expected), 1) << expected;
 }

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "DB.h"
+#include "JsonObject.h"
+
+class ClassLog;
+
+/// The completed events in memory, on their way from the threads that add them to the one that
+/// stores them.
+///
+/// An event is in one of three places:
+/// - set aside: it was added while a batch was being stored, and its thread did not wait;
+/// - in the queue: it waits to be stored;
+/// - stored: the database has it, and its memory waits to be freed.
+///
+/// What always holds:
+/// 1. Order. An event is set aside first, and everything set aside goes to the end of the queue in
+///    one piece. What is in the queue is therefore older than what is set aside, and events are
+///    stored in the order in which they were added.
+/// 2. Bounds. Fewer events than a batch are set aside: the thread that adds the one that makes a
+///    batch waits. The queue itself has no bound; the receiving thread pauses while `isCrowded`.
+/// 3. Rows. `m_rows` holds the rows of the queue's first events, or nothing. What a batch leaves
+///    of them goes into the next one, alone.
+/// 4. Nothing is lost, nothing is stored twice. An event leaves the queue only when the database
+///    is done with it. What can fail for want of memory is done before the database is asked, so
+///    that nothing can throw after its commit.
+/// 5. The queue grows in `handOver` only and shrinks in `takeOut` and `discard` only.
+///
+/// It does not decide when a batch is stored, and does not touch the database itself. Owned by the
+/// gateway; the queue and its mutex are class-wide and outlive it.
+///
+/// Threads: `add` and `handOver` are called by one thread at a time, under a lock of their caller
+/// (the gateway's m_logMutex), which is taken before the queue's mutex; `storeBatch` and `discard`
+/// by the storing thread; the rest by any. A batch is stored with the queue's mutex held. Errors:
+/// what `store` throws passes, and leaves everything as it was.
+class WaitingEvents {
+  public:
+    static constexpr std::size_t kMostOfABatch = 256;
+    static constexpr std::size_t kMostInMemory = 512;  ///< with so many in the queue it is crowded
+
+    /// What the calling thread does while a batch is being stored.
+    enum class Handover {
+        Wait,         ///< it waits until the batch is stored
+        MaySetAside,  ///< it goes on at once; its event stays set aside until a later call
+    };
+    using Rows = std::vector<DB::NewEvent>;
+    /// Stores rows from the front. @return how many the database is done with; 0: it took none now
+    using Store = std::function<std::size_t(const Rows& rows)>;
+    struct Progress {
+        std::size_t taken;  ///< how many events left the queue
+        bool more;          ///< another full batch waits, or the rest of this one
+    };
+
+    /// Works on the given queue; `log` is the owner's. All three must outlive it.
+    WaitingEvents(std::deque<JsonObject>& queue, std::mutex& queueMutex, const ClassLog& log)
+        : m_queue(queue), m_queueMutex(queueMutex), m_log(log) {}
+    WaitingEvents(const WaitingEvents&) = delete;
+    WaitingEvents& operator=(const WaitingEvents&) = delete;
+
+    /// Adds an event after all the others. `event` must be the last handle on it and its parts:
+    /// another thread will use it.
+    void add(JsonObject event, Handover handover);
+    /// Moves what is set aside into the queue. @return false when it is still set aside
+    bool handOver(Handover handover);
+    /// Whether too many events wait. Without a lock where the last look found room.
+    bool isCrowded();
+    std::size_t size() const;  ///< of the queue
+
+    /// Has `store` take one batch from the front of the queue. With an empty queue it is not asked,
+    /// and the memory of former batches is freed.
+    Progress storeBatch(const Store& store);
+    /// Drops the events in the queue.
+    void discard();
+
+  private:
+    friend struct WaitingEventsPeer;
+
+    void readFront();                 // with m_queueMutex held, as all below
+    void takeOut(std::size_t count);  // from the front of the rows and of the queue
+    void freeMemory();
+
+    std::deque<JsonObject>& m_queue;
+    std::mutex& m_queueMutex;  ///< guards m_queue, m_rows and m_stored
+    const ClassLog& m_log;
+    std::vector<JsonObject> m_setAside;  ///< guarded by the lock of whoever adds
+    Rows m_rows;
+    /// Freed by the threads that add events: the storing thread would free them while those
+    /// threads allocate, and each would wait for the other at the allocator's lock.
+    std::vector<JsonObject> m_stored;
+    std::atomic<bool> m_crowded{false};  ///< what the last look found; written under m_queueMutex
+};
