@@ -1,42 +1,39 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "EventSet.h"
-#include "PrunerThreads.h"
+#include <cstddef>
+#include <cstdint>
 
-struct sqlite3;
-class EventPruner;
+#include "EventSet.h"
+#include "EventTable.h"
+#include "SqlConnection.h"
+
 class SqlStatement;
 
-/// One connection to the event store: an SQLite 3 file (`user_version` 2) with the tables Events,
-/// Files, TimeOffsets, OpTimes and Location (docs/database.md).
+/// The event store: an SQLite 3 file (`user_version` 2) with the tables Events, Files, TimeOffsets,
+/// OpTimes and Location (docs/database.md). It opens and migrates the file, keeps the four small
+/// tables and what all stores of the process share; `EventTable` keeps the events.
 ///
-/// Each component owns its own `DB` on the same file, opens it once and uses it from one thread at
-/// a time. Every statement sequence of the process runs under the one `m_PruneLock`. Failures are
-/// results and error lines; nothing is thrown. A failed statement sets `m_dbError` and the last
-/// error text, and a full database calls the callback.
+/// Each component owns its own `DB` on the same file and opens it once. Any thread may call it, and
+/// two share the gateway's: each operation, on any `DB` of the process, takes the one
+/// `m_PruneLock`, so they take turns. Only the reading of an `EventSet`, on a connection of its
+/// own, goes without. All calls must have returned before a `DB` is destroyed.
+///
+/// Failures are results and error lines; nothing is thrown. A failed statement sets `m_dbError` and
+/// the last error text, and a full database calls the callback.
 class DB {
   public:
     using EventSet = ::EventSet;
+    using NewEvent = EventTable::NewEvent;
 
-    /// An event on its way into the store.
-    struct NewEvent {
-        long bootCount = 0;
-        long standbyCount = 0;
-        long long kernelTime = 0;  ///< milliseconds
-        std::string type;
-        std::string data;  ///< JSON text
-    };
+    /// What one call of `addEvents` stores at most.
+    static constexpr std::size_t kMostEventsOfABatch = EventTable::kMostEventsOfABatch;
 
     /// An announced file waiting for upload.
     struct PendingUpload {
@@ -55,7 +52,7 @@ class DB {
     DB& operator=(const DB&) = delete;
 
     /// Opens or creates the file and brings it to the current schema. Only with
-    /// `recreateIfUnusable` is a file that is no database deleted and made anew.
+    /// `recreateIfUnusable` is a file that is not a database deleted and made anew.
     void open(std::string path, bool recreateIfUnusable);
     /// Gives the pages that this connection keeps, and what is free in the heap, back to the
     /// system; for the end of a large job. Costs the next statement a few reads.
@@ -67,7 +64,7 @@ class DB {
     /// when the insert failed. Above the prune threshold it starts a pruning thread.
     long addEvent(long bootCount, long standbyCount, long long kernelTime, std::string type,
                   std::string data);
-    /// Stores events from the front of `events` in one transaction: at most 256, or until the
+    /// Stores events from the front of `events` in one transaction: at most a batch, or until the
     /// total passes the prune threshold. What a failed transaction took along is inserted again
     /// one by one. One batch may go ahead of a pruner that waits for the lock, the next one waits
     /// for it: in a flood that makes fewer and larger prunes.
@@ -127,7 +124,8 @@ class DB {
     /// Replaces `m_dbFullCb` under the lock.
     static void setFullCallback(std::function<void()> callback);
 
-    /// Serialises every statement sequence of the process; guards m_DBErrorMessage and m_dbFullCb.
+    /// Serialises the statement sequences of all `DB`s of the process; guards m_DBErrorMessage and
+    /// m_dbFullCb.
     static std::recursive_mutex m_PruneLock;
     static std::atomic<std::int32_t> m_TotalEventSize;  ///< bytes; -1: unknown, to be recounted
     static std::atomic<bool> m_dbError;
@@ -137,59 +135,22 @@ class DB {
   private:
     friend struct DBPeer;
 
-    struct CloseConnection {
-        void operator()(sqlite3* connection) const;
-    };
-    using PruneGuard = std::unique_lock<std::recursive_mutex>;
-    enum class OnFailure { Record, ReportOnly };
+    using Guard = std::lock_guard<std::recursive_mutex>;
 
-    static int execCallback(void* prefix, int columns, char** values, char** names);
     /// Writes the verbose line "Take lock for <operation>", then takes m_PruneLock.
-    static PruneGuard lockFor(const char* operation);
-
-    // Everything below is called with m_PruneLock held, except where it says otherwise.
+    static Guard lockFor(const char* operation);
     bool openConnection(const std::string& path);
+
+    // Everything below is called with m_PruneLock held.
     void recreate(const std::string& path);  // deletes the file, opens a new one
-    int limitPages();
-    int readPragma(const char* pragma) const;
+    void limitPages();
     void createTables();
     void migrate();
     void setUserVersion();
-
-    /// Runs `sql`; a failure gets its line and, unless told otherwise, is recorded.
-    /// @return SQLite's result code
-    int execute(const std::string& sql, const char* failureText,
-                OnFailure onFailure = OnFailure::Record);
-    void reportFailure(const char* failureText, const char* message, OnFailure onFailure);
-    class Transaction;
-    bool executeOrRollBack(const std::string& sql, const char* failureText);
-    void rollBack();
-    std::string lastErrorOfConnection() const;
-
-    long storeEvent(const NewEvent& event);  // without the lock, or with it
-    bool insertEvent(const NewEvent& event);
-    bool refuseQuotedEvent(const std::string& statement);
-    bool storeInOneTransaction(const std::vector<NewEvent>& events, bool ahead, std::size_t& taken,
-                               long& total);
-    void storeSingly(const std::vector<NewEvent>& events, std::size_t count, long& total);
-    bool batchCanWait();
-    long sizeThatEndsABatch(bool ahead);
-    long recountedSize();
-    void startPrunerAbove(long total);  // without the lock
-
-    bool replaceOldestEvents(long limit);
-    void replaceByOverflowEvent(const EventPruner& victims);
-
     bool hasRow(SqlStatement& query, const char* table) const;
     std::int64_t readNumber(SqlStatement& query, const char* table) const;  // 0 without a row
 
-    std::string m_path;
-    bool m_busy = false;  ///< whether the last statement met another process's lock
-    /// When that began to hold batches up; none while they pass.
-    std::optional<std::chrono::steady_clock::time_point> m_busySince;
-    std::unique_ptr<sqlite3, CloseConnection> m_connection;
     std::int32_t m_maxDatabaseSize = 3145728;  ///< bytes
-    std::int32_t m_pruneThreshold = 131072;    ///< bytes of events above which an insert prunes
-    std::int32_t m_pruneTarget = 94208;        ///< bytes of events that pruning leaves
-    PrunerThreads m_pruners;                   ///< gone first: they use what is above
+    SqlConnection m_connection;
+    EventTable m_events;  ///< gone first: its threads use the connection
 };

@@ -1,6 +1,7 @@
 #include "EventPruner.h"
 
 #include "EventType.h"
+#include "SqlConnection.h"
 #include "SqlStatement.h"
 #include "TimeReference.h"
 
@@ -10,35 +11,34 @@
 #include <sqlite3.h>
 
 bool EventPruner::Moment::operator<(const Moment& other) const {
-    return std::tie(bootCount, standbyCount, kernelTime) <
-           std::tie(other.bootCount, other.standbyCount, other.kernelTime);
+    return std::tie(cycle, kernelTime) < std::tie(other.cycle, other.kernelTime);
 }
 
-EventPruner::EventPruner(sqlite3* connection, long total, long limit) {
-    SqlStatement events(connection,
-                        "SELECT ROWID,length(data),bootCount,standbyCount,kernelTime FROM Events "
-                        "ORDER BY bootCount,standbyCount,kernelTime");
+EventPruner::EventPruner(const SqlConnection& connection, long total, long limit) {
+    SqlStatement events = connection.prepare(
+        "SELECT ROWID,length(data),bootCount,standbyCount,kernelTime FROM Events "
+        "ORDER BY bootCount,standbyCount,kernelTime");
     while (total - m_freed > limit && events.step() == SQLITE_ROW) take(events);
     takeOverRanges(connection);
 }
 
 void EventPruner::take(const SqlStatement& event) {
-    m_highest = {event.columnInt64(2), event.columnInt64(3), event.columnInt64(4)};
+    m_highest = {Cycle(event.columnInt64(2), event.columnInt64(3)), event.columnInt64(4)};
     if (m_rows.empty()) m_lowest = m_highest;
     m_rows.push_back(event.columnInt64(0));
     m_freed += static_cast<long>(event.columnInt64(1) + 1);
 }
 
-void EventPruner::takeOverRanges(sqlite3* connection) {
-    SqlStatement probe(connection, "SELECT data FROM Events WHERE ROWID=? AND type=?");
+void EventPruner::takeOverRanges(const SqlConnection& connection) {
+    SqlStatement probe = connection.prepare("SELECT data FROM Events WHERE ROWID=? AND type=?");
     for (const std::int64_t row : m_rows) {
         probe.bind(1, row);
         probe.bind(2, std::string(overflowType()));
         if (probe.step() == SQLITE_ROW) {
             const JsonObject range = JsonObject::parse(probe.columnText(0)).getObject("data");
-            const Moment named = {range.optInteger("highest-boot-count", 0),
-                                  range.optInteger("highest-standby-count", 0),
-                                  range.optInteger("highest-kernel-time", 0)};
+            const Cycle cycle(range.optInteger("highest-boot-count", 0),
+                              range.optInteger("highest-standby-count", 0));
+            const Moment named = {cycle, range.optInteger("highest-kernel-time", 0)};
             m_highest = std::max(m_highest, named);
         }
         probe.resetAndClear();
@@ -48,39 +48,38 @@ void EventPruner::takeOverRanges(sqlite3* connection) {
 JsonObject EventPruner::overflowEvent() const {
     JsonObject range;
     range.Pack("{s:i, s:i, s:I, s:i, s:i, s:I}",                                    //
-               "lowest-boot-count", static_cast<int>(m_lowest.bootCount),           //
-               "lowest-standby-count", static_cast<int>(m_lowest.standbyCount),     //
+               "lowest-boot-count", int{m_lowest.cycle.bootCount},                  //
+               "lowest-standby-count", int{m_lowest.cycle.standbyCount},            //
                "lowest-kernel-time", static_cast<json_int_t>(m_lowest.kernelTime),  //
-               "highest-boot-count", static_cast<int>(m_highest.bootCount),         //
-               "highest-standby-count", static_cast<int>(m_highest.standbyCount),   //
+               "highest-boot-count", int{m_highest.cycle.bootCount},                //
+               "highest-standby-count", int{m_highest.cycle.standbyCount},          //
                "highest-kernel-time", static_cast<json_int_t>(m_highest.kernelTime));
     JsonObject event;
     event.Pack("{s:s, s:i, s:i, s:i, s:I, s:O}",                                //
                "event-type", overflowType(),                                    //
                "eventid", static_cast<int>(EventType(overflowType()).getId()),  //
-               "boot-count", static_cast<int>(m_lowest.bootCount),              //
-               "standby-count", static_cast<int>(m_lowest.standbyCount),        //
+               "boot-count", int{m_lowest.cycle.bootCount},                     //
+               "standby-count", int{m_lowest.cycle.standbyCount},               //
                "kernel-time", static_cast<json_int_t>(m_lowest.kernelTime),     //
                "data", range.get());
     return event;
 }
 
-std::vector<std::int64_t> EventPruner::rowsOfForgottenCycles(sqlite3* connection,
+std::vector<std::int64_t> EventPruner::rowsOfForgottenCycles(const SqlConnection& connection,
                                                              const std::string& table) {
     const Cycle newest = newestCycle(connection, table);
     const TimeReference now;
-    // Not the newest after a count's reset. The tables have signed counts.
-    const Cycle running(static_cast<std::int32_t>(now.bootCount),
-                        static_cast<std::int32_t>(now.standbyCount));
+    // After the boot count was reset, other cycles of the table have higher counts than this one.
+    const Cycle running(now.bootCount, now.standbyCount);
     std::vector<std::int64_t> rows;
-    SqlStatement cycles(connection, "SELECT ROWID, bootcount, standbycount FROM " + table);
-    SqlStatement probe(connection,
-                       "SELECT ROWID FROM Events WHERE bootCount=? AND standbyCount=? LIMIT 1");
+    SqlStatement cycles = connection.prepare("SELECT ROWID, bootcount, standbycount FROM " + table);
+    SqlStatement probe =
+        connection.prepare("SELECT ROWID FROM Events WHERE bootCount=? AND standbyCount=? LIMIT 1");
     while (cycles.step() == SQLITE_ROW) {
         const Cycle cycle(cycles.columnInt64(1), cycles.columnInt64(2));
         if (cycle == newest || cycle == running) continue;
-        probe.bind(1, cycle.first);
-        probe.bind(2, cycle.second);
+        probe.bind(1, std::int64_t{cycle.bootCount});
+        probe.bind(2, std::int64_t{cycle.standbyCount});
         // Only a sure "none" counts: a probe that fails must not cost a cycle its start time.
         if (probe.step() == SQLITE_DONE) rows.push_back(cycles.columnInt64(0));
         probe.resetAndClear();
@@ -88,11 +87,11 @@ std::vector<std::int64_t> EventPruner::rowsOfForgottenCycles(sqlite3* connection
     return rows;
 }
 
-EventPruner::Cycle EventPruner::newestCycle(sqlite3* connection, const std::string& table) {
-    SqlStatement maxBoot(connection, "SELECT MAX(bootcount) FROM " + table);
+Cycle EventPruner::newestCycle(const SqlConnection& connection, const std::string& table) {
+    SqlStatement maxBoot = connection.prepare("SELECT MAX(bootcount) FROM " + table);
     const std::int64_t boot = maxBoot.step() == SQLITE_ROW ? maxBoot.columnInt64(0) : 0;
-    SqlStatement maxStandby(connection,
-                            "SELECT MAX(standbycount) FROM " + table + " WHERE bootcount=?");
+    SqlStatement maxStandby =
+        connection.prepare("SELECT MAX(standbycount) FROM " + table + " WHERE bootcount=?");
     maxStandby.bind(1, boot);
     const std::int64_t standby = maxStandby.step() == SQLITE_ROW ? maxStandby.columnInt64(0) : 0;
     return {boot, standby};

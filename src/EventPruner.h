@@ -1,31 +1,31 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include <cstdint>
+
+#include "Cycle.h"
 #include "JsonObject.h"
 
-struct sqlite3;
+class SqlConnection;
 class SqlStatement;
 
 /// Chooses what pruning removes from the event store and describes the "logging.overflow" event
-/// that takes its place. It only reads; `DB` runs the transactions. A short-lived value, used
-/// under `DB::m_PruneLock` on the connection of its `DB`.
+/// that takes its place. It only reads; `EventTable` runs the transactions. A short-lived value,
+/// used under the prune lock on the connection of its table.
 class EventPruner {
   public:
     /// The stored order of events.
     struct Moment {
-        std::int64_t bootCount = 0;
-        std::int64_t standbyCount = 0;
+        Cycle cycle;
         std::int64_t kernelTime = 0;  ///< milliseconds
         bool operator<(const Moment& other) const;
     };
 
     /// Selects the oldest events, as many as bring `total` bytes to at most `limit`. Statements
-    /// that fail select nothing. `connection` may be null and must outlive the object.
-    EventPruner(sqlite3* connection, long total, long limit);
+    /// that fail select nothing, as on a connection that is not open.
+    EventPruner(const SqlConnection& connection, long total, long limit);
 
     /// The ROWIDs of the selected events, oldest first.
     const std::vector<std::int64_t>& rows() const { return m_rows; }
@@ -41,15 +41,13 @@ class EventPruner {
 
     /// The rows of a per-cycle table that belong to a cycle without stored events, except those
     /// of the table's newest and of the running cycle.
-    static std::vector<std::int64_t> rowsOfForgottenCycles(sqlite3* connection,
+    static std::vector<std::int64_t> rowsOfForgottenCycles(const SqlConnection& connection,
                                                            const std::string& table);
 
   private:
-    using Cycle = std::pair<std::int64_t, std::int64_t>;  // boot count, standby count
-
     void take(const SqlStatement& event);
-    void takeOverRanges(sqlite3* connection);
-    static Cycle newestCycle(sqlite3* connection, const std::string& table);
+    void takeOverRanges(const SqlConnection& connection);
+    static Cycle newestCycle(const SqlConnection& connection, const std::string& table);
 
     std::vector<std::int64_t> m_rows;
     long m_freed = 0;

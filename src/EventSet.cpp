@@ -1,7 +1,6 @@
 #include "EventSet.h"
 
-#include "DB.h"
-#include "DbgOut.h"
+#include "SqlConnection.h"
 #include "SqlStatement.h"
 
 #include <algorithm>
@@ -12,23 +11,20 @@
 
 namespace {
 
-struct CloseConnection {
-    void operator()(sqlite3* connection) const { sqlite3_close(connection); }
-};
+constexpr const ClassLog& s_log = SqlConnection::m_log;
 
 }  // namespace
 
 struct EventSet::Cursor {
-    std::unique_ptr<sqlite3, CloseConnection> connection;
-    SqlStatement statement;  ///< declared behind, so finalized before, the connection
-    int openResult = SQLITE_OK;
+    SqlConnection connection;
+    SqlStatement statement;  ///< after the connection, so that it is finalized before that closes
     bool open = false;
     bool active = false;
     std::set<std::int64_t> prunedRows;  ///< guarded by Cursors::mutex
 
     void end() {
         statement = SqlStatement();
-        connection.reset();
+        connection.close();
         active = false;
     }
 };
@@ -62,16 +58,9 @@ EventSet::EventSet(const std::string& path, const std::string& query) {
 EventSet::~EventSet() = default;
 
 void EventSet::open(const std::string& path, const std::string& query) {
-    sqlite3* connection = nullptr;
-    m_cursor->openResult = sqlite3_open(path.c_str(), &connection);
-    m_cursor->connection.reset(connection);
-    if (m_cursor->openResult != SQLITE_OK) {
-        m_cursor->connection.reset();
-        return;
-    }
-    sqlite3_limit(connection, SQLITE_LIMIT_ATTACHED, 0);
-    m_cursor->open = true;
-    m_cursor->statement = SqlStatement(connection, query);
+    m_cursor->open = m_cursor->connection.open(path, SqlConnection::OnLock::Fail).empty();
+    if (!m_cursor->open) return;
+    m_cursor->statement = m_cursor->connection.prepare(query);
     m_cursor->active = m_cursor->statement.columnCount() == 2;
 }
 
@@ -100,9 +89,8 @@ void EventSet::mark(std::int64_t row) {
 void EventSet::unmarkLast() {
     if (!m_marked.empty()) {
         m_marked.pop_back();
-    } else if (DB::getVerbose()) {
-        cerrdbg << "kivDB: "
-                << "no event to remove" << std::endl;
+    } else if (s_log.isVerbose()) {
+        s_log.error("no event to remove");
     }
 }
 

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <cstdint>
 
 /// A cursor over stored events, oldest first, on a database connection of its own; reached as
 /// `DB::EventSet`. It remembers the ROWID of every event it handed out. Copies share the cursor
@@ -34,7 +35,7 @@ class EventSet {
     bool isActive() const;
 
   private:
-    friend class DB;
+    friend class EventTable;
 
     struct Cursor;
     struct Cursors;

@@ -1,45 +1,44 @@
 #include "PrunerThreads.h"
 
-#include "AlarmBlock.h"
-#include "DB.h"
-#include "DbgOut.h"
+#include "ClassLog.h"
+#include "WorkerThread.h"
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <exception>
-#include <mutex>
-#include <thread>
+#include <new>
 #include <utility>
+
+#include <cerrno>
+#include <cstdint>
 
 namespace {
 
+const ClassLog s_log("kivDB: ");
+
+/// Too long for the kernel, which then keeps the name of the thread that starts it.
+constexpr const char* kThreadName = "DBPruneAboveSizeThread";
+
 constexpr std::uint64_t kNone = 0;
 
-/// How long an insert waits before it looks whether it bars the way itself. A pruner whose way is
-/// free takes the lock within far less.
+/// After so long an insert that waits for a pruner checks whether its own thread holds the lock. A
+/// pruner that nobody keeps from the lock takes it within far less.
 constexpr auto kPatience = std::chrono::seconds(1);
 
 thread_local std::uint64_t t_ownTicket = kNone;  ///< of the pruner that this thread is
 thread_local std::uint64_t t_barred = kNone;     ///< the pruner that waits for this thread's lock
 
-void failureLine(const char* what, const char* why) {
-    cerrdbg << "kivDB: " << what << why << std::endl;
-}
-
 void runToItsEnd(const std::function<void()>& body) {
     try {
         body();
     } catch (const std::exception& e) {
-        failureLine("Pruning failed: ", e.what());
+        s_log.error("Pruning failed: ", e.what());
     }
 }
 
 /// Whether the lock can be had at once: it is free, or this thread holds it already.
-bool lockIsFreeOrOurs() {
-    if (!DB::m_PruneLock.try_lock()) return false;
-    DB::m_PruneLock.unlock();
-    return true;
+bool isFreeOrOurs(std::recursive_mutex& lock) {
+    return std::unique_lock<std::recursive_mutex>(lock, std::try_to_lock).owns_lock();
 }
 
 }  // namespace
@@ -99,18 +98,25 @@ void PrunerThreads::start(std::function<void()> body) {
     const std::uint64_t ticket = handOver().enter();
     if (ticket == kNone) return;
     m_running->begin();
-    const AlarmBlock inherited;
+    const int error = startThread(ticket, std::move(body));
+    if (error == 0) return;
+    handOver().leave(ticket);
+    m_running->end();
+    s_log.error("Cannot start the pruning thread: ", ClassLog::errnoText(error));
+}
+
+int PrunerThreads::startThread(std::uint64_t ticket, std::function<void()> body) {
     try {
-        std::thread([running = m_running, ticket, body = std::move(body)] {
-            t_ownTicket = ticket;
-            runToItsEnd(body);
-            handOver().leave(ticket);
-            running->end();
-        }).detach();
-    } catch (const std::exception& e) {  // no thread, or no memory for one
-        handOver().leave(ticket);
-        m_running->end();
-        failureLine("Cannot start the pruning thread: ", e.what());
+        return WorkerThread::startDetached(kThreadName,
+                                           [running = m_running, ticket, body = std::move(body)] {
+                                               t_ownTicket = ticket;
+                                               runToItsEnd(body);
+                                               handOver().leave(ticket);
+                                               running->end();
+                                               return 0;
+                                           });
+    } catch (const std::bad_alloc&) {  // no memory for the thread's own copy
+        return ENOMEM;
     }
 }
 
@@ -129,15 +135,15 @@ bool PrunerThreads::takeHeadStart() {
     return state.waiting != kNone && !std::exchange(state.headStartTaken, true);
 }
 
-void PrunerThreads::letWaitingOneGoFirst() {
+void PrunerThreads::letWaitingOneGoFirst(std::recursive_mutex& lock) {
     HandOver& state = handOver();
-    std::unique_lock<std::mutex> lock(state.mutex);
+    std::unique_lock<std::mutex> tickets(state.mutex);
     const std::uint64_t pruner = state.waiting;
     if (pruner == kNone || pruner == t_barred || t_ownTicket != kNone) return;
     const auto hasTheLock = [&state, pruner] { return state.waiting != pruner; };
-    while (!state.left.wait_for(lock, kPatience, hasTheLock)) {
+    while (!state.left.wait_for(tickets, kPatience, hasTheLock)) {
         // A caller further up on this thread may hold the recursive lock: waiting on would hang.
-        if (lockIsFreeOrOurs()) {
+        if (isFreeOrOurs(lock)) {
             t_barred = pruner;
             return;
         }

@@ -8,11 +8,22 @@ void SqlStatement::Finalize::operator()(sqlite3_stmt* statement) const {
     sqlite3_finalize(statement);
 }
 
-SqlStatement::SqlStatement(sqlite3* connection, const std::string& sql) {
+int SqlStatement::Results::note(int code) {
+    const int primary = code & 0xff;  // without what an extended code adds
+    if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) m_damage = true;
+    return code;
+}
+
+SqlStatement::SqlStatement(sqlite3* connection, const std::string& sql, Results* results)
+    : m_results(results) {
     if (connection == nullptr) return;
     sqlite3_stmt* statement = nullptr;
-    sqlite3_prepare_v2(connection, sql.c_str(), -1, &statement, nullptr);
+    noted(sqlite3_prepare_v2(connection, sql.c_str(), -1, &statement, nullptr));
     m_statement.reset(statement);
+}
+
+int SqlStatement::noted(int code) const {
+    return m_results != nullptr ? m_results->note(code) : code;
 }
 
 int SqlStatement::columnCount() const {
@@ -38,7 +49,7 @@ void SqlStatement::bindNull(int parameter) {
 }
 
 int SqlStatement::step() {
-    return isPrepared() ? sqlite3_step(m_statement.get()) : SQLITE_MISUSE;
+    return isPrepared() ? noted(sqlite3_step(m_statement.get())) : SQLITE_MISUSE;
 }
 
 void SqlStatement::resetAndClear() {

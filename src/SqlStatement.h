@@ -12,9 +12,23 @@ struct sqlite3_stmt;
 /// 1, columns from 0.
 class SqlStatement {
   public:
+    /// What the result codes of one connection's statements have told. Each code passes here.
+    /// Threads as for the connection.
+    class Results {
+      public:
+        /// @return `code`
+        int note(int code);
+        /// Whether a statement found that the file is damaged or is not a database.
+        bool foundDamage() const { return m_damage; }
+
+      private:
+        bool m_damage = false;
+    };
+
     SqlStatement() = default;  ///< not prepared
     /// Prepares `sql` on `connection` (which may be null: then it is not prepared).
-    SqlStatement(sqlite3* connection, const std::string& sql);
+    /// @param results learns SQLite's result codes; null or outliving the statement
+    SqlStatement(sqlite3* connection, const std::string& sql, Results* results = nullptr);
 
     bool isPrepared() const { return m_statement != nullptr; }
     int columnCount() const;
@@ -37,5 +51,9 @@ class SqlStatement {
     struct Finalize {
         void operator()(sqlite3_stmt* statement) const;
     };
+
+    int noted(int code) const;
+
     std::unique_ptr<sqlite3_stmt, Finalize> m_statement;
+    Results* m_results = nullptr;  ///< borrowed from the connection
 };

@@ -42,7 +42,7 @@ class ClassLog;
 /// what `store` throws passes, and leaves everything as it was.
 class WaitingEvents {
   public:
-    static constexpr std::size_t kMostOfABatch = 256;
+    static constexpr std::size_t kMostOfABatch = DB::kMostEventsOfABatch;
     static constexpr std::size_t kMostInMemory = 512;  ///< with so many in the queue it is crowded
 
     /// What the calling thread does while a batch is being stored.

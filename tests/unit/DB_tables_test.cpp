@@ -1,9 +1,7 @@
 #include <string>
 #include <vector>
 
-#include "CGlobalInfoImpl.h"
 #include "KernelTime.h"
-#include "Singleton.h"
 #include "support/StoreTest.h"
 
 namespace {
@@ -184,7 +182,7 @@ TEST_F(DBTablesTest, ARetriedFileGoesBehindTheOthers) {
     EXPECT_EQ(value("SELECT retries FROM Files WHERE id='" + first + "'"), "2");
 }
 
-/// A file that cannot be removed or changed gets its line; an unknown file is not a failure.
+/// A file that cannot be removed or changed gets its line; an unknown one is not a failure.
 TEST_F(DBTablesTest, FilesThatCannotBeChangedGetTheirLines) {
     db->addFile("a", "/tmp/a", "");
     makeReadOnly();
@@ -198,7 +196,7 @@ TEST_F(DBTablesTest, FilesThatCannotBeChangedGetTheirLines) {
     EXPECT_EQ(rows("SELECT id,retries FROM Files"), Texts{"a|0"});
 }
 
-/// A file that cannot be removed or changed gets its line; an unknown file is not a failure.
+/// A file that cannot be removed or changed gets its line; an unknown one is not a failure.
 TEST_F(DBTablesTest, RemovingAnUnknownFileIsNoFailure) {
     OutputCapture capture;
     db->removeUpload("nobody");
@@ -306,155 +304,6 @@ TEST_F(DBTablesTest, EachOperationSaysThatItTakesTheLockWhenVerbose) {
               "kivDB: Take lock for getOpTime\n"
               "kivDB: Take lock for setLocation\n"
               "kivDB: Take lock for getLocation\n");
-}
-
-// --- trimming ---
-
-class DBTrimTest : public DBTablesTest {
-  protected:
-    void addCycles(const Texts& cycles) {
-        for (const auto& cycle : cycles) {
-            aside("INSERT INTO TimeOffsets VALUES(" + cycle + ",0,1,0)");
-            aside("INSERT INTO OpTimes VALUES(" + cycle + ",1)");
-        }
-    }
-    Texts cyclesOf(const std::string& table) {
-        return rows("SELECT bootCount,standbyCount FROM " + table + " ORDER BY 1,2");
-    }
-};
-
-/// Trimming deletes the cycles without events, except the newest of the table.
-TEST_F(DBTrimTest, DeletesTheCyclesWithoutEventsExceptTheNewest) {
-    addCycles({"3,0", "3,1", "4,0"});
-    db->addEvent(3, 1, 10, "t", "x");
-    db->pruneSessionBasedTable("TimeOffsets");
-    EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"3|1", "4|0"}));
-    EXPECT_EQ(cyclesOf("OpTimes"), (Texts{"3|0", "3|1", "4|0"}));
-    db->pruneSessionBasedTable("OpTimes");
-    EXPECT_EQ(cyclesOf("OpTimes"), (Texts{"3|1", "4|0"}));
-}
-
-/// Trimming deletes the cycles without events, except the newest of the table.
-TEST_F(DBTrimTest, TheNewestCycleIsTheHighestStandbyOfTheHighestBoot) {
-    addCycles({"3,9", "4,0", "4,2", "4,1"});
-    db->pruneSessionBasedTable("TimeOffsets");
-    EXPECT_EQ(cyclesOf("TimeOffsets"), Texts{"4|2"});
-}
-
-/// Trimming keeps the running cycle and every source of a kept one.
-TEST_F(DBTrimTest, KeepsTheRunningCycleAlsoWhenItIsNotTheHighest) {
-    const Singleton<CGlobalInfoImpl> info;
-    info->setBootCounts(2, 1);
-    addCycles({"1,1", "2,1", "900,4", "2,0"});
-    db->pruneSessionBasedTable("TimeOffsets");
-    EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"2|1", "900|4"}));
-}
-
-/// Counts are 32-bit and signed on every host, as on a set.
-TEST_F(DBTrimTest, KeepsCountsAsASetWithThirtyTwoBitsDoes) {
-    const Singleton<CGlobalInfoImpl> info;
-    info->setBootCounts(4294967295U, 2147483648U);
-    const auto boot = static_cast<long>(4294967295U);  // -1 where long has 32 bits
-    const auto standby = static_cast<long>(2147483648U);
-    db->setStartTime(boot, standby, 1234);
-    db->setOpTime(boot, standby, 5);
-    db->addEvent(boot, standby, 10, "t", "x");
-    addCycles({"900,4"});
-    db->pruneSessionBasedTable("TimeOffsets");
-    EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"-1|-2147483648", "900|4"}));
-    EXPECT_EQ(cyclesOf("Events"), Texts{"-1|-2147483648"});
-    EXPECT_EQ(db->getStartTime(boot, standby), 1234);
-    EXPECT_EQ(db->getOpTime(boot, standby), 5U);
-}
-
-/// Counts are 32-bit and signed on every host, as on a set.
-TEST_F(DBTrimTest, KeepsTheRunningCycleOfALargeCountWithoutEvents) {
-    const Singleton<CGlobalInfoImpl> info;
-    info->setBootCounts(4294967295U, 0);
-    addCycles({"-1,0", "900,4"});
-    db->pruneSessionBasedTable("TimeOffsets");
-    EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"-1|0", "900|4"}));
-}
-
-/// Trimming keeps the running cycle and every source of a kept one.
-TEST_F(DBTrimTest, KeepsEverySourceOfACycle) {
-    aside("INSERT INTO TimeOffsets VALUES(3,0,0,1,0),(3,0,1,2,1),(4,0,0,3,0),(4,0,1,4,1)");
-    db->addEvent(3, 0, 10, "t", "x");
-    db->pruneSessionBasedTable("TimeOffsets");
-    EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"3|0", "3|0", "4|0", "4|0"}));
-}
-
-/// Trimming clears the error and tells its success when verbose.
-TEST_F(DBTrimTest, ClearsTheErrorAndSaysWhatItDidWhenVerbose) {
-    addCycles({"3,0", "4,0"});
-    DB::m_dbError = true;
-    DB::setVerbose(true);
-    OutputCapture capture;
-    db->pruneSessionBasedTable("TimeOffsets");
-    capture.stop();
-    EXPECT_EQ(capture.outWithoutPrefixes(),
-              "kivDB: Take lock for pruneSessionBasedTable\n"
-              "kivDB: Records in TimeOffsets deleted successfully\n");
-    EXPECT_FALSE(DB::m_dbError);
-}
-
-/// Trimming clears the error and tells its success when verbose.
-TEST_F(DBTrimTest, AnEmptyTableIsTrimmedWithoutAWord) {
-    OutputCapture capture;
-    db->pruneSessionBasedTable("OpTimes");
-    capture.stop();
-    EXPECT_EQ(capture.err(), "");
-}
-
-/// A trim that cannot begin, delete or commit gets its line, is recorded and rolled back.
-TEST_F(DBTrimTest, ALockedDatabaseFailsTheBegin) {
-    addCycles({"3,0", "4,0"});
-    PlainDatabase locker(path);
-    locker.run("BEGIN IMMEDIATE");
-    OutputCapture capture;
-    db->pruneSessionBasedTable("TimeOffsets");
-    capture.stop();
-    locker.run("ROLLBACK");
-    EXPECT_EQ(capture.errWithoutPrefixes(),
-              "kivDB: SQL error (begin transaction): database is locked\n");
-    EXPECT_TRUE(DB::m_dbError);
-    EXPECT_EQ(DB::lastErrorMessage(), "database is locked");
-    EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"3|0", "4|0"}));
-}
-
-/// A trim that cannot begin, delete or commit gets its line, is recorded and rolled back.
-TEST_F(DBTrimTest, AFailedDeleteIsRolledBackAndRecorded) {
-    addCycles({"3,0", "4,0"});
-    aside("CREATE TRIGGER Keep BEFORE DELETE ON OpTimes BEGIN SELECT RAISE(FAIL,'kept'); END");
-    OutputCapture capture;
-    db->pruneSessionBasedTable("OpTimes");
-    capture.stop();
-    EXPECT_EQ(capture.errWithoutPrefixes(), "kivDB: SQL error (delete from OpTimes): kept\n");
-    EXPECT_TRUE(DB::m_dbError);
-    EXPECT_EQ(cyclesOf("OpTimes"), (Texts{"3|0", "4|0"}));
-    EXPECT_NE(sqlite3_get_autocommit(DBPeer::connection(*db)), 0);
-}
-
-/// A trim that cannot begin, delete or commit gets its line, is recorded and rolled back.
-TEST_F(DBTrimTest, AFailedCommitIsRolledBackAndRecorded) {
-    addCycles({"3,0", "4,0"});
-    breakCommitsAfter("DELETE ON TimeOffsets");
-    OutputCapture capture;
-    db->pruneSessionBasedTable("TimeOffsets");
-    capture.stop();
-    EXPECT_EQ(capture.errWithoutPrefixes(),
-              "kivDB: SQL error (commit): FOREIGN KEY constraint failed\n");
-    EXPECT_TRUE(DB::m_dbError);
-    EXPECT_NE(sqlite3_get_autocommit(DBPeer::connection(*db)), 0);
-    EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"3|0", "4|0"}));
-}
-
-/// An unreadable Events table costs no cycle its row.
-TEST_F(DBTrimTest, AnUnreadableEventsTableCostsNoCycleItsRow) {
-    addCycles({"3,0", "4,0"});
-    onStore("DROP TABLE Events");
-    db->pruneSessionBasedTable("TimeOffsets");
-    EXPECT_EQ(cyclesOf("TimeOffsets"), (Texts{"3|0", "4|0"}));
 }
 
 }  // namespace

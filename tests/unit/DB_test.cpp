@@ -31,7 +31,7 @@ const std::vector<std::string> kSchema = {
     "region TEXT, countryCode TEXT)",
 };
 
-const char* const kForeignText = "This is no database. ";
+const char* const kForeignText = "This is not a database. ";
 
 /// As long as it lives, no connection that is opened tells its page size.
 class UnknownPageSize {
@@ -380,22 +380,6 @@ TEST_F(DBLifecycleTest, DestroyingAnUnopenedStoreSaysNothing) {
     EXPECT_EQ(capture.out(), "");
 }
 
-/// The statement callback prints its columns only when verbose, "NULL" for none.
-TEST_F(DBLifecycleTest, TheCallbackPrintsColumnsOnlyWhenVerbose) {
-    char one[] = "one";
-    char two[] = "two";
-    char text[] = "text";
-    char* values[] = {text, nullptr};
-    char* names[] = {one, two};
-    OutputCapture capture;
-    DBPeer::callback("kivDB: ", 2, values, names);
-    EXPECT_EQ(capture.out(), "");
-    DB::setVerbose(true);
-    DBPeer::callback("kivDB: ", 2, values, names);
-    capture.stop();
-    EXPECT_EQ(capture.out(), "*** sql callback: kivDB:  one = text\n two = NULL\n\n");
-}
-
 /// No connection can attach other files.
 TEST_F(DBLifecycleTest, NoConnectionCanAttachOtherFiles) {
     openStore();
@@ -452,6 +436,28 @@ TEST_F(DBLifecycleTest, TheFullCallbackRunsOnTheCallingThreadWithTheLockHeld) {
               "kivDB: SQL error (insert event): database or disk is full\n");
     EXPECT_EQ(thread, std::this_thread::get_id());
     EXPECT_TRUE(heldByCaller);
+}
+
+/// Threads may share one store: they take turns.
+TEST_F(DBLifecycleTest, ThreadsThatShareAStoreTakeTurns) {
+    constexpr int kEach = 50;
+    openStore();
+    OutputCapture capture;
+    std::thread receiver([this] {
+        for (int i = 0; i < kEach; ++i) {
+            db->addFile("file" + std::to_string(i), "/tmp/f", "");
+            db->getNumberOfFiles();
+        }
+    });
+    for (int i = 0; i < kEach; ++i) {
+        std::size_t taken = 0;
+        db->addEvents({{1, 1, i, "t", "x"}, {1, 1, i, "t", "y"}}, taken);
+    }
+    receiver.join();
+    capture.stop();
+    EXPECT_EQ(capture.err(), "");
+    EXPECT_EQ(db->getNumberOfFiles(), kEach);
+    EXPECT_EQ(value("SELECT COUNT(*) FROM Events"), std::to_string(2 * kEach));
 }
 
 // --- memory -------------------------------------------------------------------------------------

@@ -14,7 +14,7 @@ class EventPrunerTest : public StoreTest {
         StoreTest::SetUp();
         openStore();
     }
-    sqlite3* connection() { return DBPeer::connection(*db); }
+    const SqlConnection& connection() { return DBPeer::sql(*db); }
 };
 
 using Rows = std::vector<std::int64_t>;
@@ -37,8 +37,8 @@ TEST_F(EventPrunerTest, NamesTheRangeInTheOverflowEvent) {
     db->addEvent(1, 2, 5000000000LL, "t", "a");
     db->addEvent(3, 0, 6, "t", "b");
     const EventPruner pruner(connection(), 5, 0);
-    EXPECT_EQ(pruner.lowest().bootCount, 1);
-    EXPECT_EQ(pruner.lowest().standbyCount, 2);
+    EXPECT_EQ(pruner.lowest().cycle.bootCount, 1);
+    EXPECT_EQ(pruner.lowest().cycle.standbyCount, 2);
     EXPECT_EQ(pruner.lowest().kernelTime, 5000000000LL);
     EXPECT_EQ(pruner.overflowEvent().dumpAsString(),
               "{\"event-type\": \"logging.overflow\", \"eventid\": " +
@@ -87,10 +87,11 @@ TEST_F(EventPrunerTest, OnlyOverflowEventsHandRangesOnAndBrokenOnesDoNot) {
 
 /// Without a connection or a table nothing is chosen.
 TEST_F(EventPrunerTest, WithoutAConnectionOrATableItSelectsNothing) {
-    EXPECT_TRUE(EventPruner(nullptr, 10, 0).rows().empty());
+    const SqlConnection closed;
+    EXPECT_TRUE(EventPruner(closed, 10, 0).rows().empty());
     onStore("DROP TABLE Events");
     EXPECT_TRUE(EventPruner(connection(), 10, 0).rows().empty());
-    EXPECT_TRUE(EventPruner::rowsOfForgottenCycles(nullptr, "OpTimes").empty());
+    EXPECT_TRUE(EventPruner::rowsOfForgottenCycles(closed, "OpTimes").empty());
 }
 
 }  // namespace

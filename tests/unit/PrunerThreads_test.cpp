@@ -2,8 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -12,8 +10,8 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include "DB.h"
 #include "support/KivTest.h"
+#include "support/NoThreads.h"
 #include "support/OutputCapture.h"
 #include "support/WaitUntil.h"
 
@@ -25,35 +23,16 @@ class PrunerThreadsTest : public KivTest {
     void startOne() {
         threads.start([this] {
             ++arrived;
-            const std::lock_guard<std::recursive_mutex> lock(DB::m_PruneLock);
+            const std::lock_guard<std::recursive_mutex> lock(pruneLock);
             PrunerThreads::tookTheLock();
             ++ran;
         });
     }
 
+    std::recursive_mutex pruneLock;
     std::atomic<int> arrived{0};
     std::atomic<int> ran{0};
     PrunerThreads threads;
-};
-
-/// No thread can be had while this lives: its stack would not fit into the address space.
-class NoThreads {
-  public:
-    NoThreads() {
-        pthread_getattr_default_np(&m_saved);
-        pthread_attr_t huge;
-        pthread_attr_init(&huge);
-        pthread_attr_setstacksize(&huge, SIZE_MAX / 8 * 7 & ~std::size_t{0xffff});
-        EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
-        pthread_attr_destroy(&huge);
-    }
-    ~NoThreads() {
-        pthread_setattr_default_np(&m_saved);
-        pthread_attr_destroy(&m_saved);
-    }
-
-  private:
-    pthread_attr_t m_saved;
 };
 
 /// A prune runs on a thread of its own, with the alarm blocked.
@@ -68,7 +47,7 @@ TEST_F(PrunerThreadsTest, RunsTheBodyOnAThreadOfItsOwn) {
 /// While one thread waits for the lock no second is started, by any `DB`.
 TEST_F(PrunerThreadsTest, StartsNoSecondThreadWhileOneWaitsForTheLock) {
     {
-        const std::lock_guard<std::recursive_mutex> lock(DB::m_PruneLock);
+        const std::lock_guard<std::recursive_mutex> lock(pruneLock);
         for (int i = 0; i < 100; ++i) startOne();
         EXPECT_TRUE(WaitUntil([this] { return arrived == 1; }));
     }
@@ -85,7 +64,7 @@ TEST_F(PrunerThreadsTest, TheWaitingOneBarsThoseOfOtherObjectsToo) {
     PrunerThreads others;
     int otherRan = 0;
     {
-        const std::lock_guard<std::recursive_mutex> lock(DB::m_PruneLock);
+        const std::lock_guard<std::recursive_mutex> lock(pruneLock);
         startOne();
         others.start([&otherRan] { ++otherRan; });
     }
@@ -114,12 +93,12 @@ TEST_F(PrunerThreadsTest, AThreadThatHasTheLockBarsNoOther) {
 /// Inserts let the waiting thread go first, at most one batch goes ahead of it.
 TEST_F(PrunerThreadsTest, LetsTheWaitingOneGoFirst) {
     std::atomic<int> ranBefore{-1};
-    std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
+    std::unique_lock<std::recursive_mutex> lock(pruneLock);
     startOne();
     std::thread insert([&] {
-        PrunerThreads::letWaitingOneGoFirst();
+        PrunerThreads::letWaitingOneGoFirst(pruneLock);
         ranBefore = 0;
-        const std::lock_guard<std::recursive_mutex> own(DB::m_PruneLock);
+        const std::lock_guard<std::recursive_mutex> own(pruneLock);
         ranBefore = ran.load();
     });
     EXPECT_FALSE(WaitUntil([&] { return ranBefore != -1; }, std::chrono::milliseconds(50)));
@@ -132,10 +111,10 @@ TEST_F(PrunerThreadsTest, LetsTheWaitingOneGoFirst) {
 /// Inserts let the waiting thread go first, at most one batch goes ahead of it.
 TEST_F(PrunerThreadsTest, WaitsForTheWaitingOneAsLongAsAnotherThreadHoldsTheLock) {
     std::atomic<bool> passed{false};
-    std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
+    std::unique_lock<std::recursive_mutex> lock(pruneLock);
     startOne();
     std::thread insert([&] {
-        PrunerThreads::letWaitingOneGoFirst();
+        PrunerThreads::letWaitingOneGoFirst(pruneLock);
         passed = true;
     });
     EXPECT_FALSE(WaitUntil([&] { return passed.load(); }, std::chrono::milliseconds(1500)))
@@ -149,7 +128,7 @@ TEST_F(PrunerThreadsTest, WaitsForTheWaitingOneAsLongAsAnotherThreadHoldsTheLock
 TEST_F(PrunerThreadsTest, OneBatchMayGoAheadOfEachWaitingOne) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_FALSE(PrunerThreads::takeHeadStart()) << "nobody to go ahead of";
-        std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
+        std::unique_lock<std::recursive_mutex> lock(pruneLock);
         startOne();
         EXPECT_TRUE(PrunerThreads::takeHeadStart());
         EXPECT_FALSE(PrunerThreads::takeHeadStart());
@@ -161,29 +140,29 @@ TEST_F(PrunerThreadsTest, OneBatchMayGoAheadOfEachWaitingOne) {
 /// Nobody waits without need: none waiting, the lock one's own, or a pruning thread.
 TEST_F(PrunerThreadsTest, WithoutAWaitingOneNobodyWaits) {
     const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 1000; ++i) PrunerThreads::letWaitingOneGoFirst();
+    for (int i = 0; i < 1000; ++i) PrunerThreads::letWaitingOneGoFirst(pruneLock);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
 }
 
 /// Nobody waits without need: none waiting, the lock one's own, or a pruning thread.
 TEST_F(PrunerThreadsTest, AThreadThatHoldsTheLockItselfDoesNotHang) {
-    const std::lock_guard<std::recursive_mutex> lock(DB::m_PruneLock);
+    const std::lock_guard<std::recursive_mutex> lock(pruneLock);
     startOne();
     const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 1000; ++i) PrunerThreads::letWaitingOneGoFirst();
+    for (int i = 0; i < 1000; ++i) PrunerThreads::letWaitingOneGoFirst(pruneLock);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10))
         << "it finds out once and remembers";
     EXPECT_EQ(ran, 0);
-    DB::m_PruneLock.unlock();
+    pruneLock.unlock();
     threads.waitForAll();
-    DB::m_PruneLock.lock();
+    pruneLock.lock();
     EXPECT_EQ(ran, 1);
 }
 
 /// Nobody waits without need: none waiting, the lock one's own, or a pruning thread.
 TEST_F(PrunerThreadsTest, APruningThreadDoesNotWaitForAnother) {
     std::atomic<bool> done{false};
-    std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
+    std::unique_lock<std::recursive_mutex> lock(pruneLock);
     std::atomic<bool> begun{false};
     std::atomic<bool> goOn{false};
     PrunerThreads first;
@@ -191,7 +170,7 @@ TEST_F(PrunerThreadsTest, APruningThreadDoesNotWaitForAnother) {
         PrunerThreads::tookTheLock();
         begun = true;
         WaitUntil([&] { return goOn.load(); });
-        PrunerThreads::letWaitingOneGoFirst();
+        PrunerThreads::letWaitingOneGoFirst(pruneLock);
         done = true;
     });
     ASSERT_TRUE(WaitUntil([&] { return begun.load(); }));
@@ -223,6 +202,7 @@ TEST_F(PrunerThreadsTest, AFailedStartIsReportedAndTheNextOneTriesAgain) {
     OutputCapture capture;
     {
         const NoThreads none;
+        ASSERT_TRUE(none.done());
         startOne();
     }
     EXPECT_EQ(capture.errWithoutPrefixes(),

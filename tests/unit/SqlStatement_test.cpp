@@ -126,4 +126,20 @@ TEST_F(SqlStatementTest, FinalizesWithItsOwnerAlsoAfterAMove) {
     EXPECT_EQ(sqlite3_next_stmt(connection.get(), nullptr), nullptr);
 }
 
+/// Each result code of a connection's statements passes its `Results`, which keep what is damage.
+TEST_F(SqlStatementTest, ResultsKeepWhatIsDamage) {
+    SqlStatement::Results results;
+    for (const int code : {SQLITE_OK, SQLITE_ROW, SQLITE_DONE, SQLITE_ERROR, SQLITE_BUSY,
+                           SQLITE_FULL, SQLITE_IOERR}) {
+        EXPECT_EQ(results.note(code), code);
+    }
+    EXPECT_FALSE(results.foundDamage());
+    for (const int code : {SQLITE_CORRUPT, SQLITE_NOTADB, SQLITE_CORRUPT_VTAB}) {
+        SqlStatement::Results damaged;
+        EXPECT_EQ(damaged.note(code), code);
+        damaged.note(SQLITE_OK);
+        EXPECT_TRUE(damaged.foundDamage()) << code;
+    }
+}
+
 }  // namespace

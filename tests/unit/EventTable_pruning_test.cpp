@@ -1,3 +1,5 @@
+#include "EventTable.h"
+
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -6,10 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "CGlobalInfoImpl.h"
 #include "EventType.h"
 #include "JsonObject.h"
-#include "Singleton.h"
 #include "support/StoreTest.h"
 #include "support/WaitUntil.h"
 
@@ -18,7 +18,7 @@ namespace {
 constexpr long kThreshold = 131072;
 constexpr long kTarget = 94208;
 
-class DBPruningTest : public StoreTest {
+class EventTablePruningTest : public StoreTest {
   protected:
     void SetUp() override {
         StoreTest::SetUp();
@@ -90,7 +90,7 @@ class DBPruningTest : public StoreTest {
 /// place.
 ///
 /// Pruning clears the error, corrects the cached size and trims the per-cycle tables.
-TEST_F(DBPruningTest, RemovesTheOldestUntilTheRestIsAtOrBelowTheLimit) {
+TEST_F(EventTablePruningTest, RemovesTheOldestUntilTheRestIsAtOrBelowTheLimit) {
     DBPeer::setPruneSizes(*db, 1000000, 1000000);
     std::vector<DB::NewEvent> events;
     for (int i = 0; i < 1310; ++i) events.push_back({1, 1, i, "t", std::string(99, 'x')});
@@ -111,7 +111,7 @@ TEST_F(DBPruningTest, RemovesTheOldestUntilTheRestIsAtOrBelowTheLimit) {
 
 /// Pruning removes oldest first down to the limit and adds one overflow event in the oldest's
 /// place.
-TEST_F(DBPruningTest, TheOverflowEventIsTheFirstOfTheNextUpload) {
+TEST_F(EventTablePruningTest, TheOverflowEventIsTheFirstOfTheNextUpload) {
     addMany(5, 50);
     db->pruneAboveSize(120);
     DB::EventSet set = db->getEvents(false);
@@ -120,7 +120,7 @@ TEST_F(DBPruningTest, TheOverflowEventIsTheFirstOfTheNextUpload) {
 }
 
 /// Where one deletion is enough both ends of the range are equal.
-TEST_F(DBPruningTest, ASingleDeletedEventGivesEqualEnds) {
+TEST_F(EventTablePruningTest, ASingleDeletedEventGivesEqualEnds) {
     addMany(5, 50);
     db->pruneAboveSize(250);
     EXPECT_EQ(db->getOldestEvent(), overflowText(0, 0));
@@ -128,7 +128,7 @@ TEST_F(DBPruningTest, ASingleDeletedEventGivesEqualEnds) {
 }
 
 /// At or below the limit pruning only logs.
-TEST_F(DBPruningTest, AtOrBelowTheLimitItDoesNothingButLog) {
+TEST_F(EventTablePruningTest, AtOrBelowTheLimitItDoesNothingButLog) {
     addMany(5, 50);
     aside("INSERT INTO OpTimes VALUES(0,0,1),(0,1,1)");
     DB::m_dbError = true;
@@ -146,7 +146,7 @@ TEST_F(DBPruningTest, AtOrBelowTheLimitItDoesNothingButLog) {
 }
 
 /// Verbose, pruning tells what it found and added.
-TEST_F(DBPruningTest, SaysWhatItDoesWhenVerbose) {
+TEST_F(EventTablePruningTest, SaysWhatItDoesWhenVerbose) {
     addMany(3, 50);
     DB::setVerbose(true);
     OutputCapture capture;
@@ -169,7 +169,7 @@ TEST_F(DBPruningTest, SaysWhatItDoesWhenVerbose) {
 }
 
 /// Pruning clears the error, corrects the cached size and trims the per-cycle tables.
-TEST_F(DBPruningTest, ClearsTheErrorAndTrimsThePerCycleTables) {
+TEST_F(EventTablePruningTest, ClearsTheErrorAndTrimsThePerCycleTables) {
     db->addEvent(1, 1, 1, "t", "x");
     db->addEvent(2, 1, 1, "t", "x");
     db->addEvent(3, 1, 1, "t", "x");
@@ -186,7 +186,7 @@ TEST_F(DBPruningTest, ClearsTheErrorAndTrimsThePerCycleTables) {
 }
 
 /// Pruning that selects nothing does nothing.
-TEST_F(DBPruningTest, SelectingNothingDoesNothing) {
+TEST_F(EventTablePruningTest, SelectingNothingDoesNothing) {
     DB::m_TotalEventSize = 5000;
     db->setOpTime(1, 1, 5);
     db->setOpTime(2, 1, 5);
@@ -202,7 +202,7 @@ TEST_F(DBPruningTest, SelectingNothingDoesNothing) {
 }
 
 /// A pruned overflow event hands its range on.
-TEST_F(DBPruningTest, APrunedOverflowEventHandsItsRangeOn) {
+TEST_F(EventTablePruningTest, APrunedOverflowEventHandsItsRangeOn) {
     addMany(9, 1000);
     db->pruneAboveSize(5001);
     EXPECT_EQ(db->getOldestEvent(), overflowText(0, 3));
@@ -217,7 +217,7 @@ TEST_F(DBPruningTest, APrunedOverflowEventHandsItsRangeOn) {
 
 /// A prune whose begin, delete, overflow insert or commit fails gets its line, is rolled back
 /// and keeps the events.
-TEST_F(DBPruningTest, ALockedDatabaseFailsTheBegin) {
+TEST_F(EventTablePruningTest, ALockedDatabaseFailsTheBegin) {
     addMany(3, 50);
     PlainDatabase locker(path);
     locker.run("BEGIN IMMEDIATE");
@@ -233,7 +233,7 @@ TEST_F(DBPruningTest, ALockedDatabaseFailsTheBegin) {
 
 /// A prune whose begin, delete, overflow insert or commit fails gets its line, is rolled back
 /// and keeps the events.
-TEST_F(DBPruningTest, AFailedDeleteIsRolledBack) {
+TEST_F(EventTablePruningTest, AFailedDeleteIsRolledBack) {
     addMany(3, 50);
     aside(
         "CREATE TRIGGER Keep BEFORE DELETE ON Events WHEN old.kernelTime=1 "
@@ -250,7 +250,7 @@ TEST_F(DBPruningTest, AFailedDeleteIsRolledBack) {
 
 /// A prune whose begin, delete, overflow insert or commit fails gets its line, is rolled back
 /// and keeps the events.
-TEST_F(DBPruningTest, AFailedOverflowInsertRollsTheDeleteBack) {
+TEST_F(EventTablePruningTest, AFailedOverflowInsertRollsTheDeleteBack) {
     addMany(3, 50);
     aside(
         "CREATE TRIGGER No BEFORE INSERT ON Events WHEN new.type='logging.overflow' "
@@ -266,7 +266,7 @@ TEST_F(DBPruningTest, AFailedOverflowInsertRollsTheDeleteBack) {
 }
 
 /// A database that fills up at the overflow insert keeps the events and calls back.
-TEST_F(DBPruningTest, ADatabaseThatFillsUpAtTheOverflowInsertKeepsTheEventsAndCallsBack) {
+TEST_F(EventTablePruningTest, ADatabaseThatFillsUpAtTheOverflowInsertKeepsTheEventsAndCallsBack) {
     addMany(3, 50);
     aside(
         "CREATE TRIGGER Fill AFTER INSERT ON Events WHEN new.type='logging.overflow' "
@@ -286,7 +286,7 @@ TEST_F(DBPruningTest, ADatabaseThatFillsUpAtTheOverflowInsertKeepsTheEventsAndCa
 
 /// A prune whose begin, delete, overflow insert or commit fails gets its line, is rolled back
 /// and keeps the events.
-TEST_F(DBPruningTest, ACommitThatAReaderBlocksIsRolledBackAndTheSizeForgotten) {
+TEST_F(EventTablePruningTest, ACommitThatAReaderBlocksIsRolledBackAndTheSizeForgotten) {
     addMany(3, 50);
     DB::EventSet reader = db->getEvents(false);
     reader.getNextAndMark();
@@ -308,7 +308,7 @@ TEST_F(DBPruningTest, ACommitThatAReaderBlocksIsRolledBackAndTheSizeForgotten) {
 
 /// A row that pruning removed is taken out of the marks of running sets; the others are still
 /// deleted.
-TEST_F(DBPruningTest, ARowThatPruningRemovedIsTakenOutOfTheMarks) {
+TEST_F(EventTablePruningTest, ARowThatPruningRemovedIsTakenOutOfTheMarks) {
     addMany(3, 50);
     DB::EventSet set = db->getEvents(false);
     while (!set.getNextAndMark().empty()) continue;
@@ -322,7 +322,7 @@ TEST_F(DBPruningTest, ARowThatPruningRemovedIsTakenOutOfTheMarks) {
 
 /// A row that pruning removed is taken out of the marks of running sets; the others are still
 /// deleted.
-TEST_F(DBPruningTest, RowsThatPruningLeftAreStillDeleted) {
+TEST_F(EventTablePruningTest, RowsThatPruningLeftAreStillDeleted) {
     addMany(3, 1000);
     DB::EventSet set = db->getEvents(false);
     while (!set.getNextAndMark().empty()) continue;
@@ -339,7 +339,7 @@ TEST_F(DBPruningTest, RowsThatPruningLeftAreStillDeleted) {
 
 /// A row that pruning removed is taken out of the marks of running sets; the others are still
 /// deleted.
-TEST_F(DBPruningTest, ARowThatWasPrunedBeforeTheSetReadItsSuccessorCountsAsMarked) {
+TEST_F(EventTablePruningTest, ARowThatWasPrunedBeforeTheSetReadItsSuccessorCountsAsMarked) {
     addMany(3, 50);
     DB::EventSet set = db->getEvents(false);
     db->pruneAboveSize(10);
@@ -351,7 +351,7 @@ TEST_F(DBPruningTest, ARowThatWasPrunedBeforeTheSetReadItsSuccessorCountsAsMarke
 }
 
 /// A prune that is rolled back leaves the marks.
-TEST_F(DBPruningTest, ARolledBackPruneLeavesTheMarks) {
+TEST_F(EventTablePruningTest, ARolledBackPruneLeavesTheMarks) {
     addMany(3, 50);
     DB::EventSet set = db->getEvents(false);
     while (!set.getNextAndMark().empty()) continue;
@@ -368,7 +368,7 @@ TEST_F(DBPruningTest, ARolledBackPruneLeavesTheMarks) {
 
 /// An insert above 131072 bytes starts a pruning thread and does not wait for it; one at it
 /// does not.
-TEST_F(DBPruningTest, AnInsertAtTheThresholdStartsNoThreadAndOneAboveDoes) {
+TEST_F(EventTablePruningTest, AnInsertAtTheThresholdStartsNoThreadAndOneAboveDoes) {
     std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
     const auto before = threadsOfProcess();
     EXPECT_EQ(db->addEvent(1, 1, 1, "t", std::string(kThreshold - 2, 'x')), kThreshold);
@@ -382,7 +382,7 @@ TEST_F(DBPruningTest, AnInsertAtTheThresholdStartsNoThreadAndOneAboveDoes) {
 }
 
 /// A flood starts one thread while one waits, and inserts let it go first.
-TEST_F(DBPruningTest, AFloodStartsOneThreadWhileThatOneWaits) {
+TEST_F(EventTablePruningTest, AFloodStartsOneThreadWhileThatOneWaits) {
     std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
     const auto before = threadsOfProcess();
     DBPeer::setPruneSizes(*db, 100, 50);
@@ -396,7 +396,7 @@ TEST_F(DBPruningTest, AFloodStartsOneThreadWhileThatOneWaits) {
 
 /// An insert above 131072 bytes starts a pruning thread and does not wait for it; one at it
 /// does not.
-TEST_F(DBPruningTest, ABatchThatPassesTheThresholdIsPruned) {
+TEST_F(EventTablePruningTest, ABatchThatPassesTheThresholdIsPruned) {
     std::vector<DB::NewEvent> batch;
     for (int i = 0; i < 256; ++i) batch.push_back({1, 1, i, "t", std::string(999, 'x')});
     std::size_t taken = 0;
@@ -408,7 +408,7 @@ TEST_F(DBPruningTest, ABatchThatPassesTheThresholdIsPruned) {
 }
 
 /// A flood starts one thread while one waits, and inserts let it go first.
-TEST_F(DBPruningTest, InsertsLetTheWaitingPrunerGoFirst) {
+TEST_F(EventTablePruningTest, InsertsLetTheWaitingPrunerGoFirst) {
     DBPeer::setPruneSizes(*db, 1000, 500);
     std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
     db->addEvent(5, 1, 1, "t", std::string(2000, 'x'));
@@ -435,7 +435,7 @@ TEST_F(DBPruningTest, InsertsLetTheWaitingPrunerGoFirst) {
 }
 
 /// A flood starts one thread while one waits, and inserts let it go first.
-TEST_F(DBPruningTest, OneBatchGoesAheadOfAWaitingPrunerButIsNoLargerThanWhatItRemoves) {
+TEST_F(EventTablePruningTest, OneBatchGoesAheadOfAWaitingPrunerButIsNoLargerThanWhatItRemoves) {
     DBPeer::setPruneSizes(*db, 1000, 500);
     std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
     db->addEvent(1, 1, 0, "t", std::string(1999, 'x'));  // the pruner waits from here on
@@ -451,7 +451,7 @@ TEST_F(DBPruningTest, OneBatchGoesAheadOfAWaitingPrunerButIsNoLargerThanWhatItRe
 }
 
 /// That batch is as large where the size must be counted first.
-TEST_F(DBPruningTest, TheBatchAheadIsAsLargeWhereTheSizeMustBeCountedFirst) {
+TEST_F(EventTablePruningTest, TheBatchAheadIsAsLargeWhereTheSizeMustBeCountedFirst) {
     DBPeer::setPruneSizes(*db, 1000, 500);
     std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
     db->addEvent(1, 1, 0, "t", std::string(1999, 'x'));  // the pruner waits from here on
@@ -465,7 +465,7 @@ TEST_F(DBPruningTest, TheBatchAheadIsAsLargeWhereTheSizeMustBeCountedFirst) {
 }
 
 /// Destruction waits for the object's own pruners.
-TEST_F(DBPruningTest, DestructionWaitsForTheOwnPruners) {
+TEST_F(EventTablePruningTest, DestructionWaitsForTheOwnPruners) {
     std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
     DBPeer::setPruneSizes(*db, 100, 50);
     addMany(1, 200);
@@ -483,7 +483,7 @@ TEST_F(DBPruningTest, DestructionWaitsForTheOwnPruners) {
 // --- a flood ---
 
 /// A flood loses nothing that no overflow event names, also during uploads.
-TEST_F(DBPruningTest, AFloodLosesNothingThatNoOverflowEventNames) {
+TEST_F(EventTablePruningTest, AFloodLosesNothingThatNoOverflowEventNames) {
     constexpr int kEvents = 3000;
     DBPeer::setPruneSizes(*db, 8000, 4000);
     OutputCapture capture;
@@ -514,7 +514,7 @@ TEST_F(DBPruningTest, AFloodLosesNothingThatNoOverflowEventNames) {
 }
 
 /// A flood loses nothing that no overflow event names, also during uploads.
-TEST_F(DBPruningTest, AFloodDuringUploadsLosesNothingThatIsNeitherSentNorNamed) {
+TEST_F(EventTablePruningTest, AFloodDuringUploadsLosesNothingThatIsNeitherSentNorNamed) {
     constexpr int kEvents = 2000;
     DBPeer::setPruneSizes(*db, 6000, 3000);
     DB uploader;

@@ -1,0 +1,404 @@
+#include "EventTable.h"
+
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "SqlStatement.h"
+#include "support/PoisonedOutput.h"
+#include "support/StoreTest.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+class EventTableBatchesTest : public StoreTest {
+  protected:
+    void SetUp() override {
+        StoreTest::SetUp();
+        openStore();
+    }
+
+    static std::vector<DB::NewEvent> events(int count, const std::string& data = "e") {
+        std::vector<DB::NewEvent> made;
+        for (int i = 0; i < count; ++i) made.push_back({1, 1, i, "t", data + std::to_string(i)});
+        return made;
+    }
+
+    bool transactionIsOpen() { return sqlite3_get_autocommit(DBPeer::connection(*db)) == 0; }
+};
+
+// --- batches ---
+
+/// A batch is one transaction of at most 256 events.
+TEST_F(EventTableBatchesTest, ABatchStoresAtMost256Events) {
+    const auto all = events(600);
+    std::size_t taken = 99;
+    std::vector<DB::NewEvent> rest = all;
+    std::vector<std::size_t> steps;
+    while (!rest.empty()) {
+        const long total = db->addEvents(rest, taken);
+        steps.push_back(taken);
+        EXPECT_EQ(total, DB::m_TotalEventSize);
+        rest.erase(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(taken));
+    }
+    EXPECT_EQ(steps, (std::vector<std::size_t>{256, 256, 88}));
+    EXPECT_EQ(value("SELECT COUNT(*) FROM Events"), "600");
+    DB::m_TotalEventSize = -1;
+    EXPECT_EQ(db->totalEventSize(), 600 * 2 + 10 + 90 * 2 + 500 * 3 + 1);
+}
+
+/// A batch is one transaction of at most 256 events.
+TEST_F(EventTableBatchesTest, AnEmptyBatchIsNothing) {
+    DB::m_TotalEventSize = 17;
+    std::size_t taken = 99;
+    EXPECT_EQ(db->addEvents({}, taken), 17);
+    EXPECT_EQ(taken, 0u);
+}
+
+/// A batch returns what its last event would have, and ends above the threshold.
+TEST_F(EventTableBatchesTest, ABatchReturnsWhatTheLastEventWouldHave) {
+    std::size_t taken = 0;
+    EXPECT_EQ(db->addEvents(events(3), taken), 3 * 3 + 1);
+    EXPECT_EQ(taken, 3u);
+}
+
+/// A batch returns what its last event would have, and ends above the threshold.
+TEST_F(EventTableBatchesTest, ABatchEndsWhenTheSizePassesTheThreshold) {
+    DBPeer::setPruneSizes(*db, 100, 1000000);
+    std::size_t taken = 0;
+    const long total = db->addEvents(events(200, std::string(18, 'x')), taken);
+    EXPECT_EQ(taken, 5u) << "1 + 5 * 20";
+    EXPECT_EQ(total, 101);
+    EXPECT_EQ(storedData().size(), 5u);
+}
+
+/// A batch is one transaction of at most 256 events.
+TEST_F(EventTableBatchesTest, ABatchIsOneTransaction) {
+    std::atomic<int> commits{0};
+    sqlite3_commit_hook(
+        DBPeer::connection(*db),
+        [](void* counter) {
+            ++*static_cast<std::atomic<int>*>(counter);
+            return 0;
+        },
+        &commits);
+    std::size_t taken = 0;
+    db->addEvents(events(200), taken);
+    EXPECT_EQ(commits, 1);
+    db->addEvents(events(20), taken);
+    EXPECT_EQ(commits, 2);
+}
+
+/// An event that fails alone in a batch fails alone.
+TEST_F(EventTableBatchesTest, AnEventThatFailsAloneInABatchFailsAlone) {
+    auto batch = events(5);
+    batch[2].data = "it's";
+    batch[4].type = "it's";
+    OutputCapture capture;
+    std::size_t taken = 0;
+    EXPECT_EQ(db->addEvents(batch, taken), 3 * 3 + 1);
+    capture.stop();
+    EXPECT_EQ(taken, 5u);
+    const std::string line = "kivDB: SQL error (insert event): near \"s\": syntax error\n";
+    EXPECT_EQ(capture.errWithoutPrefixes(), line + line);
+    EXPECT_EQ(storedData(), (Texts{"e0", "e1", "e3"}));
+}
+
+/// An event that fails alone in a batch fails alone.
+TEST_F(EventTableBatchesTest, AConstraintThatRefusesOneEventOfABatchCostsNoOther) {
+    aside(
+        "CREATE TRIGGER No BEFORE INSERT ON Events WHEN new.data='e1' "
+        "BEGIN SELECT RAISE(ABORT,'refused'); END");
+    OutputCapture capture;
+    std::size_t taken = 0;
+    db->addEvents(events(3), taken);
+    capture.stop();
+    EXPECT_EQ(taken, 3u);
+    EXPECT_EQ(capture.errWithoutPrefixes(), "kivDB: SQL error (insert event): refused\n");
+    EXPECT_EQ(storedData(), (Texts{"e0", "e2"}));
+}
+
+/// When SQLite ends the transaction or the commit fails, the batch is stored again one by one.
+TEST_F(EventTableBatchesTest, WhatAFullDatabaseTookFromABatchIsStoredSingly) {
+    onStore("PRAGMA max_page_count = " + std::to_string(std::stoi(value("PRAGMA page_count")) + 4));
+    std::atomic<int> calls{0};
+    DB::setFullCallback([&calls] { ++calls; });
+    const auto batch = events(50, std::string(1000, 'x'));
+    OutputCapture capture;
+    std::size_t taken = 0;
+    const long total = db->addEvents(batch, taken);
+    capture.stop();
+    const Texts stored = storedData();
+    ASSERT_GT(stored.size(), 5u);
+    ASSERT_LT(stored.size(), 50u);
+    EXPECT_EQ(taken, stored.size() + 1) << "all before the one that did not fit, and that one";
+    for (std::size_t i = 0; i < stored.size(); ++i) EXPECT_EQ(stored[i], batch[i].data);
+    const std::string line = "kivDB: SQL error (insert event): database or disk is full\n";
+    EXPECT_EQ(capture.errWithoutPrefixes(), line + line);
+    EXPECT_EQ(calls, 2);
+    EXPECT_TRUE(DB::m_dbError);
+    EXPECT_FALSE(transactionIsOpen());
+    DB::m_TotalEventSize = -1;
+    EXPECT_EQ(db->totalEventSize(), total);
+}
+
+/// When SQLite ends the transaction or the commit fails, the batch is stored again one by one.
+TEST_F(EventTableBatchesTest, ATransactionEndedBySqliteItselfLosesNoEventOfABatch) {
+    aside(
+        "CREATE TRIGGER No BEFORE INSERT ON Events WHEN new.data='e3' "
+        "BEGIN SELECT RAISE(ROLLBACK,'all gone'); END");
+    OutputCapture capture;
+    std::size_t taken = 0;
+    db->addEvents(events(6), taken);
+    capture.stop();
+    EXPECT_EQ(taken, 4u);
+    EXPECT_EQ(storedData(), (Texts{"e0", "e1", "e2"}));
+    const std::string line = "kivDB: SQL error (insert event): all gone\n";
+    EXPECT_EQ(capture.errWithoutPrefixes(), line + line);
+    EXPECT_FALSE(transactionIsOpen());
+}
+
+/// When SQLite ends the transaction or the commit fails, the batch is stored again one by one.
+TEST_F(EventTableBatchesTest, AFailedCommitOfABatchIsRolledBackAndTriedSingly) {
+    // Whatever transaction stores "e2" cannot be committed.
+    onStore(
+        "PRAGMA foreign_keys=ON;"
+        "CREATE TABLE Parent(id INTEGER PRIMARY KEY);"
+        "CREATE TABLE Child(id INTEGER REFERENCES Parent(id) DEFERRABLE INITIALLY DEFERRED);"
+        "CREATE TRIGGER Orphan AFTER INSERT ON Events WHEN new.data='e2' "
+        "BEGIN INSERT INTO Child VALUES(1); END;");
+    int rollbacks = 0;
+    sqlite3_rollback_hook(
+        DBPeer::connection(*db), [](void* counter) { ++*static_cast<int*>(counter); }, &rollbacks);
+    OutputCapture capture;
+    std::size_t taken = 0;
+    const long total = db->addEvents(events(4), taken);
+    capture.stop();
+    EXPECT_EQ(taken, 4u);
+    // Singly, "e2" breaks its own commit only.
+    EXPECT_EQ(storedData(), (Texts{"e0", "e1", "e3"}));
+    EXPECT_EQ(total, 10);
+    EXPECT_GE(rollbacks, 1);
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (commit): FOREIGN KEY constraint failed\n"
+              "kivDB: SQL error (insert event): FOREIGN KEY constraint failed\n");
+    EXPECT_FALSE(transactionIsOpen());
+}
+
+/// Other readers and writers delay a batch and cost no event.
+TEST_F(EventTableBatchesTest, AReaderThatBlocksTheCommitForLongMakesTheBatchWait) {
+    db->addEvent(1, 1, 0, "t", "first");
+    DB::EventSet reader = db->getEvents(false);
+    reader.getNextAndMark();
+    OutputCapture capture;
+    std::size_t taken = 7;
+    const long total = db->addEvents(events(2), taken);
+    capture.stop();
+    EXPECT_EQ(taken, 0u) << "to be tried again, nothing is lost";
+    EXPECT_EQ(total, 7);
+    EXPECT_EQ(capture.errWithoutPrefixes(), "kivDB: SQL error (commit): database is locked\n");
+    reader.close();
+    EXPECT_EQ(storedData(), Texts{"first"});
+    EXPECT_FALSE(transactionIsOpen());
+    db->addEvents(events(2), taken);
+    EXPECT_EQ(taken, 2u);
+    EXPECT_EQ(storedData().size(), 3u);
+}
+
+/// Other readers and writers delay a batch and cost no event.
+TEST_F(EventTableBatchesTest, AWriterThatBlocksTheBeginForLongMakesTheBatchWait) {
+    PlainDatabase locker(path);
+    locker.run("BEGIN IMMEDIATE");
+    OutputCapture capture;
+    std::size_t taken = 7;
+    EXPECT_EQ(db->addEvents(events(2), taken), -1);
+    capture.stop();
+    locker.run("ROLLBACK");
+    EXPECT_EQ(taken, 0u);
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (begin transaction): database is locked\n");
+}
+
+/// Other readers and writers delay a batch and cost no event.
+TEST_F(EventTableBatchesTest, AReaderThatReadsForAMomentDelaysTheBatchOnly) {
+    db->addEvent(1, 1, 0, "t", "first");
+    std::atomic<bool> reading{false};
+    std::thread reader([&] {
+        PlainDatabase other(path);
+        other.run("BEGIN");
+        other.rows("SELECT * FROM Events");
+        reading = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        other.run("ROLLBACK");
+    });
+    EXPECT_TRUE(WaitUntil([&] { return reading.load(); }));
+    OutputCapture capture;
+    std::size_t taken = 0;
+    db->addEvents(events(2), taken);
+    reader.join();
+    capture.stop();
+    EXPECT_EQ(taken, 2u);
+    EXPECT_EQ(capture.err(), "");
+    EXPECT_EQ(storedData().size(), 3u);
+}
+
+/// A store that another process locks for less than 30 s loses no event; after that each is
+/// tried once.
+TEST_F(EventTableBatchesTest, AForeignLockOfMoreThanThirtySecondsCostsTheBatch) {
+    PlainDatabase locker(path);
+    locker.run("BEGIN IMMEDIATE");
+    DBPeer::setBusySince(*db, std::chrono::steady_clock::now() - std::chrono::seconds(31));
+    OutputCapture capture;
+    std::size_t taken = 0;
+    db->addEvents(events(2), taken);
+    capture.stop();
+    locker.run("ROLLBACK");
+    EXPECT_EQ(taken, 2u);
+    const std::string line = "kivDB: SQL error (insert event): database is locked\n";
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (begin transaction): database is locked\n" + line + line);
+    EXPECT_TRUE(storedData().empty());
+}
+
+/// An exception among events that are stored singly costs that event alone.
+TEST_F(EventTableBatchesTest, AnExceptionAmidSinglyStoredEventsCostsThatEventAlone) {
+    PlainDatabase locker(path);
+    locker.run("BEGIN IMMEDIATE");
+    DBPeer::setBusySince(*db, std::chrono::steady_clock::now() - std::chrono::seconds(31));
+    std::size_t taken = 0;
+    OutputCapture capture;
+    DB::setVerbose(true);
+    {
+        const PoisonedOutput output("'e1'", [] { DB::setVerbose(false); });
+        db->addEvents(events(3), taken);
+    }
+    capture.stop();
+    locker.run("ROLLBACK");
+    EXPECT_EQ(taken, 3u) << "none is tried again";
+    const std::string line = "kivDB: SQL error (insert event): database is locked\n";
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (begin transaction): database is locked\n" + line +
+                  "kivDB: Event could not be stored: poisoned\n" + line);
+    SqlStatement timeout(DBPeer::connection(*db), "PRAGMA busy_timeout");
+    ASSERT_EQ(timeout.step(), SQLITE_ROW);
+    EXPECT_EQ(timeout.columnInt64(0), 1000) << "statements wait for readers again";
+}
+
+/// A store that another process locks for less than 30 s loses no event; after that each is
+/// tried once.
+TEST_F(EventTableBatchesTest, AForeignLockIsTimedFromItsOwnBeginning) {
+    DBPeer::setBusySince(*db, std::chrono::steady_clock::now() - std::chrono::seconds(31));
+    std::size_t taken = 0;
+    db->addEvents(events(1), taken);
+    PlainDatabase locker(path);
+    locker.run("BEGIN IMMEDIATE");
+    db->addEvents(events(2), taken);
+    locker.run("ROLLBACK");
+    EXPECT_EQ(taken, 0u) << "waits";
+}
+
+/// An exception amid a batch rolls it back; the batch is stored once, later.
+TEST_F(EventTableBatchesTest, AnExceptionAmidABatchLeavesNothingOfItAndNoTransaction) {
+    db->addEvent(1, 1, 0, "t", "first");
+    std::size_t taken = 0;
+    DB::setVerbose(true);
+    {
+        const PoisonedOutput output("'e2'", [] { DB::setVerbose(false); });
+        EXPECT_THROW(db->addEvents(events(4), taken), std::runtime_error);
+    }
+    EXPECT_FALSE(transactionIsOpen());
+    EXPECT_EQ(DB::m_TotalEventSize, -1);
+    EXPECT_EQ(storedData(), Texts{"first"});
+    db->addEvents(events(4), taken);
+    EXPECT_EQ(storedData(), (Texts{"first", "e0", "e1", "e2", "e3"}));
+}
+
+/// Without a connection a batch fails event by event.
+TEST_F(EventTableBatchesTest, ABatchWithoutAConnectionFailsEventByEvent) {
+    DB closed;
+    OutputCapture capture;
+    std::size_t taken = 0;
+    EXPECT_EQ(closed.addEvents(events(1), taken), -1);
+    capture.stop();
+    EXPECT_EQ(taken, 1u);
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (begin transaction): bad parameter or other API misuse\n"
+              "kivDB: SQL error (insert event): bad parameter or other API misuse\n");
+}
+
+// --- power cuts and several connections ---
+
+/// A killed writer leaves whole batches and a sound file.
+TEST_F(EventTableBatchesTest, AKilledWriterLeavesWholeBatchesOnly) {
+    constexpr int kBatch = 100;
+    db.reset();
+    int progress[2];
+    ASSERT_EQ(::pipe(progress), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        DB writer;
+        DBPeer::setPruneSizes(writer, 100000000, 100000000);
+        writer.open(path, false);
+        for (;;) {
+            std::size_t taken = 0;
+            writer.addEvents(events(kBatch), taken);
+            const char done = taken == kBatch ? '.' : '!';
+            if (::write(progress[1], &done, 1) != 1) ::_exit(1);
+        }
+    }
+    ::close(progress[1]);
+    int whole = 0;
+    char done = 0;
+    while (whole < 20 && ::read(progress[0], &done, 1) == 1 && done == '.') ++whole;
+    EXPECT_EQ(whole, 20);
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    while (::read(progress[0], &done, 1) == 1 && done == '.') ++whole;
+    ::close(progress[0]);
+
+    EXPECT_EQ(value("PRAGMA integrity_check"), "ok");
+    const int stored = std::stoi(value("SELECT COUNT(*) FROM Events"));
+    EXPECT_EQ(stored % kBatch, 0);
+    EXPECT_GE(stored, whole * kBatch);
+    EXPECT_LE(stored, (whole + 1) * kBatch);
+    DB again;
+    again.open(path, false);
+    const long total = again.addEvent(9, 9, 9, "t", "usable");
+    EXPECT_EQ(total, std::stol(value("SELECT SUM(length(data)+1)+1 FROM Events")));
+}
+
+/// Connections of several threads lose no event.
+TEST_F(EventTableBatchesTest, ConnectionsOfSeveralThreadsLoseNoEvent) {
+    constexpr int kThreads = 4;
+    constexpr int kEach = 60;
+    OutputCapture capture;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([this, t] {
+            DB own;
+            own.open(path, false);
+            for (int i = 0; i < kEach; ++i) {
+                own.addEvent(t, 1, i, "t", "x");
+                own.setStartTime(t, 1, 0, i);
+                own.totalEventSize();
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    capture.stop();
+    EXPECT_EQ(capture.err(), "");
+    EXPECT_EQ(value("SELECT COUNT(*) FROM Events"), std::to_string(kThreads * kEach));
+    EXPECT_EQ(value("PRAGMA integrity_check"), "ok");
+}
+
+}  // namespace
