@@ -51,6 +51,10 @@ class ClassLog {
 
     /// What `error`, a value of errno, means.
     static std::string errnoText(int error);
+    /// Text from outside as it may stand in a line: control characters, backslashes and bytes that
+    /// are not UTF-8 become "\xNN"; of a long text the first 256 characters, followed by
+    /// "... (<n> bytes)".
+    static std::string foreign(const std::string& text);
 
   private:
     template <typename... Pieces>

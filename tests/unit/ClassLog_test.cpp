@@ -81,3 +81,37 @@ TEST(ClassLog, NamesAnErrno) {
     EXPECT_EQ(ClassLog::errnoText(ENOENT), "No such file or directory");
     EXPECT_EQ(ClassLog::errnoText(ENOSPC), "No space left on device");
 }
+
+/// Plain foreign text, beyond ASCII too, stands in a line as it is.
+TEST(ClassLog, LeavesPlainForeignTextAsItIs) {
+    EXPECT_EQ(ClassLog::foreign(""), "");
+    EXPECT_EQ(ClassLog::foreign("caf\u00E9 \u20AC \U0001F4FA"), "caf\u00E9 \u20AC \U0001F4FA");
+}
+
+/// Foreign text cannot end a line, move the cursor or pretend an escape.
+TEST(ClassLog, EscapesControlCharactersOfForeignText) {
+    EXPECT_EQ(ClassLog::foreign("a\n[1](2,3) b\r\x1B[2J\t\\\x7F"),
+              "a\\x0A[1](2,3) b\\x0D\\x1B[2J\\x09\\x5C\\x7F");
+    EXPECT_EQ(ClassLog::foreign(std::string("\0x", 2)), "\\x00x");
+}
+
+/// Bytes of foreign text that are not UTF-8 are shown by their numbers.
+TEST(ClassLog, EscapesWhatIsNotUtf8) {
+    EXPECT_EQ(ClassLog::foreign("\xFFz"), "\\xFFz");
+    EXPECT_EQ(ClassLog::foreign("\xC3"), "\\xC3");
+    EXPECT_EQ(ClassLog::foreign("\xC0\x80"), "\\xC0\\x80");
+    EXPECT_EQ(ClassLog::foreign("\xE0\x80\x80"), "\\xE0\\x80\\x80");
+    EXPECT_EQ(ClassLog::foreign("\xED\xA0\x80"), "\\xED\\xA0\\x80");
+    EXPECT_EQ(ClassLog::foreign("\xF0\x80\x80\x80"), "\\xF0\\x80\\x80\\x80");
+    EXPECT_EQ(ClassLog::foreign("\xF4\x90\x80\x80"), "\\xF4\\x90\\x80\\x80");
+    EXPECT_EQ(ClassLog::foreign("\xE2\x82z"), "\\xE2\\x82z");
+}
+
+/// Of a long foreign text a line shows 256 characters and says how long it was.
+TEST(ClassLog, CutsLongForeignText) {
+    EXPECT_EQ(ClassLog::foreign(std::string(256, 'a')), std::string(256, 'a'));
+    EXPECT_EQ(ClassLog::foreign(std::string(257, 'a')), std::string(256, 'a') + "... (257 bytes)");
+    std::string wide;
+    for (int i = 0; i < 300; ++i) wide += "\u20AC";
+    EXPECT_EQ(ClassLog::foreign(wide), wide.substr(0, 768) + "... (900 bytes)");
+}
