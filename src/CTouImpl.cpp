@@ -1,7 +1,8 @@
 #include "CTouImpl.h"
 
 #include "AtomicFile.h"
-#include "DbgOut.h"
+#include "ClassLog.h"
+#include "Credentials.h"
 #include "JsonObject.h"
 #include "NetworkHelper.h"
 #include "ServiceTables.h"
@@ -10,7 +11,6 @@
 #include <iterator>
 #include <limits>
 #include <sstream>
-#include <system_error>
 #include <vector>
 
 #include <cerrno>
@@ -20,20 +20,18 @@
 
 namespace {
 
-const char* const kTag = "TOU:";
+ClassLog s_log("TOU:");
 
 const char* const kConsentFile = "current_tou.txt";
 const char* const kAnnouncementFile = "show_new_tou.txt";
 const char* const kServerAnswerFile = "tou_server_answer.txt";
-
-std::atomic<bool> verboseFlag{false};
 
 std::vector<std::string> wordsOf(const std::string& text) {
     std::istringstream in(text);
     return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
-/// The whole word as a 32-bit integer; 0 when it is none.
+/// The whole word as a 32-bit integer; 0 when it is not one.
 std::int32_t toInt32(const std::string& word) {
     using Limits = std::numeric_limits<std::int32_t>;
     char* end = nullptr;
@@ -56,23 +54,23 @@ JsonObject fetchAnswer() {
     if (!request.UrlRequest(url, true, ServiceTables::getLambdaKey())) return JsonObject();
     JsonObject answer = JsonObject::parse(request.data);
     if (answer.isNull()) {
-        cerrdbg << kTag << "ToU server answer is no JSON: " << beginning(request.data) << std::endl;
+        s_log.error("ToU server answer is no JSON: ", beginning(request.data));
         return JsonObject();
     }
     const std::string refusal = answer.optString("errorMessage");
     if (refusal.empty()) return answer;
-    cerrdbg << kTag << "ToU server error: " << refusal << std::endl;
+    s_log.error("ToU server error: ", refusal);
     return JsonObject();
 }
 
 }  // namespace
 
 void CTouImpl::SetVerbose(bool verbose) {
-    verboseFlag = verbose;
+    s_log.setVerbose(verbose);
 }
 
 bool CTouImpl::GetVerbose() {
-    return verboseFlag;
+    return s_log.isVerbose();
 }
 
 void CTouImpl::Load(const std::string& directory) {
@@ -95,37 +93,34 @@ std::string CTouImpl::readConsentFile() {
     m_fileExists = true;
     std::ostringstream text;
     text << file.rdbuf();
-    if (GetVerbose()) coutdbg << kTag << "TOU file content: " << text.str() << std::endl;
+    s_log.info("TOU file content: ", [&text] { return text.str(); });
     return text.str();
 }
 
 std::int64_t CTouImpl::readServerVersion() const {
     const JsonObject answer = JsonObject::loadFile(m_directory + kServerAnswerFile);
     if (!answer.isNull()) return answer.optInteger("version", 0);
-    if (GetVerbose()) coutdbg << kTag << "No TOU last server answer found" << std::endl;
+    s_log.info("No TOU last server answer found");
     return 0;
 }
 
 void CTouImpl::parseConsent(const std::string& text, std::int64_t serverVersion) {
     const std::vector<std::string> words = wordsOf(text);
     if (words.size() < 3) {
-        cerrdbg << kTag << "TOU file wrong format: " << text << std::endl;
+        s_log.error("TOU file wrong format: ", text);
         return;
     }
     if (words[0] != "CUL-TOU") {
-        cerrdbg << kTag << "TOU file wrong acceptance name: " << text << std::endl;
+        s_log.error("TOU file wrong acceptance name: ", text);
         return;
     }
     const std::int32_t version = toInt32(words[1]);
     m_version = version;
     if (version < 1) {
-        cerrdbg << kTag << "TOU version invalid: " << version << std::endl;
+        s_log.error("TOU version invalid: ", version);
     } else {
         m_accepted = words[2] == "TRUE" && serverVersion <= version;
-        if (GetVerbose()) {
-            coutdbg << kTag << "TOU accepted is " << m_accepted << " for version " << version
-                    << std::endl;
-        }
+        s_log.info("TOU accepted is ", m_accepted.load(), " for version ", version);
     }
     if (serverVersion <= version) dropServerAnswer();
 }
@@ -133,8 +128,7 @@ void CTouImpl::parseConsent(const std::string& text, std::int64_t serverVersion)
 void CTouImpl::dropServerAnswer() const {
     const std::string path = m_directory + kServerAnswerFile;
     if (::unlink(path.c_str()) == 0 || errno == ENOENT) return;
-    const std::error_code reason(errno, std::generic_category());
-    cerrdbg << kTag << "File " << path << " cannot be deleted: " << reason.message() << std::endl;
+    s_log.error("File ", path, " cannot be deleted: ", ClassLog::errnoText(errno));
 }
 
 bool CTouImpl::Refresh() {
@@ -143,13 +137,12 @@ bool CTouImpl::Refresh() {
     const long long version = answer.optInteger("version", 0);
     const bool mandatory = answer.getObject("mandatory").isTrue();
     const std::string url = answer.optString("url");
-    if (GetVerbose()) {
-        coutdbg << kTag << " tou version=" << version << ", url=" << url
-                << ", mandatory=" << (mandatory ? "true" : "false") << std::endl;
-    }
+    s_log.info(" tou version=", version,  //
+               ", url=", url,             //
+               ", mandatory=", mandatory ? "true" : "false");
     if (version <= 0 || url.empty()) {
-        cerrdbg << kTag << "ToU server answer names no version or no url: "
-                << beginning(answer.getStringRep()) << std::endl;
+        s_log.error("ToU server answer names no version or no url: ",
+                    beginning(answer.getStringRep()));
         return false;
     }
     if (version > m_version) announce(url, mandatory, answer.getStringRep());
@@ -157,12 +150,12 @@ bool CTouImpl::Refresh() {
 }
 
 void CTouImpl::announce(const std::string& url, bool mandatory, const std::string& answer) const {
-    if (GetVerbose()) coutdbg << kTag << "writing show_new_tou.txt with URL" << std::endl;
+    s_log.info("writing show_new_tou.txt with URL");
     write(kAnnouncementFile, url);
     if (mandatory) write(kServerAnswerFile, answer);
 }
 
 void CTouImpl::write(const std::string& name, const std::string& text) const {
     if (AtomicFile::replace(m_directory + name, text).empty()) return;
-    cerrdbg << kTag << "File " << name << " cannot be created" << std::endl;
+    s_log.error("File ", name, " cannot be created");
 }

@@ -5,7 +5,7 @@
 /// Owns one file descriptor and closes it at its end. Can be moved, not copied; what was moved
 /// from owns nothing.
 ///
-/// Its end and `close` are no cancellation points: they may stand where their thread can be
+/// Its end and `close` are not cancellation points: they may stand where their thread can be
 /// cancelled. Not thread safe. Throws nothing.
 class Descriptor {
   public:

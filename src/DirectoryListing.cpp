@@ -1,6 +1,6 @@
 #include "DirectoryListing.h"
 
-#include "DbgOut.h"
+#include "ClassLog.h"
 
 #include <memory>
 #include <vector>
@@ -8,12 +8,11 @@
 #include <dirent.h>
 #include <errno.h>
 #include <stdio.h>
-#include <string.h>
 #include <sys/stat.h>
 
 namespace {
 
-constexpr char kTag[] = "kivUpload: ";
+const ClassLog s_log("kivUpload: ");
 
 struct CloseDirectory {
     void operator()(DIR* directory) const { ::closedir(directory); }
@@ -23,13 +22,12 @@ using Directory = std::unique_ptr<DIR, CloseDirectory>;
 Directory openDirectory(const std::string& dir) {
     Directory directory(::opendir(dir.c_str()));
     if (directory == nullptr) {
-        cerrdbg << kTag << "Cannot open directory " << dir << ": " << ::strerror(errno)
-                << std::endl;
+        s_log.error("Cannot open directory ", dir, ": ", ClassLog::errnoText(errno));
     }
     return directory;
 }
 
-/// A link is no directory: following one could leave the tree, or never end.
+/// A link is not a directory: following one could leave the tree, or never end.
 bool isDirectory(const dirent& entry, const std::string& fullName) {
     if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
     struct stat facts = {};

@@ -7,9 +7,14 @@ constexpr long kNanosecondsPerSecond = 1000000000;
 }  // namespace
 
 std::int64_t KernelTime::getTimeMonotonicAsInt64() {
+    const timespec now = getTimeMonotonic();
+    return now.tv_nsec / 1000000 + std::int64_t{1000} * now.tv_sec;
+}
+
+timespec KernelTime::getTimeMonotonic() {
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_nsec / 1000000 + std::int64_t{1000} * now.tv_sec;
+    return now;
 }
 
 timespec timeAdd(timespec a, timespec b) {

@@ -9,6 +9,8 @@ class KernelTime {
   public:
     /// CLOCK_MONOTONIC in milliseconds, truncated.
     static std::int64_t getTimeMonotonicAsInt64();
+    /// CLOCK_MONOTONIC as the kernel gives it.
+    static timespec getTimeMonotonic();
 };
 
 /// a + b of two normalised times, carried into seconds once.

@@ -1,20 +1,17 @@
 #include "LocationInfo.h"
 
-#include "AlarmBlock.h"
+#include "ClassLog.h"
 #include "CountryCode.h"
 #include "DB.h"
-#include "DbgOut.h"
 #include "NetworkHelper.h"
 #include "Services.h"
+#include "WorkerThread.h"
 
-#include <atomic>
 #include <chrono>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
 #include <utility>
 
-#include <pthread.h>
 #include <stdlib.h>
 
 std::mutex LocationInfo::m_mutex;
@@ -24,13 +21,12 @@ std::string LocationInfo::PROVIDER = Services::geolocationUrl();
 
 namespace {
 
-constexpr char kTag[] = "LocationInfo:";
+ClassLog s_log("LocationInfo:");
+
 constexpr double kUnknownDegrees = 999.99;
 constexpr double kMaxLatitude = 90;
 constexpr double kMaxLongitude = 180;
 constexpr std::chrono::seconds kStoreRetryDelay(1);
-
-std::atomic<bool> verboseFlag{false};
 
 double degreesWithin(double limit, double value) {
     const bool valid = value >= -limit && value <= limit;  // false for NaN
@@ -62,8 +58,8 @@ Coordinates parseCoordinates(const std::string& loc) {
         parsed.lat = std::stod(loc.substr(0, comma));
         parsed.lng = std::stod(loc.substr(comma + 1));
         return parsed;
-    } catch (const std::logic_error& error) {  // no number, or out of a double's range
-        cerrdbg << kTag << "Invalid loc : " << loc << ": " << error.what() << std::endl;
+    } catch (const std::logic_error& error) {  // not a number, or out of a double's range
+        s_log.error("Invalid loc : ", loc, ": ", error.what());
         return {};
     }
 }
@@ -101,12 +97,12 @@ std::shared_ptr<LocationInfo> LocationInfo::getKnownLocation() {
 }
 
 std::shared_ptr<LocationInfo> LocationInfo::currentLocation() {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return mInfo;
 }
 
 std::shared_ptr<LocationInfo> LocationInfo::remember(std::shared_ptr<LocationInfo> info) {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     if (!mInfo) mInfo = std::move(info);
     return mInfo;
 }
@@ -135,7 +131,7 @@ std::shared_ptr<LocationInfo> LocationInfo::fromAnswer(const std::string& body) 
     const JsonObject answer = JsonObject::parse(body);
     if (!answer.isObject()) {
         // A captive portal's page, for one, must not replace the stored place.
-        cerrdbg << kTag << "Answer of " << PROVIDER << " is no JSON object: Ignore" << std::endl;
+        s_log.error("Answer of ", PROVIDER, " is no JSON object: Ignore");
         return nullptr;
     }
     const Coordinates at = parseCoordinates(answer.optString("loc"));
@@ -145,20 +141,16 @@ std::shared_ptr<LocationInfo> LocationInfo::fromAnswer(const std::string& body) 
 }
 
 void LocationInfo::storeInBackground(const LocationInfo& info) {
-    const AlarmBlock inherited;
-    try {
-        std::thread(StoreInDB, info.m_lat, info.m_lng, info.m_ip, info.m_city, info.m_region,
-                    info.m_countryCode)
-            .detach();
-    } catch (const std::system_error& error) {
-        cerrdbg << kTag << "Could not start Store thread: " << error.what() << std::endl;
-    }
+    const int error = WorkerThread::startDetached("LocationInfoStoreThread", [info] {
+        StoreInDB(info.m_lat, info.m_lng, info.m_ip, info.m_city, info.m_region,
+                  info.m_countryCode);
+        return 0;
+    });
+    if (error != 0) s_log.error("Could not start Store thread: ", ClassLog::errnoText(error));
 }
 
 void LocationInfo::StoreInDB(double lat, double lng, std::string ip, std::string city,
                              std::string region, std::string countryCode) {
-    // Longer than Linux takes: the thread keeps its inherited name.
-    ::pthread_setname_np(::pthread_self(), "LocationInfoStoreThread");
     for (;;) {
         {
             DB db;
@@ -171,10 +163,15 @@ void LocationInfo::StoreInDB(double lat, double lng, std::string ip, std::string
 
 JsonObject LocationInfo::toJSON() const {
     JsonObject object;
-    object.Pack("{s:f, s:f, s:s, s:s, s:s, s:s, s:s, s:s }", "lat", m_lat, "lng", m_lng, "ip",
-                m_ip.c_str(), "city", m_city.c_str(), "region", m_region.c_str(), "country-code",
-                m_countryCode.c_str(), "country", m_country.c_str(), "continent",
-                m_continent.c_str());
+    object.Pack("{s:f, s:f, s:s, s:s, s:s, s:s, s:s, s:s }",  //
+                "lat", m_lat,                                 //
+                "lng", m_lng,                                 //
+                "ip", m_ip.c_str(),                           //
+                "city", m_city.c_str(),                       //
+                "region", m_region.c_str(),                   //
+                "country-code", m_countryCode.c_str(),        //
+                "country", m_country.c_str(),                 //
+                "continent", m_continent.c_str());
     return object;
 }
 
@@ -189,19 +186,19 @@ std::shared_ptr<LocationInfo> LocationInfo::fromJSON(JsonObject object) {
 }
 
 std::string LocationInfo::dbPath() {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return m_DbPath;
 }
 
 void LocationInfo::setDbPath(const std::string& path) {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_DbPath = path;
 }
 
 void LocationInfo::SetVerbose(bool verbose) {
-    verboseFlag = verbose;
+    s_log.setVerbose(verbose);
 }
 
 bool LocationInfo::GetVerbose() {
-    return verboseFlag;
+    return s_log.isVerbose();
 }

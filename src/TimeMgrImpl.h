@@ -8,12 +8,10 @@
 #include <mutex>
 #include <ostream>
 #include <string>
-#include <thread>
-#include <vector>
 
-#include <time.h>
-
+#include "AppClock.h"
 #include "JsonObject.h"
+#include "MiddlewareTime.h"
 #include "TimeReference.h"
 #include "UtcTimeMs.h"
 
@@ -25,15 +23,14 @@ enum TimeSource : int { TimeSourceInvalid = -1, TimeSourceSystem = 0, TimeSource
 /// Writes the source's name.
 std::ostream& operator<<(std::ostream& out, TimeSource source);
 
-/// The application clock: UTC as last set by the best time source, carried on by the monotonic
-/// clock; the system clock while it was never set. Any thread.
-std::chrono::system_clock::time_point kivAppNow();
-
 /// Turns time references into UTC. For each cycle and source it stores the UTC milliseconds of
-/// kernel time 0, and it sets the application clock from the best source so far.
+/// kernel time 0, and it sets the application clock (`kivAppNow`) from the best source so far.
 ///
-/// Reached through `Singleton<TimeMgrImpl>`; inactive until `setDBPath`. All operations from any
-/// thread. Lock order: `DB::m_PruneLock`, then m_mutex.
+/// It asks no server, and does not watch the middleware itself: `WebTimeImpl` and `MiddlewareTime`
+/// bring it times, and it decides which it takes. Reached through `Singleton<TimeMgrImpl>`;
+/// inactive until `setDBPath`. All operations from any thread. Lock order: `DB::m_PruneLock`, then
+/// m_mutex. Without a database times are 0 and are not set, with an error line; a start time that
+/// cannot be stored calls the error callback.
 class TimeMgrImpl {
   public:
     TimeMgrImpl();
@@ -43,7 +40,8 @@ class TimeMgrImpl {
 
     /// Opens the store at `path` and starts watching the middleware's time; an empty path stops.
     void setDBPath(const std::string& path);
-    /// Starts or stops (cancels and joins) the thread that watches the middleware's time.
+    /// Starts or stops (cancels and joins) the thread that watches the middleware's time. Refused,
+    /// with an error line, on that thread itself.
     void setAutoUpdateSystemTime(bool on);
     /// A source reports that the moment `ref` is `utc`; changes of up to a minute are ignored,
     /// `utc` 0 forgets.
@@ -82,24 +80,9 @@ class TimeMgrImpl {
 
   private:
     friend struct TimeMgrImplPeer;
-    friend std::chrono::system_clock::time_point kivAppNow();
 
-    /// The application clock as last set; all zero before.
-    struct AppClock {
-        timespec utc;
-        timespec monotonic;  ///< CLOCK_MONOTONIC at the setting
-    };
     class StoreLock;
 
-    static void checkSystemTime(TimeMgrImpl* manager);
-    void checkSystemTimeThread();
-    void startChecker();
-    void endPause(bool stops);
-    static int openPipe();
-    void pauseBeforeReopening();
-    void watchPipe(int fd, std::vector<char>& buffer, long long& previousTime);
-    void handleMiddlewareTime(const std::string& text, long long& previousTime,
-                              TimeReference& previousRef);
     void takeMiddlewareTime(long long previousTime, long long newTime);
     bool hasDatabase() const;
     void closeDatabase();
@@ -110,21 +93,14 @@ class TimeMgrImpl {
                     std::int64_t newTime);
     static void announceDBPathSet();
 
-    static std::string m_pipePath;          ///< the middleware's named pipe
-    static std::mutex m_appClockMutex;      ///< guards m_appClock; a leaf
-    static AppClock m_appClock;             ///< written by setSystemTime only
     static std::mutex m_gateMutex;          ///< guards m_dbPathExpected
     static std::condition_variable m_gate;  ///< signalled when m_dbPathExpected falls
     static bool m_dbPathExpected;           ///< announced, and not set yet
 
     std::string m_dbPath;
     std::unique_ptr<DB> m_db;
-    std::thread m_checker;
     std::int32_t m_currentSource = TimeSourceInvalid;
-    mutable std::mutex m_mutex;      ///< guards m_db, m_dbPath, m_currentSource, m_errorCallback
-    std::mutex m_checkerMutex;       ///< guards m_checker: start, stop and join
-    std::mutex m_wakeMutex;          ///< guards m_checkerStops
-    std::condition_variable m_wake;  ///< signalled when m_checkerStops rises
-    bool m_checkerStops = false;     ///< ends the checker's pause between two openings
     std::function<void()> m_errorCallback;
+    mutable std::mutex m_mutex;  ///< guards m_db, m_dbPath, m_currentSource, m_errorCallback
+    MiddlewareTime m_middlewareTime;
 };

@@ -12,6 +12,7 @@ TimeReference::TimeReference()
 }
 
 std::ostream& operator<<(std::ostream& out, const TimeReference& ref) {
-    return out << "(" << static_cast<std::int32_t>(ref.bootCount) << ","
-               << static_cast<std::int32_t>(ref.standbyCount) << "," << ref.kernelTime << ")";
+    const Cycle cycle = ref.cycle();
+    return out << "(" << cycle.bootCount << "," << cycle.standbyCount << "," << ref.kernelTime
+               << ")";
 }

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <ostream>
 
+#include "Cycle.h"
+
 /// A moment named by its boot cycle, its standby cycle within that, and the monotonic kernel time
 /// in milliseconds; it needs no wall clock. A plain value.
 struct TimeReference {
@@ -10,6 +12,9 @@ struct TimeReference {
     TimeReference();
     TimeReference(std::uint32_t boot, std::uint32_t standby, std::int64_t kernelMs)
         : bootCount(boot), standbyCount(standby), kernelTime(kernelMs) {}
+
+    /// The running time of the set to which the moment belongs.
+    Cycle cycle() const { return Cycle(bootCount, standbyCount); }
 
     std::uint32_t bootCount;
     std::uint32_t standbyCount;

@@ -1,10 +1,12 @@
 #include "UtcTime.h"
 
-#include "DbgOut.h"
+#include "ClassLog.h"
 
 #include <limits>
 
 namespace {
+
+const ClassLog s_log("UtcTime: ");
 
 constexpr const char* kTextForms[] = {
     "%a, %d %b %Y %H:%M:%S GMT",
@@ -33,8 +35,7 @@ bool readFields(const std::string& text, const char* format, struct tm& fields) 
 bool readZoneOffset(std::int64_t& offset) {
     struct tm local {};
     if (::localtime_r(&kCalibrationInstant, &local) == nullptr) {
-        cerrdbg << "UtcTime: "
-                << "Cannot determine 'calibration time'" << std::endl;
+        s_log.error("Cannot determine 'calibration time'");
         return false;
     }
     offset = std::int64_t{60} * local.tm_min + std::int64_t{3600} * local.tm_hour -
@@ -67,8 +68,7 @@ time_t UtcTime::parseTime(const std::string& text) const {
         const time_t seconds = parseTime(text, form);
         if (seconds != kUnparsed) return seconds;
     }
-    cerrdbg << "UtcTime: "
-            << "Failed to parse time: " << text << std::endl;
+    s_log.error("Failed to parse time: ", text);
     return 0;
 }
 
@@ -86,8 +86,7 @@ std::string UtcTime::format(const char* pattern) const {
     char text[128];
     if (::gmtime_r(&seconds, &fields) == nullptr ||
         ::strftime(text, sizeof text, pattern, &fields) == 0) {
-        cerrdbg << "UtcTime: "
-                << "Conversion of time " << m_seconds << " to string failed" << std::endl;
+        s_log.error("Conversion of time ", m_seconds, " to string failed");
         return "";
     }
     return text;

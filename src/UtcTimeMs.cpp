@@ -16,3 +16,9 @@ std::string UtcTimeMs::getString() const {
     }
     return text;
 }
+
+std::uint64_t UtcTimeMs::distanceTo(UtcTimeMs other) const {
+    const auto difference =
+        static_cast<std::uint64_t>(m_ms) - static_cast<std::uint64_t>(other.m_ms);
+    return m_ms >= other.m_ms ? difference : 0 - difference;
+}

@@ -12,6 +12,9 @@ class UtcTimeMs {
     /// "2019-03-07T10:15:02.347Z" (ISO 8601).
     std::string getString() const;
 
+    /// The milliseconds between the two, whichever is later; right for numbers of any size.
+    std::uint64_t distanceTo(UtcTimeMs other) const;
+
   private:
     std::int64_t m_ms;
 };

@@ -1,6 +1,7 @@
 #include "WebTimeImpl.h"
 
-#include "DbgOut.h"
+#include "ClassLog.h"
+#include "Credentials.h"
 #include "NetworkHelper.h"
 #include "ServiceTables.h"
 #include "Singleton.h"
@@ -13,9 +14,7 @@
 
 namespace {
 
-constexpr const char* kLogPrefix = "kivwebtime: ";
-
-std::atomic<bool> verboseFlag{false};
+ClassLog s_log("kivwebtime: ");
 
 }  // namespace
 
@@ -37,23 +36,22 @@ long long WebTimeImpl::getWebTimeValue() {
 }
 
 void WebTimeImpl::takeTimeFromServer() {
-    if (verboseFlag) {
-        coutdbg << kLogPrefix << " trying to get time from server... " << std::endl;
-    }
+    s_log.info(" trying to get time from server... ");
+    const Credentials credentials;
     NetworkHelper request;
-    const std::string url = ServiceTables::getWebTimeUrl();
-    if (!request.UrlRequest(url, false, ServiceTables::getLambdaKey())) {
-        cerrdbg << kLogPrefix << "Time could not be retrieved from server" << std::endl;
+    const std::string url = credentials.getWebTimeUrl();
+    if (!request.UrlRequest(url, false, credentials.getLambdaKey())) {
+        s_log.error("Time could not be retrieved from server");
     } else if (request.date.empty()) {
-        cerrdbg << kLogPrefix << "No time received" << std::endl;
+        s_log.error("No time received");
     } else {
         setTimeFromDate(request.date);
     }
 }
 
 void WebTimeImpl::setTimeFromDate(const std::string& date) {
-    if (verboseFlag) {
-        std::printf("%s Setting time from the date received from server being:  %s\n", kLogPrefix,
+    if (s_log.isVerbose()) {
+        std::printf("%s Setting time from the date received from server being:  %s\n", s_log.tag(),
                     date.c_str());
     }
     const std::int32_t seconds = UtcTime(date).seconds();
@@ -64,9 +62,9 @@ void WebTimeImpl::setTimeFromDate(const std::string& date) {
 }
 
 void WebTimeImpl::SetVerbose(bool verbose) {
-    verboseFlag = verbose;
+    s_log.setVerbose(verbose);
 }
 
 bool WebTimeImpl::GetVerbose() {
-    return verboseFlag;
+    return s_log.isVerbose();
 }

@@ -5,7 +5,9 @@
 #include <string>
 
 /// Obtains the UTC time of the current cycle from a web server's Date header and hands it to the
-/// time manager. Reached through `Singleton<WebTimeImpl>`; used on the upload thread.
+/// time manager. It does not judge the time (the time manager does) and does not ask again by
+/// itself. Reached through `Singleton<WebTimeImpl>`; used on the upload thread. A failure leaves
+/// the time unknown, with an error line.
 class WebTimeImpl {
   public:
     /// Makes sure that web time is known for the current cycle: asks the server only while it is

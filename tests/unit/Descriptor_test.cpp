@@ -22,7 +22,7 @@
 
 namespace {
 
-/// The errno value that this thread's next close reports although it worked; 0: the true result.
+/// What the next close of this thread reports instead of what is true; 0: the truth.
 thread_local int closeError = 0;
 
 std::atomic<int> signalsHandled{0};
@@ -228,7 +228,7 @@ TEST(Descriptor, LeavesAThreadUncancellableThatWasSo) {
     EXPECT_EQ(found.stateAfter, PTHREAD_CANCEL_DISABLE);
 }
 
-/// Texts are written whole, also when signals interrupt the writing; a failure is told.
+/// Texts are written whole, also after signals; a failure is told.
 TEST(Descriptor, WritesEveryByte) {
     const TempDir dir;
     std::string text(3000000, 'x');
@@ -241,7 +241,7 @@ TEST(Descriptor, WritesEveryByte) {
     EXPECT_TRUE(dir.read("text") == text + "end");
 }
 
-/// Texts are written whole, also when signals interrupt the writing; a failure is told.
+/// Texts are written whole, also after signals; a failure is told.
 TEST(Descriptor, GoesOnWritingAfterSignals) {
     struct sigaction action = {};
     struct sigaction before = {};
@@ -280,7 +280,7 @@ TEST(Descriptor, GoesOnWritingAfterSignals) {
     EXPECT_TRUE(received == text);
 }
 
-/// Texts are written whole, also when signals interrupt the writing; a failure is told.
+/// Texts are written whole, also after signals; a failure is told.
 TEST(Descriptor, SaysWhenWritingFailed) {
     const Descriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
     EXPECT_FALSE(full.writeAll("text"));

@@ -45,6 +45,17 @@ TEST(KernelTime, Grows) {
     EXPECT_GT(last, first);
 }
 
+/// The kernel's own reading is the monotonic clock, to the nanosecond.
+TEST(KernelTime, GivesTheMonotonicClockAsTheKernelHasIt) {
+    timespec before{};
+    timespec after{};
+    ::clock_gettime(CLOCK_MONOTONIC, &before);
+    const timespec now = KernelTime::getTimeMonotonic();
+    ::clock_gettime(CLOCK_MONOTONIC, &after);
+    EXPECT_GE(timeDiff(now, before).tv_sec, 0);
+    EXPECT_GE(timeDiff(after, now).tv_sec, 0);
+}
+
 /// `timeAdd` carries nanoseconds above 999999999 into a second.
 TEST(TimeAdd, CarriesNanosecondsIntoSeconds) {
     EXPECT_TRUE(timeAdd(time(1, 600000000), time(1, 600000000)) == time(3, 200000000));

@@ -11,14 +11,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include <csignal>
-#include <cstdlib>
-
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -27,11 +20,14 @@
 #include "DB.h"
 #include "KernelTime.h"
 #include "Singleton.h"
+#include "support/AppClockPeer.h"
 #include "support/KivTest.h"
+#include "support/MiddlewareTimePeer.h"
 #include "support/OutputCapture.h"
 #include "support/TaggedLines.h"
 #include "support/TempDir.h"
 #include "support/TimeMgrImplPeer.h"
+#include "support/TimePipe.h"
 #include "support/WaitUntil.h"
 
 namespace {
@@ -49,16 +45,16 @@ class TimeMgrImplTest : public KivTest {
         TimeMgrImpl::SetVerbose(false);
         DB::setVerbose(false);
         DB::m_dbError = false;
-        TimeMgrImplPeer::setPipePath(m_dir.file("pipe"));
-        TimeMgrImplPeer::forgetSystemTime();
+        MiddlewareTimePeer::setPipePath(m_dir.file("pipe"));
+        AppClockPeer::forget();
         m_info->setBootCounts(7, 3);
     }
     void TearDown() override {
         m_manager.reset();
         TimeMgrImpl::SetVerbose(false);
         DB::m_dbError = false;
-        TimeMgrImplPeer::setPipePath(TimeMgrImplPeer::productPipe);
-        TimeMgrImplPeer::forgetSystemTime();
+        MiddlewareTimePeer::setPipePath(MiddlewareTimePeer::productPipe);
+        AppClockPeer::forget();
         KivTest::TearDown();
     }
 
@@ -91,11 +87,6 @@ class TimeMgrImplTest : public KivTest {
         DB db;
         db.open(dbPath(), false);
         return db.getStartTime(7, 3, source);
-    }
-
-    static std::int64_t appClockMs() {
-        using std::chrono::milliseconds;
-        return std::chrono::duration_cast<milliseconds>(kivAppNow().time_since_epoch()).count();
     }
 
     TempDir m_dir;
@@ -136,40 +127,12 @@ TEST_F(TimeMgrImplTest, WritesASourceAsItsName) {
 
 // --- application clock --------------------------------------------------------------------------
 
-/// The application clock is the system clock while it was never set.
-TEST_F(TimeMgrImplTest, TheApplicationClockIsTheSystemClockWhileItWasNeverSet) {
-    const auto before = std::chrono::system_clock::now();
-    const auto now = kivAppNow();
-    const auto after = std::chrono::system_clock::now();
-    EXPECT_LE(before, now);
-    EXPECT_LE(now, after);
-}
-
-/// Once set it runs on with the monotonic clock.
-TEST_F(TimeMgrImplTest, TheApplicationClockRunsOnFromTheTimeThatItWasSetTo) {
-    const std::int64_t before = KernelTime::getTimeMonotonicAsInt64();
-    TimeMgrImpl::setSystemTime(kTime);
-    TimeMgrImplPeer::ageSystemTime({2, 500000000});
-    const std::int64_t now = appClockMs();
-    const std::int64_t passed = KernelTime::getTimeMonotonicAsInt64() - before;
-    EXPECT_GE(now, kTime + 2500);
-    EXPECT_LE(now, kTime + 2500 + passed + 1);
-}
-
-/// Once set it runs on with the monotonic clock.
-TEST_F(TimeMgrImplTest, TheApplicationClockCarriesNanosecondsIntoSeconds) {
-    TimeMgrImpl::setSystemTime(kTime + 999);
-    TimeMgrImplPeer::ageSystemTime({0, 900000000});
-    const std::int64_t now = appClockMs();
-    EXPECT_GE(now, kTime + 1899);
-    EXPECT_LT(now, kTime + 1899 + kMinute);
-}
-
-/// Once set it runs on with the monotonic clock.
-TEST_F(TimeMgrImplTest, SettingTheApplicationClockSplitsMilliseconds) {
+/// `setSystemTime` sets the application clock.
+TEST_F(TimeMgrImplTest, SetsTheApplicationClock) {
     TimeMgrImpl::setSystemTime(kTime + 347);
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, kTime / 1000);
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_nsec, 347000000);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, kTime / 1000);
+    EXPECT_EQ(AppClockPeer::asSet().tv_nsec, 347000000);
+    EXPECT_GE(kivAppNow().time_since_epoch(), std::chrono::milliseconds(kTime + 347));
 }
 
 /// Setting it is logged when verbose.
@@ -177,33 +140,6 @@ TEST_F(TimeMgrImplTest, SettingTheApplicationClockIsLoggedWhenVerbose) {
     EXPECT_EQ(linesOf([] { TimeMgrImpl::setSystemTime(kTime); }),
               "TimeMgr: setSystemTime: 1551953702000\n");
     EXPECT_EQ(errorsOf([] { TimeMgrImpl::setSystemTime(kTime); }), "");
-}
-
-/// Times of any size are survived; readers never meet half a setting.
-TEST_F(TimeMgrImplTest, TheApplicationClockSurvivesTimesOfAnySize) {
-    for (const std::int64_t ms : {INT64_MAX, INT64_MIN, INT64_MIN + 1}) {
-        TimeMgrImpl::setSystemTime(ms);
-        kivAppNow();
-    }
-    TimeMgrImpl::setSystemTime(kTime);
-    EXPECT_GE(appClockMs(), kTime);
-}
-
-/// Times of any size are survived; readers never meet half a setting.
-TEST_F(TimeMgrImplTest, ReadersOfTheApplicationClockNeverMeetHalfASetting) {
-    TimeMgrImpl::setSystemTime(kTime);
-    std::atomic<bool> finished{false};
-    std::thread writer([&] {
-        for (int i = 0; i < 20000; ++i) TimeMgrImpl::setSystemTime(i % 2 == 0 ? kTime : 2 * kTime);
-        finished = true;
-    });
-    while (!finished) {
-        const std::int64_t now = appClockMs();
-        EXPECT_TRUE((now >= kTime && now < kTime + 10 * kMinute) ||
-                    (now >= 2 * kTime && now < 2 * kTime + 10 * kMinute))
-            << now;
-    }
-    writer.join();
 }
 
 // --- without a database -------------------------------------------------------------------------
@@ -222,7 +158,7 @@ TEST_F(TimeMgrImplTest, WithoutADatabaseGetTimeIsZeroWithALine) {
 TEST_F(TimeMgrImplTest, WithoutADatabaseSetTimeDoesNothingWithALine) {
     EXPECT_EQ(errorsOf([this] { m_manager->setTime(TimeSourceWeb, kRef, kTime); }),
               "TimeMgr: setTime: No DB set\n");
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, 0);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, 0);
     EXPECT_EQ(TimeMgrImplPeer::currentSource(*m_manager), -1);
 }
 
@@ -248,7 +184,7 @@ TEST_F(OpenTimeMgrTest, ANewPathOpensAnotherStoreAndForgetsTheSource) {
 }
 
 /// A file that is not a database is not recreated.
-TEST_F(OpenTimeMgrTest, AStoreThatIsNoDatabaseIsNotRecreated) {
+TEST_F(OpenTimeMgrTest, AStoreThatIsNotADatabaseIsNotRecreated) {
     const std::string path = m_dir.write("Foreign", std::string(4096, 'x'));
     OutputCapture quiet;
     m_manager->setDBPath(path);
@@ -363,23 +299,23 @@ TEST_F(OpenTimeMgrTest, TimeZeroForgetsTheCycleAndLeavesTheClock) {
     EXPECT_EQ(linesOf([this] { m_manager->setTime(TimeSourceWeb, kRef, 0); }),
               "TimeMgr: setTime ts=web timeRef = (7,3,500000) to utc = 0\n");
     EXPECT_EQ(m_manager->getTime(TimeSourceWeb, kRef), 0);
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, kTime / 1000);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, kTime / 1000);
     EXPECT_EQ(TimeMgrImplPeer::currentSource(*m_manager), 1);
 }
 
 /// System time sets the clock until web time has; afterwards it is only stored.
 TEST_F(OpenTimeMgrTest, SystemTimeSetsTheClockUntilWebTimeHasSetIt) {
     m_manager->setTime(TimeSourceSystem, kRef, kTime);
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, kTime / 1000);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, kTime / 1000);
     EXPECT_EQ(TimeMgrImplPeer::currentSource(*m_manager), 0);
     m_manager->setTime(TimeSourceSystem, kRef, kTime + 5000);
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, kTime / 1000 + 5);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, kTime / 1000 + 5);
 
     m_manager->setTime(TimeSourceWeb, kRef, kTime + 10000);
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, kTime / 1000 + 10);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, kTime / 1000 + 10);
     EXPECT_EQ(TimeMgrImplPeer::currentSource(*m_manager), 1);
     m_manager->setTime(TimeSourceSystem, kRef, kTime + 10 * kMinute);
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, kTime / 1000 + 10);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, kTime / 1000 + 10);
     EXPECT_EQ(TimeMgrImplPeer::currentSource(*m_manager), 1);
     EXPECT_EQ(m_manager->getTime(TimeSourceSystem, kRef), kTime + 10 * kMinute);
 }
@@ -416,19 +352,21 @@ TEST_F(OpenTimeMgrTest, ABetterSourceThatComesWhileTheWatchingStopsKeepsTheClock
     m_manager->setAutoUpdateSystemTime(true);
     std::thread setter;
     {
-        const std::lock_guard<std::mutex> stopping(TimeMgrImplPeer::wakeMutex(*m_manager));
+        const std::lock_guard<std::mutex> stopping(
+            MiddlewareTimePeer::wakeMutex(TimeMgrImplPeer::watch(*m_manager)));
         setter = std::thread([this] { m_manager->setTime(TimeSourceWeb, kRef, kTime); });
         // Web time was the best when the stopping began.
         EXPECT_TRUE(WaitUntil([this] {
-            return !std::unique_lock<std::mutex>(TimeMgrImplPeer::checkerMutex(*m_manager),
-                                                 std::try_to_lock)
+            return !std::unique_lock<std::mutex>(
+                        MiddlewareTimePeer::threadMutex(TimeMgrImplPeer::watch(*m_manager)),
+                        std::try_to_lock)
                         .owns_lock();
         }));
         TimeMgrImplPeer::setCurrentSource(*m_manager, better);
     }
     setter.join();
     EXPECT_EQ(TimeMgrImplPeer::currentSource(*m_manager), better);
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, 0);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, 0);
     EXPECT_EQ(storedStart(TimeSourceWeb), kTime - 500000);
 }
 
@@ -554,23 +492,22 @@ TEST_F(TimeMgrImplTest, AWaiterIsWokenWhenTheDatabaseIsOpen) {
     EXPECT_TRUE(waiter.get());
 }
 
-// --- middleware messages ------------------------------------------------------------------------
+// --- the middleware's time ----------------------------------------------------------------------
 
-class MiddlewareTimeTest : public OpenTimeMgrTest {
+/// Messages of the middleware, handled on the test's thread.
+class MiddlewareMessagesTest : public OpenTimeMgrTest {
   protected:
     /// Handles `text` as if it came `afterMs` after the previous message.
     void receive(const std::string& text, std::int64_t afterMs = 0) {
-        m_previousRef = TimeReference();
-        m_previousRef.kernelTime -= afterMs;
-        TimeMgrImplPeer::handleMiddlewareTime(*m_manager, text, m_previousTime, m_previousRef);
+        m_previous.kernelTime = KernelTime::getTimeMonotonicAsInt64() - afterMs;
+        MiddlewareTimePeer::handleMessage(TimeMgrImplPeer::watch(*m_manager), text, m_previous);
     }
 
-    long long m_previousTime = 0;
-    TimeReference m_previousRef;
+    MiddlewareTimePeer::Previous m_previous;
 };
 
 /// The first message and any jump beyond the kernel's time plus 60000 ms set system time.
-TEST_F(MiddlewareTimeTest, TheFirstMessageIsAJumpAndSetsSystemTime) {
+TEST_F(MiddlewareMessagesTest, TheFirstMessageIsAJumpAndSetsSystemTime) {
     const std::string lines = linesOf([this] { receive("1551953702000"); });
     EXPECT_EQ(lines.rfind("TimeMgr: MW time = 1551953702000\n"
                           "TimeMgr: System time changed from 0 to 1551953702000\n"
@@ -580,45 +517,23 @@ TEST_F(MiddlewareTimeTest, TheFirstMessageIsAJumpAndSetsSystemTime) {
         << lines;
     EXPECT_NEAR(static_cast<double>(m_manager->getTime(TimeSourceSystem, TimeReference())), kTime,
                 30000);
-    EXPECT_EQ(m_previousTime, kTime);
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, kTime / 1000);
-}
-
-/// The same time again, and time that runs with the kernel, are not a jump.
-TEST_F(MiddlewareTimeTest, TheSameTimeAgainAfterFiveSecondsIsNoJump) {
-    receive("1551953702000");
-    EXPECT_EQ(linesOf([this] { receive("1551953702000", 5000); }),
-              "TimeMgr: MW time = 1551953702000\n");
+    EXPECT_EQ(m_previous.time, kTime);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, kTime / 1000);
 }
 
 /// The first message and any jump beyond the kernel's time plus 60000 ms set system time.
-TEST_F(MiddlewareTimeTest, TwoMinutesAheadIsAJump) {
+TEST_F(MiddlewareMessagesTest, AJumpIsTold) {
     receive("1551953702000");
     EXPECT_THAT(linesOf([this] { receive("1551953822000", 5000); }),
                 HasSubstr("TimeMgr: System time changed from 1551953702000 to 1551953822000\n"));
     EXPECT_THAT(linesOf([this] { receive("1551953702000", 5000); }),
                 HasSubstr("TimeMgr: System time changed from 1551953822000 to 1551953702000\n"));
-}
-
-/// The same time again, and time that runs with the kernel, are not a jump.
-TEST_F(MiddlewareTimeTest, TimeThatRunsWithTheKernelIsNoJump) {
-    receive("1551953702000");
-    EXPECT_EQ(linesOf([this] { receive("1551954002000", 300000); }),
-              "TimeMgr: MW time = 1551954002000\n");
-}
-
-/// Each message is the previous one of the next.
-TEST_F(MiddlewareTimeTest, EachMessageIsThePreviousOneOfTheNext) {
-    receive("1551953702000");
-    const std::int64_t before = TimeReference().kernelTime;
-    receive("1551953752000", 5000);
-    EXPECT_EQ(m_previousTime, 1551953752000);
-    EXPECT_GE(m_previousRef.kernelTime, before);
-    EXPECT_EQ(linesOf([this] { receive("1551953802000"); }), "TimeMgr: MW time = 1551953802000\n");
+    EXPECT_EQ(linesOf([this] { receive("1551953702000", 5000); }),
+              "TimeMgr: MW time = 1551953702000\n");
 }
 
 /// A jump that is not acceptable is not taken.
-TEST_F(MiddlewareTimeTest, AnUnacceptableJumpIsNotTaken) {
+TEST_F(MiddlewareMessagesTest, AnUnacceptableJumpIsNotTaken) {
     EXPECT_EQ(linesOf([this] { receive("1000000000"); }),
               "TimeMgr: MW time = 1000000000\n"
               "TimeMgr: System time changed from 0 to 1000000000\n");
@@ -629,104 +544,32 @@ TEST_F(MiddlewareTimeTest, AnUnacceptableJumpIsNotTaken) {
 }
 
 /// The first message and any jump beyond the kernel's time plus 60000 ms set system time.
-TEST_F(MiddlewareTimeTest, JumpsOfAnySizeAreMeasuredRight) {
+TEST_F(MiddlewareMessagesTest, AJumpOfAnySizeIsTold) {
     receive("-9223372036854775808");
     EXPECT_THAT(linesOf([this] { receive("9223372036854775807"); }),
                 HasSubstr("TimeMgr: System time changed from -9223372036854775808 to "
                           "9223372036854775807\n"));
 }
 
-/// Leading blanks and what follows the number do not matter.
-TEST_F(MiddlewareTimeTest, LeadingBlanksAndWhatFollowsTheNumberDoNotMatter) {
-    receive(" 1551953702000 ms\n");
-    EXPECT_EQ(m_previousTime, kTime);
-}
-
 /// What is not a number, or out of range, is skipped with "Invalid MW time : ".
-TEST_F(MiddlewareTimeTest, AMessageThatIsNoNumberIsSkippedWithALine) {
-    m_previousTime = kTime;
-    for (const char* text : {"noon", "-", "", " ms", "x1551953702000"}) {
-        EXPECT_EQ(errorsOf([&] { receive(text); }),
-                  std::string("TimeMgr: Invalid MW time : ") + text + "\n");
-        EXPECT_EQ(m_previousTime, kTime);
-    }
-    TimeReference ref(7, 3, 5);
-    OutputCapture quiet;
-    TimeMgrImplPeer::handleMiddlewareTime(*m_manager, "noon", m_previousTime, ref);
-    EXPECT_EQ(ref.kernelTime, 5);
-}
-
-/// What is not a number, or out of range, is skipped with "Invalid MW time : ".
-TEST_F(MiddlewareTimeTest, ANumberOutOfRangeIsSkippedWithALine) {
+TEST_F(MiddlewareMessagesTest, AnInvalidTimeIsNotTaken) {
     EXPECT_EQ(errorsOf([this] { receive("99999999999999999999"); }),
               "TimeMgr: Invalid MW time : 99999999999999999999\n");
-    EXPECT_EQ(m_previousTime, 0);
     EXPECT_EQ(m_manager->getTime(TimeSourceSystem, TimeReference()), 0);
 }
 
-// --- the pipe -----------------------------------------------------------------------------------
-
-class TimePipeTest : public TimeMgrImplTest {
+/// The time manager with the middleware's pipe.
+class MiddlewareWatchTest : public TimeMgrImplTest {
   protected:
     void SetUp() override {
         TimeMgrImplTest::SetUp();
-        // A writer that the checker leaves is told by EPIPE.
-        m_onBrokenPipe = std::signal(SIGPIPE, SIG_IGN);
+        m_manager->setDBPath(dbPath());
+        m_writer = m_pipe.openWriter();
+        ASSERT_GE(m_writer, 0);
     }
     void TearDown() override {
+        if (m_writer >= 0) ::close(m_writer);
         TimeMgrImplTest::TearDown();
-        std::signal(SIGPIPE, m_onBrokenPipe);
-    }
-
-    std::string pipePath() const { return m_dir.file("pipe"); }
-
-    /// Opens the pipe for writing as soon as the checker reads it; -1 when it never does.
-    int openWriter() const {
-        int fd = -1;
-        WaitUntil([&] {
-            fd = ::open(pipePath().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-            return fd >= 0;
-        });
-        return fd;
-    }
-
-    static void send(int fd, const std::string& text) {
-        ASSERT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    }
-
-    /// Sends `text` through a writer of its own, and again through another one whenever the checker
-    /// has just closed the pipe. What the pipe has taken stays in it until the checker reads it, as
-    /// long as the writer is open. @return the writer, or -1
-    int sendThroughANewWriter(const std::string& text) const {
-        for (;;) {
-            const int fd = openWriter();
-            if (fd < 0) return -1;
-            if (::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size())) {
-                return fd;
-            }
-            const int error = errno;
-            ::close(fd);
-            if (error != EPIPE) return -1;
-        }
-    }
-
-    /// Waits until the clock is set to `utc`; without a line of the time manager's.
-    static bool waitForClock(std::int64_t utc) {
-        return WaitUntil([utc] {
-            const timespec time = TimeMgrImplPeer::systemTimeAsSet();
-            return time.tv_sec == utc / 1000 && time.tv_nsec == utc % 1000 * 1000000;
-        });
-    }
-
-    /// The monotonic milliseconds in the prefixes of the lines of `text` that read `line`.
-    static std::vector<std::int64_t> momentsOf(const std::string& text, const std::string& line) {
-        std::istringstream lines(text);
-        std::vector<std::int64_t> moments;
-        for (std::string each; std::getline(lines, each);) {
-            if (OutputCapture::withoutPrefixes(each) != line) continue;
-            moments.push_back(std::strtoll(each.c_str() + 1, nullptr, 10));
-        }
-        return moments;
     }
 
     bool waitForSystemTime(std::int64_t utc) const {
@@ -736,223 +579,31 @@ class TimePipeTest : public TimeMgrImplTest {
         });
     }
 
-    static std::size_t openDescriptors() {
-        std::size_t count = 0;
-        const std::unique_ptr<DIR, int (*)(DIR*)> list(::opendir("/proc/self/fd"), &::closedir);
-        while (::readdir(list.get()) != nullptr) ++count;
-        return count;
-    }
-
-  private:
-    void (*m_onBrokenPipe)(int) = SIG_DFL;
+    const TimePipe m_pipe{m_dir.file("pipe")};
+    int m_writer = -1;
 };
 
-/// The pipe is "/tmp/MTKTimePipe", made with mode 0666, or taken as it is.
-TEST_F(TimePipeTest, TheProductsPipeIsTheMiddlewares) {
-    TimeMgrImplPeer::setPipePath(TimeMgrImplPeer::productPipe);
-    EXPECT_EQ(TimeMgrImplPeer::pipePath(), "/tmp/MTKTimePipe");
-}
-
-/// The pipe is "/tmp/MTKTimePipe", made with mode 0666, or taken as it is.
-TEST_F(TimePipeTest, MakesThePipe) {
-    const mode_t mask = ::umask(0);
-    m_manager->setDBPath(dbPath());
-    struct stat status {};
-    EXPECT_TRUE(WaitUntil([&] { return ::stat(pipePath().c_str(), &status) == 0; }));
-    ::umask(mask);
-    EXPECT_TRUE(S_ISFIFO(status.st_mode));
-    EXPECT_EQ(status.st_mode & 0777, 0666u);
-}
-
-/// The pipe is "/tmp/MTKTimePipe", made with mode 0666, or taken as it is.
-TEST_F(TimePipeTest, TakesAPipeThatIsThereAlready) {
-    ASSERT_EQ(::mkfifo(pipePath().c_str(), 0600), 0);
-    EXPECT_EQ(errorsOf([this] {
-                  m_manager->setDBPath(dbPath());
-                  const int writer = openWriter();
-                  EXPECT_GE(writer, 0);
-                  ::close(writer);
-                  m_manager->setAutoUpdateSystemTime(false);
-              }),
-              "");
-}
-
-/// The middleware's time is taken from it, and it is opened again when its writer closes.
-TEST_F(TimePipeTest, TakesTheMiddlewaresTime) {
-    m_manager->setDBPath(dbPath());
-    const int writer = openWriter();
-    ASSERT_GE(writer, 0);
-    send(writer, "1551953702000");
+/// The middleware's time is taken from the pipe and sets the clock.
+TEST_F(MiddlewareWatchTest, TakesTheMiddlewaresTime) {
+    TimePipe::send(m_writer, "1551953702000");
     EXPECT_TRUE(waitForSystemTime(kTime));
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, kTime / 1000);
-    ::close(writer);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, kTime / 1000);
+    TimePipe::send(m_writer, std::to_string(kTime + 10 * kMinute));
+    EXPECT_TRUE(waitForSystemTime(kTime + 10 * kMinute));
 }
 
-/// The middleware's time is taken from it, and it is opened again when its writer closes.
-TEST_F(TimePipeTest, ReopensThePipeWhenTheWriterHasClosedIt) {
-    m_manager->setDBPath(dbPath());
-    for (const std::int64_t time : {kTime, kTime + 10 * kMinute}) {
-        const int writer = sendThroughANewWriter(std::to_string(time));
-        ASSERT_GE(writer, 0);
-        EXPECT_TRUE(waitForSystemTime(time));
-        ::close(writer);
+/// Web time ends the watch on the pipe.
+TEST_F(MiddlewareWatchTest, WebTimeMayArriveWhileAMessageWaitsForTheStore) {
+    for (int i = 0; i < 50; ++i) {
+        TimePipe::send(m_writer, std::to_string(kTime + i * 10 * kMinute) + " ");
     }
-}
-
-/// The middleware's time is taken from it, and it is opened again when its writer closes.
-TEST_F(TimePipeTest, TheSameTimeBehindAReopeningIsNoJump) {
-    TimeMgrImpl::SetVerbose(true);
-    OutputCapture capture;
-    m_manager->setDBPath(dbPath());
-    const int first = openWriter();
-    ASSERT_GE(first, 0);
-    send(first, "1551953702000");
-    EXPECT_TRUE(waitForClock(kTime));
-    // Another pipe of the same name: only a checker that opened again reads it.
-    ASSERT_EQ(::unlink(pipePath().c_str()), 0);
-    ASSERT_EQ(::mkfifo(pipePath().c_str(), 0600), 0);
-    ::close(first);
-    const int second = openWriter();
-    ASSERT_GE(second, 0);
-    send(second, "1551953702000");
-    const auto received = [&] {
-        return momentsOf(capture.out(), "TimeMgr: MW time = 1551953702000");
-    };
-    EXPECT_TRUE(WaitUntil([&] { return received().size() == 2; }));
-    m_manager->setAutoUpdateSystemTime(false);  // returns once the handling is done
-    ::close(second);
-    EXPECT_EQ(prefixedLines(capture.out(), "TimeMgr: System time changed "),
-              "TimeMgr: System time changed from 0 to 1551953702000\n");
-}
-
-/// A message has up to 1024 bytes; what follows is one of its own.
-TEST_F(TimePipeTest, ReadsAMessageOfUpTo1024BytesAsOne) {
-    OutputCapture capture;
-    m_manager->setDBPath(dbPath());
-    const int writer = openWriter();
-    ASSERT_GE(writer, 0);
-    send(writer, std::string(500, ' ') + std::to_string(kTime));
-    EXPECT_TRUE(waitForClock(kTime));
-    const std::string number = std::to_string(kTime + 10 * kMinute);
-    send(writer, std::string(1024 - number.size(), ' ') + number);
-    EXPECT_TRUE(waitForClock(kTime + 10 * kMinute));
-    ::close(writer);
-    EXPECT_EQ(prefixedLines(capture.err(), "TimeMgr: "), "");
-}
-
-/// A message has up to 1024 bytes; what follows is one of its own.
-TEST_F(TimePipeTest, WhatFollows1024BytesIsAMessageOfItsOwn) {
-    OutputCapture capture;
-    m_manager->setDBPath(dbPath());
-    const int writer = openWriter();
-    ASSERT_GE(writer, 0);
-    send(writer, std::string(1024, ' ') + std::to_string(kTime));
-    EXPECT_TRUE(waitForClock(kTime));
-    ::close(writer);
-    EXPECT_EQ(prefixedLines(capture.err(), "TimeMgr: "),
-              "TimeMgr: Invalid MW time : " + std::string(1024, ' ') + "\n");
-}
-
-/// What is not a number, or out of range, is skipped with "Invalid MW time : ".
-TEST_F(TimePipeTest, GoesOnAfterAMessageThatIsNoNumber) {
-    OutputCapture capture;
-    m_manager->setDBPath(dbPath());
-    const int writer = openWriter();
-    ASSERT_GE(writer, 0);
-    send(writer, "noon");
-    EXPECT_TRUE(WaitUntil([&] {
-        return taggedLines(capture.errWithoutPrefixes(), "TimeMgr: ") ==
-               "TimeMgr: Invalid MW time : noon\n";
-    }));
-    send(writer, "1551953702000");
-    EXPECT_TRUE(waitForSystemTime(kTime));
-    ::close(writer);
-}
-
-/// The start of the watch is told when verbose.
-TEST_F(TimePipeTest, SaysThatItStarted) {
-    TimeMgrImpl::SetVerbose(true);
-    OutputCapture capture;
-    m_manager->setDBPath(dbPath());
-    EXPECT_TRUE(WaitUntil([&] {
-        return capture.outWithoutPrefixes().find("TimeMgr: checkSystemTimeThread started\n") !=
-               std::string::npos;
-    }));
-    m_manager->setAutoUpdateSystemTime(false);
-}
-
-/// It can be stopped in opening and in reading, at any moment, and leaves no descriptor.
-TEST_F(TimePipeTest, StopsInTheOpening) {
-    m_manager->setDBPath(dbPath());
-    EXPECT_TRUE(WaitUntil([this] { return m_dir.has("pipe"); }));
-    m_manager->setAutoUpdateSystemTime(false);
+    m_manager->setTime(TimeSourceWeb, TimeReference(), kTime);
     EXPECT_FALSE(TimeMgrImplPeer::isWatching(*m_manager));
-    EXPECT_LT(::open(pipePath().c_str(), O_WRONLY | O_NONBLOCK), 0);
-    EXPECT_EQ(errno, ENXIO);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, kTime / 1000);
 }
 
-/// It can be stopped in opening and in reading, at any moment, and leaves no descriptor.
-TEST_F(TimePipeTest, StopsInTheReadingAndClosesThePipe) {
-    m_manager->setDBPath(dbPath());
-    const int writer = openWriter();
-    ASSERT_GE(writer, 0);
-    m_manager->setAutoUpdateSystemTime(false);
-    EXPECT_LT(::open(pipePath().c_str(), O_WRONLY | O_NONBLOCK), 0);  // nobody reads any more
-    EXPECT_EQ(errno, ENXIO);
-    ::close(writer);
-}
-
-/// It can be stopped in opening and in reading, at any moment, and leaves no descriptor.
-TEST_F(TimePipeTest, StartingAndStoppingLeavesNoDescriptorBehind) {
-    m_manager->setDBPath(dbPath());
-    m_manager->setAutoUpdateSystemTime(false);
-    const std::size_t before = openDescriptors();
-    for (int i = 0; i < 20; ++i) {
-        m_manager->setAutoUpdateSystemTime(true);
-        const int writer = openWriter();
-        ASSERT_GE(writer, 0);
-        m_manager->setAutoUpdateSystemTime(false);
-        ::close(writer);
-    }
-    EXPECT_EQ(openDescriptors(), before);
-}
-
-/// It can be stopped in opening and in reading, at any moment, and leaves no descriptor.
-TEST_F(TimePipeTest, AReaderThatTheCancellationLostIsClosed) {
-    m_manager->setDBPath(dbPath());
-    const int writer = openWriter();
-    ASSERT_GE(writer, 0);
-    const int lost = ::open(pipePath().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(lost, 0);
-    m_manager->setAutoUpdateSystemTime(false);
-    EXPECT_LT(::fcntl(lost, F_GETFD), 0);
-    EXPECT_GE(::fcntl(writer, F_GETFD), 0);
-    ::close(writer);
-}
-
-/// It can be stopped in opening and in reading, at any moment, and leaves no descriptor.
-TEST_F(TimePipeTest, StoppingAtAnyMomentEnds) {
-    m_manager->setDBPath(dbPath());
-    for (int i = 0; i < 200; ++i) {
-        m_manager->setAutoUpdateSystemTime(false);
-        m_manager->setAutoUpdateSystemTime(true);
-    }
-    EXPECT_TRUE(TimeMgrImplPeer::isWatching(*m_manager));
-}
-
-/// Starting or stopping twice is once.
-TEST_F(TimePipeTest, StartingTwiceAndStoppingTwiceIsOnce) {
-    m_manager->setDBPath(dbPath());
-    m_manager->setAutoUpdateSystemTime(true);
-    EXPECT_TRUE(TimeMgrImplPeer::isWatching(*m_manager));
-    m_manager->setAutoUpdateSystemTime(false);
-    m_manager->setAutoUpdateSystemTime(false);
-    EXPECT_FALSE(TimeMgrImplPeer::isWatching(*m_manager));
-}
-
-/// It is never cancelled while it handles a message, and cannot stop itself.
-TEST_F(TimePipeTest, IsNotCancelledWhileItHandlesAMessage) {
-    m_manager->setDBPath(dbPath());
+/// The watch is never cancelled while it handles a message, and cannot stop itself.
+TEST_F(MiddlewareWatchTest, IsNotCancelledWhileItStoresATime) {
     std::promise<void> reached;
     std::promise<void> goOn;
     std::atomic<bool> handled{false};
@@ -964,33 +615,18 @@ TEST_F(TimePipeTest, IsNotCancelledWhileItHandlesAMessage) {
         handled = true;
     });
     DB::m_dbError = true;
-    const int writer = openWriter();
-    ASSERT_GE(writer, 0);
-    send(writer, "1551953702000");
+    TimePipe::send(m_writer, "1551953702000");
     reached.get_future().wait();
     std::thread stopper([this] { m_manager->setAutoUpdateSystemTime(false); });
-    EXPECT_TRUE(WaitUntil([this] { return TimeMgrImplPeer::isBeingStopped(*m_manager); }));
+    EXPECT_TRUE(WaitUntil(
+        [this] { return MiddlewareTimePeer::isBeingStopped(TimeMgrImplPeer::watch(*m_manager)); }));
     goOn.set_value();
     stopper.join();
     EXPECT_TRUE(handled);
-    ::close(writer);
 }
 
-/// Web time ends the watch on the pipe.
-TEST_F(TimePipeTest, WebTimeMayArriveWhileAMessageWaitsForTheStore) {
-    m_manager->setDBPath(dbPath());
-    const int writer = openWriter();
-    ASSERT_GE(writer, 0);
-    for (int i = 0; i < 50; ++i) send(writer, std::to_string(kTime + i * 10 * kMinute) + " ");
-    m_manager->setTime(TimeSourceWeb, TimeReference(), kTime);
-    EXPECT_FALSE(TimeMgrImplPeer::isWatching(*m_manager));
-    EXPECT_EQ(TimeMgrImplPeer::systemTimeAsSet().tv_sec, kTime / 1000);
-    ::close(writer);
-}
-
-/// It is never cancelled while it handles a message, and cannot stop itself.
-TEST_F(TimePipeTest, TheCheckerDoesNotStopItself) {
-    m_manager->setDBPath(dbPath());
+/// The watch is never cancelled while it handles a message, and cannot stop itself.
+TEST_F(MiddlewareWatchTest, ACallbackOfTheWatchDoesNotStopIt) {
     std::promise<void> done;
     m_manager->setErrorCallback([&] {
         m_manager->setAutoUpdateSystemTime(false);
@@ -998,76 +634,18 @@ TEST_F(TimePipeTest, TheCheckerDoesNotStopItself) {
     });
     DB::m_dbError = true;
     OutputCapture capture;
-    const int writer = openWriter();
-    ASSERT_GE(writer, 0);
-    send(writer, "1551953702000");
+    TimePipe::send(m_writer, "1551953702000");
     done.get_future().wait();
     capture.stop();
     EXPECT_EQ(taggedLines(capture.errWithoutPrefixes(), "TimeMgr: "),
               "TimeMgr: The checker cannot stop or start itself\n");
     EXPECT_TRUE(TimeMgrImplPeer::isWatching(*m_manager));
-    ::close(writer);
 }
 
-/// A pipe that cannot be made or opened gets "Cannot create fifo : " and "Cannot open fifo : ";
-/// a file in its place is a failed opening.
-TEST_F(TimePipeTest, APipeThatCannotBeMadeOrOpenedIsReportedAndTriedAgainLater) {
-    TimeMgrImplPeer::setPipePath(m_dir.file("missing/pipe"));
-    OutputCapture capture;
-    m_manager->setDBPath(dbPath());
-    const std::string lines =
-        "TimeMgr: Cannot create fifo : No such file or directory\n"
-        "TimeMgr: Cannot open fifo : No such file or directory\n";
-    EXPECT_TRUE(
-        WaitUntil([&] { return taggedLines(capture.errWithoutPrefixes(), "TimeMgr: ") == lines; }));
-    // The pause of ten seconds does not hold up who stops the checker.
-    const auto begin = std::chrono::steady_clock::now();
-    m_manager->setAutoUpdateSystemTime(false);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
-    capture.stop();
-    EXPECT_EQ(taggedLines(capture.errWithoutPrefixes(), "TimeMgr: "), lines);
-}
-
-/// A failed opening is tried again 10 s later.
-TEST_F(TimePipeTest, PausesForTenSecondsBehindAFailedOpening) {
-    TimeMgrImplPeer::setPipePath(m_dir.file("missing/pipe"));
-    OutputCapture capture;
-    m_manager->setDBPath(dbPath());
-    const auto failures = [&] {
-        return momentsOf(capture.err(), "TimeMgr: Cannot open fifo : No such file or directory");
-    };
-    ASSERT_TRUE(WaitUntil([&] { return failures().size() == 2; }, std::chrono::seconds(60)));
-    m_manager->setAutoUpdateSystemTime(false);
-    const std::vector<std::int64_t> at = failures();
-    EXPECT_GE(at[1] - at[0], 9999);  // both are rounded down
-    EXPECT_LT(at[1] - at[0], 30000);
-}
-
-/// A pipe that cannot be made or opened gets "Cannot create fifo : " and "Cannot open fifo : ";
-/// a file in its place is a failed opening.
-TEST_F(TimePipeTest, AFileThatIsNoPipeIsAFailedOpening) {
-    m_dir.write("pipe", "1551953702000");
-    OutputCapture capture;
-    m_manager->setDBPath(dbPath());
-    const std::string line = "TimeMgr: Cannot open fifo : Not a named pipe\n";
-    EXPECT_TRUE(
-        WaitUntil([&] { return taggedLines(capture.errWithoutPrefixes(), "TimeMgr: ") == line; }));
-    m_manager->setAutoUpdateSystemTime(false);
-    capture.stop();
-    EXPECT_EQ(taggedLines(capture.errWithoutPrefixes(), "TimeMgr: "), line);
-    EXPECT_EQ(m_manager->getTime(TimeSourceSystem, TimeReference()), 0);
-    EXPECT_EQ(m_dir.read("pipe"), "1551953702000");
-}
-
-/// Destroying the manager stops it.
-TEST_F(TimePipeTest, DestroyingTheManagerStopsTheChecker) {
-    m_manager->setDBPath(dbPath());
-    const int writer = openWriter();
-    ASSERT_GE(writer, 0);
+/// Destroying the manager stops the watch.
+TEST_F(MiddlewareWatchTest, DestroyingTheManagerStopsTheWatch) {
     m_manager.reset();
-    EXPECT_LT(::open(pipePath().c_str(), O_WRONLY | O_NONBLOCK), 0);
-    EXPECT_EQ(errno, ENXIO);
-    ::close(writer);
+    EXPECT_TRUE(m_pipe.isUnread());
 }
 
 }  // namespace

@@ -68,3 +68,10 @@ TEST(TimeReference, PrintsWithoutBlanks) {
 TEST(TimeReference, PrintsTheCountsAsSignedNumbers) {
     EXPECT_EQ(printed(TimeReference(4294967295U, 2147483648U, -1)), "(-1,-2147483648,-1)");
 }
+
+/// A moment belongs to the cycle of its counts, which the tables keep as signed 32-bit numbers.
+TEST(TimeReference, BelongsToTheCycleOfItsCounts) {
+    EXPECT_EQ(TimeReference(12, 3, 456789).cycle(), Cycle(12, 3));
+    EXPECT_EQ(TimeReference(4294967295U, 2147483648U, 0).cycle().bootCount, -1);
+    EXPECT_EQ(TimeReference(4294967295U, 2147483648U, 0).cycle().standbyCount, INT32_MIN);
+}

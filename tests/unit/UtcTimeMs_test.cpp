@@ -47,3 +47,13 @@ TEST(UtcTimeMs, StaysEmptyWhenTheSecondsCannotBeWritten) {
     EXPECT_EQ(capture.errWithoutPrefixes(),
               "UtcTime: Conversion of time 1551953702 to string failed\n");
 }
+
+/// The distance of two times is the same from both, and right for numbers of any size.
+TEST(UtcTimeMs, TellsTheDistanceToAnotherTime) {
+    EXPECT_EQ(UtcTimeMs(1551953702347).distanceTo(1551953702000), 347U);
+    EXPECT_EQ(UtcTimeMs(1551953702000).distanceTo(1551953702347), 347U);
+    EXPECT_EQ(UtcTimeMs(-5).distanceTo(5), 10U);
+    EXPECT_EQ(UtcTimeMs(7).distanceTo(7), 0U);
+    EXPECT_EQ(UtcTimeMs(INT64_MIN).distanceTo(INT64_MAX), UINT64_MAX);
+    EXPECT_EQ(UtcTimeMs(INT64_MAX).distanceTo(INT64_MIN), UINT64_MAX);
+}

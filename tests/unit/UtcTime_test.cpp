@@ -150,7 +150,7 @@ TEST(UtcTime, RefusesTextThatIsNoTime) {
 }
 
 /// The whole text must be consumed, a zero character included.
-TEST(UtcTime, RefusesTextBehindAZeroCharacter) {
+TEST(UtcTime, RefusesTextAfterAZeroCharacter) {
     const ZoneScope zone("UTC");
     const std::string text = std::string("Thu, 07 Mar 2019 10:15:02 GMT") + '\0' + "x";
     const Parsed parsed(text);

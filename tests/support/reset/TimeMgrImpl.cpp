@@ -3,7 +3,5 @@
 
 static const KivTest::Reset resetTimeManager([] {
     TimeMgrImpl::SetVerbose(false);
-    TimeMgrImplPeer::setPipePath(TimeMgrImplPeer::productPipe);
-    TimeMgrImplPeer::forgetSystemTime();
     TimeMgrImplPeer::forgetExpectedDBPath();
 });

@@ -1,0 +1,4 @@
+#include "support/AppClockPeer.h"
+#include "support/KivTest.h"
+
+static const KivTest::Reset resetApplicationClock([] { AppClockPeer::forget(); });
