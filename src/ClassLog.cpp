@@ -10,24 +10,39 @@ namespace {
 
 constexpr std::size_t kMostForeignCharacters = 256;
 
-bool isContinuation(char byte) {
-    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+/// The well-formed characters of UTF-8 beyond ASCII (RFC 3629), by the ranges of their first two
+/// bytes; the bytes after them are 0x80 to 0xBF.
+struct Utf8Form {
+    unsigned char firstLow, firstHigh, secondLow, secondHigh;
+    std::size_t length;
+};
+constexpr Utf8Form kUtf8Forms[] = {
+    {0xC2, 0xDF, 0x80, 0xBF, 2}, {0xE0, 0xE0, 0xA0, 0xBF, 3}, {0xE1, 0xEC, 0x80, 0xBF, 3},
+    {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3}, {0xF0, 0xF0, 0x90, 0xBF, 4},
+    {0xF1, 0xF3, 0x80, 0xBF, 4}, {0xF4, 0xF4, 0x80, 0x8F, 4},
+};
+
+bool isWithin(char byte, unsigned char low, unsigned char high) {
+    const auto value = static_cast<unsigned char>(byte);
+    return value >= low && value <= high;
 }
 
-/// How many bytes the UTF-8 character (RFC 3629) at `at` has; 0 when none begins there. Longer
-/// forms than needed, surrogates and numbers beyond U+10FFFF are none.
+bool stands(const Utf8Form& form, const std::string& text, std::size_t at) {
+    if (at + form.length > text.size()) return false;
+    if (!isWithin(text[at + 1], form.secondLow, form.secondHigh)) return false;
+    return std::all_of(text.begin() + static_cast<std::ptrdiff_t>(at + 2),
+                       text.begin() + static_cast<std::ptrdiff_t>(at + form.length),
+                       [](char byte) { return isWithin(byte, 0x80, 0xBF); });
+}
+
+/// How many bytes the character at `at` has; 0 when none begins there.
 std::size_t lengthOfCharacter(const std::string& text, std::size_t at) {
-    const auto first = static_cast<unsigned char>(text[at]);
-    if (first < 0x80) return 1;
-    const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || at + length > text.size()) return 0;
-    for (std::size_t i = 1; i < length; ++i) {
-        if (!isContinuation(text[at + i])) return 0;
+    if (isWithin(text[at], 0, 0x7F)) return 1;
+    for (const Utf8Form& form : kUtf8Forms) {
+        if (!isWithin(text[at], form.firstLow, form.firstHigh)) continue;
+        return stands(form, text, at) ? form.length : 0;
     }
-    const auto second = static_cast<unsigned char>(text[at + 1]);
-    const bool refused = (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F) ||
-                         (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
-    return refused ? 0 : length;
+    return 0;
 }
 
 bool isPlain(unsigned char byte) {
