@@ -20,6 +20,8 @@ from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import ec
 from cryptography.x509.oid import ExtendedKeyUsageOID, NameOID
 
+from actions import CERTIFICATES
+
 # One blank between the words and small letters only: the form that is hashed.
 CA_NAME = "kivapp local cloud ca"
 OTHER_CA_NAME = "kivapp local cloud untrusted ca"
@@ -28,8 +30,9 @@ OTHER_CA_NAME = "kivapp local cloud untrusted ca"
 VALID_FROM = datetime.datetime(2000, 1, 1)
 VALID_UNTIL = datetime.datetime(2049, 12, 31)
 LONG_AGO = datetime.datetime(2001, 1, 1)
+FAR_AHEAD = datetime.datetime(2045, 1, 1)
 
-KINDS = ("good", "untrusted", "expired", "other-host")
+KINDS = ("good",) + CERTIFICATES
 
 
 class Certificates:
@@ -66,6 +69,7 @@ class Certificates:
         self._write(self._pem("untrusted"), other.server_pem())
         self._write(self._pem("expired"), ca.server_pem(until=LONG_AGO))
         self._write(self._pem("other-host"), ca.server_pem(["other.example"]))
+        self._write(self._pem("too-new"), ca.server_pem(since=FAR_AHEAD))
         certificate = ca.certificate.public_bytes(serialization.Encoding.PEM)
         self._write(self.ca_file, certificate, 0o644)
         hashed = os.path.join(self.directory, name_hash(ca.certificate.subject) + ".0")
@@ -90,17 +94,17 @@ class _Authority:
             encipher_only=False, decipher_only=False,
         )
         self.certificate = (
-            _builder(self.name, self.name, self.key.public_key(), VALID_UNTIL)
+            _builder(self.name, self.name, self.key.public_key(), VALID_FROM, VALID_UNTIL)
             .add_extension(x509.BasicConstraints(ca=True, path_length=0), critical=True)
             .add_extension(usage, critical=True)
             .sign(self.key, hashes.SHA256())
         )
 
-    def server_pem(self, names=("localhost", "127.0.0.1"), until=VALID_UNTIL):
+    def server_pem(self, names=("localhost", "127.0.0.1"), since=VALID_FROM, until=VALID_UNTIL):
         key = ec.generate_private_key(ec.SECP256R1())
         authority = x509.AuthorityKeyIdentifier.from_issuer_public_key(self.key.public_key())
         certificate = (
-            _builder(_common_name(names[0]), self.name, key.public_key(), until)
+            _builder(_common_name(names[0]), self.name, key.public_key(), since, until)
             .add_extension(x509.BasicConstraints(ca=False, path_length=None), critical=True)
             .add_extension(x509.ExtendedKeyUsage([ExtendedKeyUsageOID.SERVER_AUTH]), critical=False)
             .add_extension(
@@ -113,7 +117,7 @@ class _Authority:
         return _key_pem(key) + certificate.public_bytes(serialization.Encoding.PEM)
 
 
-def _builder(subject, issuer, public_key, until):
+def _builder(subject, issuer, public_key, since, until):
     identifier = x509.SubjectKeyIdentifier.from_public_key(public_key)
     return (
         x509.CertificateBuilder()
@@ -121,7 +125,7 @@ def _builder(subject, issuer, public_key, until):
         .issuer_name(issuer)
         .public_key(public_key)
         .serial_number(x509.random_serial_number())
-        .not_valid_before(VALID_FROM)
+        .not_valid_before(since)
         .not_valid_after(until)
         .add_extension(identifier, critical=False)
     )

@@ -52,6 +52,7 @@ class Services:
             geolocation = urlsplit(document["geolocation-url"])
             self.http_port = geolocation.port or 80
             self.geo_path = geolocation.path
+            self.ports = _secure_ports(document)
             place = document["fallback-location"]
             self.location = {
                 "ip": place["ip"],
@@ -64,6 +65,20 @@ class Services:
             raise ServicesFileError("%s: %s" % (path, error))
         except (KeyError, TypeError, AttributeError) as error:
             raise ServicesFileError("%s: missing or misplaced: %s" % (path, error))
+
+
+def _secure_ports(document):
+    """{HTTPS port: its target, where one kind of service alone has it, else None}"""
+    users = {}
+    for members in document["environments"].values():
+        for target, name in (("config", "config-url"), ("tou", "tou-url"),
+                             ("time", "web-time-url")):
+            users.setdefault(urlsplit(members[name]).port or 443, set()).add(target)
+    for target in ("firehose", "s3"):
+        url = urlsplit(document.get(target + "-endpoint", ""))
+        if url.hostname in ("localhost", "127.0.0.1"):
+            users.setdefault(url.port or 443, set()).add(target)
+    return {port: min(targets) if len(targets) == 1 else None for port, targets in users.items()}
 
 
 def _environment(members):
@@ -89,6 +104,7 @@ class Gateway:
         self._services = services
         self._scenario = scenario
         self.endpoint = ""  # https://localhost:PORT, once the port is known
+        self.own_endpoints = {}  # target: the same, where the services file gives it a port
 
     def find(self, path):
         """(target, environment name) of a path of the product's services, else None."""
@@ -117,23 +133,25 @@ class Gateway:
         device = request.path[len(environment.config_path) :]
         if not device or "/" in device:
             return refused({"errorMessage": "Invalid device id"}, "device id")
-        document = self.config_document(environment)
+        accepted = int(request.header("X-currentTou")) >= 1
+        document = self.config_document(environment, accepted)
         return json_answer(self._scenario.config_document(document, device))
 
     def _terms_of_use(self):
         return {"version": 1, "url": self.endpoint + "/terms-of-use/1", "mandatory": False}
 
-    def config_document(self, environment):
+    def config_document(self, environment, accepted=True):
+        """The document for a device whose user has accepted a version of the terms of use."""
         return {
             "version": "1.0",
-            "kiv_tou": True,
+            "kiv_tou": accepted,
             "expiry_tou": 600,
             "event-filter": {},
             "file-filter": {},
             "upload_events": {"max-delay": 3500, "max-size": 131072, "min-size": 16384},
-            "firehose_endpoint": self.endpoint,
+            "firehose_endpoint": self.own_endpoints.get("firehose", self.endpoint),
             "firehose_stream": "kiv-eventsrc-stream-test",
-            "s3_endpoint": self.endpoint,
+            "s3_endpoint": self.own_endpoints.get("s3", self.endpoint),
             "s3_bucket": "norvane-ddump/kiv-test",
             "credentials": self._credentials(environment.storage_key),
         }

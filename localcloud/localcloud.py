@@ -13,10 +13,12 @@ import signal
 import sys
 import threading
 
+from actions import ControlError
 from certificates import Certificates
 from configuration import Services, ServicesFileError
-from scenario import ControlError, Scenario
-from server import HttpServer, HttpsServer, LocalCloud
+from requestlog import RequestLog
+from scenario import Scenario
+from server import LocalCloud
 from store import Store
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -58,42 +60,41 @@ def told_scenario(path):
 
 
 def listen(options):
-    """Both listeners, bound to their ports."""
+    """(the local cloud, its listeners, bound to their ports)"""
     state = os.path.abspath(options.state)
     services = Services(options.services)
     scenario = told_scenario(options.scenario)
     store = Store(state)
-    cloud = LocalCloud(services, scenario, store, Certificates(state), options.verbose)
-    ports = [
+    requests = RequestLog(state, scenario.now)
+    cloud = LocalCloud(services, scenario, store, requests, Certificates(state), options.verbose)
+    servers = cloud.listen(
         services.https_port if options.https_port is None else options.https_port,
         services.http_port if options.http_port is None else options.http_port,
-    ]
-    https = HttpsServer(ports[0], cloud)
-    plain = HttpServer(ports[1], cloud)
-    cloud.gateway.endpoint = "https://localhost:%d" % https.port
-    return https, plain
+    )
+    return cloud, servers
 
 
 def main():
     options = parse_arguments()
     try:
-        https, plain = listen(options)
+        cloud, servers = listen(options)
     except (OSError, ValueError, ServicesFileError, ControlError) as error:
         print("localcloud: %s" % error, file=sys.stderr)
         return 1
     stop = threading.Event()
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: stop.set())
-    for server in (https, plain):
+    for server in servers:
         threading.Thread(target=server.serve_forever, args=(0.1,), daemon=True).start()
     print(
         "ready https=%d http=%d control=http://127.0.0.1:%d/control ca=%s"
-        % (https.port, plain.port, plain.port, https.cloud.certificates.ca_file),
+        % (cloud.ports["https"], cloud.ports["http"], cloud.ports["http"],
+           cloud.certificates.ca_file),
         flush=True,
     )
     stop.wait()
-    https.server_close()
-    plain.server_close()
+    for server in servers:
+        server.server_close()
     return 0
 
 

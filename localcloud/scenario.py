@@ -10,37 +10,10 @@ import threading
 import time
 from dataclasses import asdict, dataclass
 
-TARGETS = ("config", "tou", "time", "geo", "firehose", "s3", "https")
-
-_DOCUMENTS = ("config", "tou", "time", "geo")
-_REQUESTS = _DOCUMENTS + ("firehose", "s3")
-
-_NUMBER = (int, float)
-_CERTIFICATES = ("untrusted", "expired", "other-host")
-
-# action: (targets, {option: types or the possible values})
-ACTIONS = {
-    "refuse": (_REQUESTS, {"code": str, "message": str, "status": int}),
-    "server-error": (_REQUESTS, {"status": int}),
-    "error-answer": (_DOCUMENTS, {"message": str, "status": int}),
-    "not-json": (_REQUESTS, {"body": str}),
-    "answer": (_REQUESTS, {"status": int, "body": str, "content-type": str}),
-    "expired": (("config",), {}),
-    "huge": (_REQUESTS, {"part": ("body", "headers"), "bytes": int, "length": bool}),
-    "date": (_REQUESTS, {"value": (str, type(None)), "offset": _NUMBER}),
-    "hang": (TARGETS, {"after": int, "processed": bool}),
-    "drip": (_REQUESTS, {"delay": _NUMBER}),
-    "cut": (_REQUESTS, {"after": int}),
-    "reset": (TARGETS, {"processed": bool}),
-    "certificate": (("https",), {"kind": _CERTIFICATES}),
-}
+from actions import TARGETS, checked_misbehave, checked_object, require
 
 DEFAULT_STREAMS = ("kiv-eventsrc-stream-test",)
 DEFAULT_BUCKETS = ("norvane-ddump",)
-
-
-class ControlError(Exception):
-    """A control document that cannot be followed; the text says why."""
 
 
 @dataclass
@@ -110,15 +83,28 @@ class Scenario:
     def take(self, target):
         """The misbehaviour of the next request to the target, None when it behaves."""
         with self._lock:
-            waiting = self._misbehaviours[target]
-            if not waiting:
-                return None
-            first = waiting[0]
-            if "count" in first:
-                first["count"] -= 1
-                if first["count"] == 0:
-                    waiting.pop(0)
-            return dict(first)
+            return self._take(target, target == "https")
+
+    def take_connection(self, target):
+        """The misbehaviour of the next connection to an HTTPS port, which is the target's own
+        or (None) everybody's."""
+        with self._lock:
+            own = self._take(target, True) if target else None
+            return own or self._take("https", True)
+
+    def _take(self, target, connection):
+        """Connections take what is told to "https", and certificates; requests all else."""
+        waiting = self._misbehaviours[target]
+        if not waiting:
+            return None
+        first = waiting[0]
+        if connection != (target == "https" or first["action"] == "certificate"):
+            return None
+        if "count" in first:
+            first["count"] -= 1
+            if first["count"] == 0:
+                waiting.pop(0)
+        return dict(first)
 
     def generation(self, target):
         """Changes whenever the target is told something new: a hanging answer then ends."""
@@ -179,22 +165,22 @@ class _Checked:
     )
 
     def __init__(self, document):
-        _require(isinstance(document, dict), "the control document is not a JSON object")
+        require(isinstance(document, dict), "the control document is not a JSON object")
         document = copy.deepcopy(document)
         for name in document:
-            _require(name in self.MEMBERS, 'unknown member "%s"' % name)
+            require(name in self.MEMBERS, 'unknown member "%s"' % name)
         self.clear = document.get("clear", False)
-        _require(isinstance(self.clear, bool), '"clear" is not true or false')
-        self.misbehave = _checked_misbehave(document.get("misbehave", {}))
+        require(isinstance(self.clear, bool), '"clear" is not true or false')
+        self.misbehave = checked_misbehave(document.get("misbehave", {}))
         self.clear_config = document.get("config", {}) is None
         self.config = self._checked_config(document.get("config") or {})
         self.patches = {
-            name: _object(document[name] or {}, name)
+            name: checked_object(document[name] or {}, name)
             for name in ("tou", "geo")
             if name in document
         }
         self.clock_offset = document.get("clock-offset")
-        _require(
+        require(
             self.clock_offset is None or _is_number(self.clock_offset),
             '"clock-offset" is not a number of seconds',
         )
@@ -204,9 +190,9 @@ class _Checked:
 
     @staticmethod
     def _checked_config(patches):
-        for key, patch in _object(patches, "config").items():
+        for key, patch in checked_object(patches, "config").items():
             if patch is not None:
-                _object(patch, "config/%s" % key)
+                checked_object(patch, "config/%s" % key)
         return patches
 
     @staticmethod
@@ -214,11 +200,11 @@ class _Checked:
         if "credentials" not in document:
             return None
         credentials = Credentials()
-        for name, value in _object(document["credentials"] or {}, "credentials").items():
+        for name, value in checked_object(document["credentials"] or {}, "credentials").items():
             member = name.replace("-", "_")
-            _require(hasattr(credentials, member), 'unknown member "credentials/%s"' % name)
+            require(hasattr(credentials, member), 'unknown member "credentials/%s"' % name)
             kind = type(getattr(credentials, member))
-            _require(type(value) is kind, '"credentials/%s" is no %s' % (name, kind.__name__))
+            require(type(value) is kind, '"credentials/%s" is no %s' % (name, kind.__name__))
             setattr(credentials, member, value)
         return credentials
 
@@ -228,70 +214,12 @@ class _Checked:
             return None
         names = document[member] or []
         good = isinstance(names, list) and all(isinstance(name, str) and name for name in names)
-        _require(good, '"%s" is not an array of names' % member)
+        require(good, '"%s" is not an array of names' % member)
         return names
 
 
-def _checked_misbehave(by_target):
-    if by_target is None:
-        return {target: [] for target in TARGETS}
-    checked = {}
-    for target, actions in _object(by_target, "misbehave").items():
-        _require(target in TARGETS, 'unknown target "%s", known: %s' % (target, ", ".join(TARGETS)))
-        if actions is None:
-            actions = []
-        if not isinstance(actions, list):
-            actions = [actions]
-        for action in actions:
-            _check_action(target, _object(action, "misbehave/" + target))
-        checked[target] = actions
-    return checked
-
-
-def _check_action(target, told):
-    name = told.get("action")
-    _require(
-        isinstance(name, str) and name in ACTIONS,
-        'misbehave/%s: unknown action %r, known: %s' % (target, name, ", ".join(ACTIONS)),
-    )
-    targets, options = ACTIONS[name]
-    where = 'misbehave/%s "%s"' % (target, name)
-    _require(target in targets, "%s: only for %s" % (where, ", ".join(targets)))
-    for option, value in told.items():
-        if option == "action":
-            continue
-        if option == "count":
-            _require(type(value) is int and value > 0, where + ": count is not 1 or more")
-            continue
-        known = option in options and (target != "https" or option == "kind")
-        _require(known, "%s: unknown option %r" % (where, option))
-        _check_option("%s: %s" % (where, option), value, options[option])
-
-
-def _check_option(where, value, possible):
-    if isinstance(possible, tuple) and isinstance(possible[0], str):
-        _require(value in possible, "%s is not one of %s" % (where, ", ".join(possible)))
-        return
-    good = isinstance(value, possible) and (possible is bool or not isinstance(value, bool))
-    _require(good, "%s has a wrong type" % where)
-    if where.endswith(": status"):
-        _require(100 <= value <= 999, "%s is not 100 ... 999" % where)
-    elif _is_number(value) and not where.endswith(": offset"):
-        _require(value >= 0, "%s is negative" % where)
-
-
 def _is_number(value):
-    return isinstance(value, _NUMBER) and not isinstance(value, bool)
-
-
-def _object(value, where):
-    _require(isinstance(value, dict), '"%s" is not an object' % where)
-    return value
-
-
-def _require(condition, text):
-    if not condition:
-        raise ControlError(text)
+    return isinstance(value, (int, float)) and not isinstance(value, bool)
 
 
 def merged(document, patch):

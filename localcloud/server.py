@@ -1,53 +1,75 @@
-"""The two listeners, the way of a request through them, and misbehaviour on the wire."""
+"""The two kinds of listeners, and the way of a request through them."""
 
-import email.utils
 import http.server
 import json
-import select
-import socket
 import socketserver
 import ssl
-import struct
 import sys
 import time
+import urllib.parse
 
-from answer import Answer, Request, json_answer
+from actions import SECURE, ControlError
+from answer import Request, json_answer
 from awsservices import S3, Firehose
 from configuration import Gateway, Geolocation
-from scenario import ControlError
+from delivery import Delivery, reset, wait_until_told
+from misbehaviour import StandIn, portal_page
 
 MAX_BODY = 256 * 1024 * 1024
 IDLE_TIMEOUT = 60  # seconds without a byte from the client
-HUGE_BODY = 1024 * 1024 + 4096
-HUGE_HEADERS = 72 * 1024
-NOT_JSON = '{"kiv_tou": tru'
-HTML = b"<html><head><title>Error</title></head><body><h1>Something went wrong</h1></body></html>\n"
+PORTAL_PATH = "/portal"
+NOT_FOUND = "POST /control, GET /control/state or GET /control/requests?since=NUMBER"
 
 
 class LocalCloud:
     """Everything that the listeners share."""
 
-    def __init__(self, services, scenario, store, certificates, verbose=False):
+    def __init__(self, services, scenario, store, requests, certificates, verbose=False):
         self.services = services
         self.scenario = scenario
         self.store = store
+        self.requests = requests
         self.certificates = certificates
         self.verbose = verbose
         self.gateway = Gateway(services, scenario)
         self.geolocation = Geolocation(services, scenario)
         self.firehose = Firehose(store, scenario)
         self.s3 = S3(store, scenario)
+        self.stand_in = StandIn(self.firehose, self.s3)
+        self.ports = {}  # "https", "http", target: port
 
-    def log(self, entry):
-        self.store.log_request(entry)
+    def listen(self, https_port, http_port):
+        """All listeners, bound to their ports; the main HTTPS one and the plain one first."""
+        named = self.services.ports
+        https = HttpsServer(https_port, self, named[self.services.https_port])
+        plain = HttpServer(http_port, self)
+        self.gateway.endpoint = "https://localhost:%d" % https.port
+        self.stand_in.portal_url = "http://127.0.0.1:%d%s" % (plain.port, PORTAL_PATH)
+        self.ports = {"https": https.port, "http": plain.port}
+        further = [HttpsServer(port, self, target) for port, target in sorted(named.items())
+                   if port != self.services.https_port]
+        self.gateway.own_endpoints = {
+            server.target: "https://localhost:%d" % server.port for server in further}
+        having = {server.target for server in [https] + further}
+        further += [HttpsServer(0, self, target) for target in SECURE if target not in having]
+        for server in [https] + further:
+            if server.target:
+                self.ports.setdefault(server.target, server.port)
+        return [https, plain] + further
+
+    def log(self, entry, arrived):
+        """Adds to the request log; returns what its `ended` asks for."""
         if self.verbose:
             print("{method} {target} {path} {status} {verdict}".format(**entry), flush=True)
+        return self.requests.arrived(entry, arrived)
 
     def service_of(self, request, secure):
         """(target, environment name or None, function that answers) of a request."""
         if not secure:
             if request.path == self.services.geo_path:
                 return "geo", None, self.geolocation.answer
+            if request.path == PORTAL_PATH:
+                return "", None, portal_page
             return "", None, lambda: json_answer({"error": "Not found"}, 404, "refused: path")
         found = self.gateway.find(request.path)
         if found:
@@ -57,58 +79,26 @@ class LocalCloud:
         return "s3", None, lambda: self.s3.answer(request)
 
     def control(self, request):
-        """The answer to a request to /control or /control/state."""
-        if request.method == "POST" and request.path == "/control":
+        """The answer to a request to /control, /control/state or /control/requests."""
+        asked = (request.method, request.path)
+        if asked == ("POST", "/control"):
             try:
                 self.scenario.apply(json.loads(request.body))
             except (ValueError, RecursionError, ControlError) as error:
                 return json_answer({"error": str(error)}, 400)
-        elif request.method != "GET" or request.path != "/control/state":
-            return json_answer({"error": "POST /control or GET /control/state"}, 404)
-        return json_answer({**self.scenario.state(), "counts": self.store.counts()})
+        elif asked == ("GET", "/control/requests"):
+            return self._requests_since(request)
+        elif asked != ("GET", "/control/state"):
+            return json_answer({"error": NOT_FOUND}, 404)
+        counts = {"requests": self.requests.count(), **self.store.counts()}
+        return json_answer({**self.scenario.state(), "counts": counts, "ports": self.ports})
 
-    def misbehaved_answer(self, told, target):
-        """The answer that stands in for the service's own, None where it answers itself."""
-        action = told["action"]
-        if action == "refuse":
-            return self._refusal(told, target)
-        if action == "server-error":
-            return Answer(told.get("status", 500), HTML, "text/html")
-        if action == "error-answer":
-            document = {"errorMessage": told.get("message", "The local cloud was told to fail")}
-            return json_answer(document, told.get("status", 200))
-        if action == "not-json":
-            return Answer(200, told.get("body", NOT_JSON).encode())
-        if action == "answer":
-            kind = told.get("content-type", "application/json")
-            return Answer(told.get("status", 200), told.get("body", "").encode(), kind)
-        if action == "huge":
-            return _huge(told)
-        if action in ("hang", "reset") and not told.get("processed") and not told.get("after"):
-            return Answer(200)  # is not sent; the service does not see the request
-        return None
-
-    def _refusal(self, told, target):
-        options = {name: told.get(name) for name in ("code", "status", "message")}
-        if target in ("firehose", "s3"):
-            service = self.firehose if target == "firehose" else self.s3
-            return service.error_answer(service.refusal(**options))
-        document = {"message": options["message"] or "Forbidden"}
-        return json_answer(document, options["status"] or 403)
-
-
-def _huge(told):
-    if told.get("part") == "headers":
-        left = told.get("bytes", HUGE_HEADERS)
-        lines = [("X-Padding", "x" * size) for size in _pieces(left, 8000)]
-        return Answer(200, b"{}", headers=lines)
-    return Answer(200, b'{"padding": "' + b"x" * told.get("bytes", HUGE_BODY) + b'"}')
-
-
-def _pieces(total, size):
-    while total > 0:
-        yield min(size, total)
-        total -= size
+    def _requests_since(self, request):
+        query = urllib.parse.parse_qs(request.target.partition("?")[2], keep_blank_values=True)
+        numbers = query.pop("since", ["0"])
+        if query or len(numbers) > 1 or not (numbers[0].isascii() and numbers[0].isdigit()):
+            return json_answer({"error": "since=NUMBER, a request's number"}, 400)
+        return json_answer(self.requests.since(int(numbers[0][:15])))
 
 
 # --- listeners ----------------------------------------------------------------
@@ -141,20 +131,30 @@ class HttpServer(http.server.ThreadingHTTPServer):
 
 
 class HttpsServer(HttpServer):
+    """An HTTPS port: everybody's, or one target's own, whose certificates it then shows."""
+
     secure = True
+
+    def __init__(self, port, cloud, target=None):
+        super().__init__(port, cloud)
+        self.target = target
 
     def finish_request(self, request, client_address):
         """Runs on the connection's own thread: a slow handshake holds nobody else up."""
+        arrived = time.monotonic()
         request.settimeout(IDLE_TIMEOUT)
-        told = self.cloud.scenario.take("https") or {}
+        scenario = self.cloud.scenario
+        generation = scenario.generation("https")
+        told = scenario.take_connection(self.target) or {}
         action = told.get("action")
         if action == "hang":
-            self._log(told, "misbehaved: hang")
-            wait_until_told(self.cloud.scenario, "https", request)
+            logged = self._log(told, "misbehaved: hang", arrived)
+            wait_until_told(scenario, "https", request, generation)
+            self.cloud.requests.ended(logged, 0, 0)
             return
         if action == "reset":
-            self._log(told, "misbehaved: reset")
             reset(request)
+            self._refused(told, "misbehaved: reset", arrived)
             return
         kind = told.get("kind", "untrusted") if action == "certificate" else "good"
         try:
@@ -162,45 +162,64 @@ class HttpsServer(HttpServer):
                 request, server_side=True
             )
         except (OSError, ValueError) as error:
-            self._log(told, "handshake failed: %s" % error)
+            self._refused(told, "handshake failed: %s" % error, arrived)
             return
         try:
             super().finish_request(connection, client_address)
         finally:
             connection.close()
 
-    def _log(self, told, verdict):
+    def _refused(self, told, verdict, arrived):
+        self.cloud.requests.ended(self._log(told, verdict, arrived), 0, 0)
+
+    def _log(self, told, verdict, arrived):
         entry = {"target": "https", "method": "-", "path": "-", "status": None,
                  "verdict": verdict}
+        if self.target:
+            entry["port-of"] = self.target
         if told:
             entry["misbehaviour"] = told
-        self.cloud.log(entry)
-
-
-def reset(connection):
-    """Ends a connection with a reset instead of an orderly end."""
-    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    connection.close()
-
-
-def wait_until_told(scenario, target, connection):
-    """Waits until the target is told something new or the client has gone."""
-    generation = scenario.generation(target)
-    while scenario.generation(target) == generation:
-        # Bytes that wait (after the request, at a handshake) are left there: only the end counts.
-        poll = select.poll()
-        poll.register(connection, select.POLLRDHUP | select.POLLHUP | select.POLLERR)
-        if poll.poll(50):
-            return
+        return self.cloud.log(entry, arrived)
 
 
 # --- one connection -----------------------------------------------------------
+
+
+class CountedReader:
+    """What a connection's requests are read from; knows how many bytes that were."""
+
+    def __init__(self, file):
+        self._file = file
+        self.count = 0
+
+    def _counted(self, data):
+        self.count += len(data)
+        return data
+
+    def readline(self, *limit):
+        return self._counted(self._file.readline(*limit))
+
+    def read(self, *size):
+        return self._counted(self._file.read(*size))
+
+    def close(self):
+        self._file.close()
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     timeout = IDLE_TIMEOUT
     disable_nagle_algorithm = True
+
+    def setup(self):
+        super().setup()
+        self.rfile = CountedReader(self.rfile)
+        self._counted = 0  # bytes of the requests before
+
+    def parse_request(self):
+        """Called when a request's first line has arrived."""
+        self._arrived = time.monotonic()
+        return super().parse_request()
 
     def log_message(self, *_):
         """The request log says it all."""
@@ -211,16 +230,23 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return
         cloud = self.server.cloud
         if not self.server.secure and request.path.partition("/control")[0] == "":
+            self._counted = self.rfile.count
             self._send(cloud.control(request))
             return
         target, environment, answer = cloud.service_of(request, self.server.secure)
+        delivery = Delivery(self, cloud.scenario, target)
         told = cloud.scenario.take(target) if target else None
         if told is None:
             good = answer()
-            self._log(request, target, environment, good.status, good.verdict)
-            self._send(good)
+            logged = self._log(request, target, environment, good.status, good.verdict)
+            self._finish(delivery, logged, lambda: delivery.send(good))
             return
-        self._misbehave(told, request, target, environment, answer)
+        action = told["action"]
+        stand_in = cloud.stand_in
+        changed = stand_in.instead(told, target) or stand_in.changed(told, answer())
+        status = None if action in ("reset", "hang") else changed.status
+        logged = self._log(request, target, environment, status, "misbehaved: " + action, told)
+        self._finish(delivery, logged, lambda: delivery.misbehave(told, changed))
 
     do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_PATCH = do_OPTIONS = dispatch
 
@@ -245,9 +271,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def _give_up(self, status, why):
         self.close_connection = True
-        self._log(Request(self.command, self.path, self.headers.items(), b""), "",
-                  None, status, "refused: " + why)
-        self._send(json_answer({"error": why}, status))
+        request = Request(self.command, self.path, self.headers.items(), b"")
+        logged = self._log(request, "", None, status, "refused: " + why)
+        delivery = Delivery(self, self.server.cloud.scenario, "")
+        self._finish(delivery, logged, lambda: delivery.send(json_answer({"error": why}, status)))
 
     def _log(self, request, target, environment, status, verdict, told=None):
         headers = {}
@@ -260,107 +287,19 @@ class Handler(http.server.BaseHTTPRequestHandler):
             entry["environment"] = environment
         if told:
             entry["misbehaviour"] = told
-        self.server.cloud.log(entry)
+        return self.server.cloud.log(entry, self._arrived)
 
-    # --- misbehaviour ---
-
-    def _misbehave(self, told, request, target, environment, good_answer):
-        cloud = self.server.cloud
-        action = told["action"]
-        answer = cloud.misbehaved_answer(told, target) or good_answer()
-        if action == "expired" and answer.status == 200:
-            answer.body = json.dumps({**json.loads(answer.body), "expiry_tou": 0}).encode()
-        sent = None if action == "reset" or action == "hang" else answer.status
-        self._log(request, target, environment, sent, "misbehaved: " + action, told)
-        if action == "hang":
-            self._hang(answer, told, target)
-        elif action == "drip":
-            self._drip(answer, told, target)
-        elif action == "cut":
-            self._cut(answer, told)
-        elif action == "reset":
-            self._close_hard()
-        elif action == "date":
-            self._send(answer, date=self._told_date(told))
-        else:
-            self._send(answer, chunked=told.get("length") is False)
-
-    def _hang(self, answer, told, target):
-        self.close_connection = True
-        if told.get("after"):
-            self._write(self._head(answer) + answer.body[: told["after"]])
-        wait_until_told(self.server.cloud.scenario, target, self.connection)
-
-    def _drip(self, answer, told, target):
-        """The body byte by byte; the head, where there is no body."""
-        self.close_connection = True
-        slow = answer.body or self._head(answer)
-        if answer.body:
-            self._write(self._head(answer))
-        scenario = self.server.cloud.scenario
-        generation = scenario.generation(target)
-        for place in range(len(slow)):
-            if place:
-                time.sleep(told.get("delay", 0.5))
-            if scenario.generation(target) != generation:
-                return
-            self._write(slow[place : place + 1])
-
-    def _cut(self, answer, told):
-        """A part of the body, half of it when not told; of the head, where there is no body."""
-        self.close_connection = True
-        if answer.body:
-            after = told.get("after", len(answer.body) // 2)
-            self._write(self._head(answer) + answer.body[:after])
-        else:
-            head = self._head(answer)
-            self._write(head[: told.get("after", len(head) // 2)])
-
-    def _close_hard(self):
-        self.close_connection = True
-        self.rfile.close()  # holds the descriptor open, else
-        reset(self.connection)
-
-    def _told_date(self, told):
-        """The text of the Date header, None for no header."""
-        if "value" in told:
-            return told["value"]
-        return _http_date(self.server.cloud.scenario.now() + told.get("offset", 0))
-
-    # --- writing ---
-
-    def _send(self, answer, chunked=False, date=""):
-        head = self._head(answer, chunked, date)
-        if self.command == "HEAD":
-            self._write(head)
-        elif chunked:
-            self._write(head + b"%x\r\n" % len(answer.body) + answer.body + b"\r\n0\r\n\r\n")
-        else:
-            self._write(head + answer.body)
-
-    def _head(self, answer, chunked=False, date=""):
-        if date == "":
-            date = _http_date(self.server.cloud.scenario.now())
-        headers = [] if date is None else [("Date", date)]
-        headers += answer.headers
-        if answer.content_type:
-            headers.append(("Content-Type", answer.content_type))
-        if chunked:
-            headers.append(("Transfer-Encoding", "chunked"))
-        else:
-            headers.append(("Content-Length", str(len(answer.body))))
-        if self.close_connection:
-            headers.append(("Connection", "close"))
-        lines = ["HTTP/1.1 %d %s" % (answer.status, answer.reason)]
-        lines += ["%s: %s" % header for header in headers]
-        return ("\r\n".join(lines) + "\r\n\r\n").encode("latin-1", "replace")
-
-    def _write(self, data):
+    def _finish(self, delivery, logged, send):
+        """Sends the answer and adds to the log how that went."""
+        bytes_in = self.rfile.count - self._counted
+        self._counted = self.rfile.count
         try:
-            self.wfile.write(data)
-        except (OSError, ValueError):
-            self.close_connection = True  # the client has gone
+            send()
+        finally:
+            self.close_connection = delivery.close
+            self.server.cloud.requests.ended(logged, bytes_in, delivery.sent)
 
-
-def _http_date(seconds):
-    return email.utils.formatdate(seconds, usegmt=True)
+    def _send(self, answer):
+        delivery = Delivery(self, self.server.cloud.scenario, "")
+        delivery.send(answer)
+        self.close_connection = delivery.close

@@ -1,13 +1,13 @@
-"""The state directory: what was accepted, and a log of everything that was asked.
+"""The state directory: what was accepted.
 
-    requests.jsonl                    one line for each request, refused ones too
     records/<stream>/000001.json ...  the records of a stream, decoded, in order
     records/<stream>/index.jsonl      one line for each record
     objects/<bucket>/<key>            the objects
     objects/index.jsonl               one line for each object put
 
-Each line is written before the answer goes out, so that a client that has its
-answer finds its request.
+Every file is written whole beside its place and then renamed, so that a reader never
+meets a part of one; an index as well, after what its new line speaks of. All is there
+before the answer goes out.
 """
 
 import datetime
@@ -25,23 +25,16 @@ class Store:
         self._state = state
         self._lock = threading.Lock()  # guards the files and what follows
         os.makedirs(state, exist_ok=True)
-        self._requests = self._count_lines(os.path.join(state, "requests.jsonl"))
+        self._incoming = self._path("incoming")
         self._last_record = {}  # directory: number of its newest record
+        self._indexes = {}  # path: the bytes of the index
         self._objects = {}  # (bucket, key): index entry
-        for entry in self._read_lines(self._path("objects", "index.jsonl")):
+        for line in self._index(self._path("objects", "index.jsonl")).splitlines():
+            entry = json.loads(line)
             self._objects[entry["bucket"], entry["key"]] = entry
 
     def _path(self, *parts):
         return os.path.join(self._state, *parts)
-
-    # --- requests ---
-
-    def log_request(self, entry):
-        """Adds a line, numbered and with the time."""
-        with self._lock:
-            self._requests += 1
-            line = {"number": self._requests, "time": _timestamp(), **entry}
-            self._add_line(self._path("requests.jsonl"), line)
 
     # --- records ---
 
@@ -56,10 +49,10 @@ class Store:
             self._last_record[directory] += 1
             number = self._last_record[directory]
             name = "%06d.json" % number
-            _write(os.path.join(directory, name), data)
+            self._write(os.path.join(directory, name), data)
             line = {"number": number, "time": _timestamp(), "file": name,
                     "bytes": len(data), "record-id": record_id}
-            self._add_line(os.path.join(directory, "index.jsonl"), line)
+            self._add_to_index(os.path.join(directory, "index.jsonl"), line)
         return record_id
 
     @staticmethod
@@ -74,7 +67,7 @@ class Store:
                  "content-type": content_type, "md5": hashlib.md5(data).hexdigest()}
         with self._lock:
             entry["file"] = self._write_object(bucket, key, data)
-            self._add_line(self._path("objects", "index.jsonl"), entry)
+            self._add_to_index(self._path("objects", "index.jsonl"), entry)
             self._objects[bucket, key] = entry
 
     def _write_object(self, bucket, key, data):
@@ -83,11 +76,11 @@ class Store:
         path = os.path.join(*segments)
         try:
             os.makedirs(os.path.dirname(self._path("objects", path)), exist_ok=True)
-            _write(self._path("objects", path), data)
+            self._write(self._path("objects", path), data)
         except (FileExistsError, NotADirectoryError, IsADirectoryError):
             # Keys may stand where others have their directory ("a" and "a/b"); files may not.
             path = os.path.join(segments[0], "%" + hashlib.sha256(key.encode()).hexdigest())
-            _write(self._path("objects", path), data)
+            self._write(self._path("objects", path), data)
         return path
 
     def get_object(self, bucket, key):
@@ -100,32 +93,36 @@ class Store:
                 return entry, file.read()
 
     def counts(self):
-        """What is there: requests, records of each stream, objects."""
+        """What is there: records of each stream, objects."""
         with self._lock:
             records = {}
             root = self._path("records")
             for stream in sorted(os.listdir(root)) if os.path.isdir(root) else []:
-                lines = self._count_lines(os.path.join(root, stream, "index.jsonl"))
+                lines = self._index(os.path.join(root, stream, "index.jsonl")).count(b"\n")
                 records[urllib.parse.unquote(stream)] = lines
-            return {"requests": self._requests, "records": records, "objects": len(self._objects)}
+            return {"records": records, "objects": len(self._objects)}
 
-    # --- lines of JSON ---
+    # --- whole files ---
 
-    @staticmethod
-    def _add_line(path, document):
-        with open(path, "a", encoding="utf-8") as file:
-            file.write(json.dumps(document) + "\n")
+    def _write(self, path, data):
+        with open(self._incoming, "wb") as file:
+            file.write(data)
+        os.replace(self._incoming, path)
 
-    @staticmethod
-    def _read_lines(path):
-        if not os.path.exists(path):
-            return []
-        with open(path, encoding="utf-8") as file:
-            return [json.loads(line) for line in file]
+    def _index(self, path):
+        """The lines of an index as they are on file."""
+        if path not in self._indexes:
+            try:
+                with open(path, "rb") as file:
+                    self._indexes[path] = bytearray(file.read())
+            except FileNotFoundError:
+                self._indexes[path] = bytearray()
+        return self._indexes[path]
 
-    @classmethod
-    def _count_lines(cls, path):
-        return len(cls._read_lines(path))
+    def _add_to_index(self, path, entry):
+        lines = self._index(path)
+        lines += json.dumps(entry).encode() + b"\n"
+        self._write(path, lines)
 
 
 def _timestamp():
@@ -141,8 +138,3 @@ def _file_name(segment):
     if len(name) > 200:
         return "%" + hashlib.sha256(segment.encode()).hexdigest()
     return name
-
-
-def _write(path, data):
-    with open(path, "wb") as file:
-        file.write(data)

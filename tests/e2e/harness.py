@@ -134,11 +134,19 @@ class Cloud:
 
     def requests(self, target=None, verdict=None):
         path = self.state / "requests.jsonl"
-        lines = path.read_text().splitlines() if path.exists() else []
-        entries = [json.loads(line) for line in lines]
+        lines = path.read_text().splitlines(keepends=True) if path.exists() else []
+        entries = [json.loads(line) for line in lines if line.endswith("\n")]
         return [entry for entry in entries
                 if (target is None or entry["target"] == target)
                 and (verdict is None or entry["verdict"].startswith(verdict))]
+
+    def exchanges(self, since=0):
+        """Requests after this number with how their answers went ("duration" None: under way),
+        and the number to ask with next time."""
+        with urllib.request.urlopen(f"{self._control}/requests?since={since}",
+                                    timeout=10) as answer:
+            document = json.load(answer)
+        return document["requests"], document["next"]
 
     def records(self, stream=STREAM):
         """The accepted records as bytes, in order."""

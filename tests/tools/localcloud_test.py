@@ -2,6 +2,7 @@
 """The local cloud and the scrambler of the service tables, seen from outside."""
 
 import base64
+import contextlib
 import datetime
 import hashlib
 import http.client
@@ -44,7 +45,7 @@ DEVICE_HEADERS = {
     "X-serial": "SN0001",
     "X-kivversion": "#0x442c3c4",
     "X-pimversion": "",
-    "X-currentTou": "-1",
+    "X-currentTou": "1",
 }
 
 
@@ -99,16 +100,16 @@ class Cloud:
         self.process.stdout.close()
         return status
 
-    def request(self, method, path, body=None, headers=None, plain=False):
+    def request(self, method, path, body=None, headers=None, plain=False, port=None):
         if plain:
             connection = http.client.HTTPConnection("127.0.0.1", self.http, timeout=10)
         else:
             connection = http.client.HTTPSConnection(
-                "localhost", self.https, timeout=10, context=self.trust
+                "localhost", port or self.https, timeout=10, context=self.trust
             )
         try:
             connection.putrequest(method, path, skip_host=True, skip_accept_encoding=True)
-            all_headers = {"Host": "localhost:%d" % (self.http if plain else self.https)}
+            all_headers = {"Host": "localhost:%d" % (self.http if plain else port or self.https)}
             all_headers.update(headers or {})
             if body is not None:
                 all_headers.setdefault("Content-Length", str(len(body)))
@@ -130,7 +131,13 @@ class Cloud:
 
     def log(self):
         with open(os.path.join(self.state, "requests.jsonl"), encoding="utf-8") as file:
-            return [json.loads(line) for line in file]
+            return [json.loads(line) for line in file if line.endswith("\n")]
+
+    def state_now(self):
+        return self.request("GET", "/control/state", plain=True).json()
+
+    def requests_since(self, number=0):
+        return self.request("GET", "/control/requests?since=%d" % number, plain=True).json()
 
     def connect(self):
         """A bare TLS connection."""
@@ -146,8 +153,9 @@ class Cloud:
         key = SERVICES_DOCUMENT["environments"][environment]["api-key"]
         return self.device_get("/%s/config/%s" % (environment, device), key)
 
-    def time(self):
-        return self.request("GET", "/prod/time", headers={"x-api-key": PROD["api-key"]})
+    def time(self, port=None):
+        headers = {"x-api-key": PROD["api-key"]}
+        return self.request("GET", "/prod/time", headers=headers, port=port)
 
     # --- the cloud services ---
 
@@ -381,7 +389,21 @@ class ConfigurationTest(CloudTest):
         self.cloud.control({"config": None})
         self.assertEqual(self.cloud.config("TV-2").json()["expiry_tou"], 600)
 
-    #: A test can change the version of the terms of use and whether they are mandatory.
+    #: The local cloud knows of consent only where the device tells of an accepted version of
+    #: the terms, unless the document is overridden.
+    def test_KnowsOfConsentWhereTheDeviceTellsOfAnAcceptedVersion(self):
+        def consent(version):
+            headers = {**DEVICE_HEADERS, "X-currentTou": version}
+            path = "/prod/config/TV-1"
+            return self.cloud.device_get(path, PROD["api-key"], headers).json()["kiv_tou"]
+
+        self.assertEqual([consent(version) for version in ("-1", "1", "12")], [False, True, True])
+        self.cloud.control({"config": {"*": {"kiv_tou": True}}})
+        self.assertIs(consent("-1"), True)
+        self.cloud.control({"config": {"*": {"kiv_tou": False}}})
+        self.assertIs(consent("1"), False)
+
+    #: The local cloud answers the terms of use as told.
     def test_AnswersTheTermsOfUseAsTold(self):
         get = lambda: self.cloud.device_get("/acc/tou", "local-acc-api-key-c05a6d").json()
         url = "https://localhost:%d/terms-of-use/1" % self.cloud.https
@@ -859,6 +881,12 @@ class ObjectTest(CloudTest):
 # --- misbehaviour -------------------------------------------------------------
 
 
+CERTIFICATE_ERRORS = {
+    "untrusted": "unable to get local issuer certificate", "expired": "certificate has expired",
+    "other-host": "Hostname mismatch", "too-new": "certificate is not yet valid",
+}
+
+
 class MisbehaviourTest(CloudTest):
     def raw(self, path="/prod/time", limit=None):
         """All bytes of an answer until the end of the connection (or LIMIT bytes)."""
@@ -1112,11 +1140,194 @@ class MisbehaviourTest(CloudTest):
             self.cloud.put_record()
         self.assertEqual(len(self.records()), before + 1)
 
-    #: Told so, the local cloud shows a certificate of an unknown CA, an expired one or one
-    #: of another host, which clients refuse.
+    #: A captive portal answers every target with its page and status 200; the service sees
+    #: nothing of it.
+    def test_ShowsTheCaptivePortalsPageOnEveryTarget(self):
+        before = self.cloud.control({})["counts"]
+        for target, request in self.requests().items():
+            self.cloud.misbehave(target, action="portal", count=1)
+            answer = request()
+            self.assertEqual((answer.status, answer.headers["Content-Type"]), (200, "text/html"))
+            self.assertIn(b"Welcome to our network", answer.body)
+            self.assertEqual(self.last_misbehaviour(), (target, "misbehaved: portal"))
+        after = self.cloud.control({})["counts"]
+        self.assertEqual((after["records"], after["objects"]),
+                         (before["records"], before["objects"]))
+
+    #: A redirect points to the portal's page, which is there, or wherever it is told.
+    def test_RedirectsEveryTargetToAPageThatIsThere(self):
+        before = self.cloud.control({})["counts"]
+        for target, request in self.requests().items():
+            self.cloud.misbehave(target, action="redirect", count=1)
+            answer = request()
+            page = "http://127.0.0.1:%d/portal" % self.cloud.http
+            self.assertEqual((answer.status, answer.headers["Location"]), (302, page))
+            self.assertEqual(self.last_misbehaviour(), (target, "misbehaved: redirect"))
+        after = self.cloud.control({})["counts"]
+        self.assertEqual((after["records"], after["objects"]),
+                         (before["records"], before["objects"]))
+        page = self.cloud.request("GET", "/portal", plain=True)
+        self.assertEqual((page.status, page.headers["Content-Type"]), (200, "text/html"))
+        self.assertIn(b"Welcome to our network", page.body)
+        self.cloud.misbehave("tou", action="redirect", status=307, location="/elsewhere")
+        answer = self.requests()["tou"]()
+        self.assertEqual((answer.status, answer.headers["Location"]), (307, "/elsewhere"))
+
+    #: The local cloud answers with any status from 300 to 599 and a chosen body, or with the
+    #: service's own body.
+    def test_AnswersWithAnyStatusAndAChosenBodyOrTheServicesOwn(self):
+        for status in (300, 301, 400, 404, 418, 451, 499, 500, 503, 599):
+            self.cloud.misbehave("config", action="status", status=status, body="told")
+            answer = self.cloud.config()
+            self.assertEqual((answer.status, answer.body), (status, b"told"))
+        self.cloud.misbehave("config", action="status", status=304, body="told")
+        answer = self.cloud.config()
+        self.assertEqual((answer.status, answer.headers["Connection"]), (304, "close"))
+        self.cloud.misbehave("config", action="status")
+        answer = self.cloud.config()
+        self.assertEqual((answer.status, answer.json()["version"]), (503, "1.0"))
+        before = len(self.records())
+        self.cloud.misbehave("firehose", action="status", status=500, count=1)
+        answer = self.cloud.put_record()
+        self.assertEqual((answer.status, len(answer.json()["RecordId"])), (500, 32))
+        self.assertEqual(len(self.records()), before + 1)
+        self.cloud.misbehave("firehose", action="status", status=500, body="{}", count=1)
+        self.assertEqual(self.cloud.put_record().body, b"{}")
+        self.assertEqual(len(self.records()), before + 1)
+
+    #: The local cloud answers every target with an empty object, and with a mebibyte of text
+    #: that no client can use.
+    def test_AnswersWithAnEmptyObjectAndWithAMebibyteOfText(self):
+        for target, request in self.requests().items():
+            self.cloud.misbehave(target, action="empty-object", count=1)
+            answer = request()
+            self.assertEqual((answer.status, answer.body), (200, b"{}"), target)
+            self.cloud.misbehave(target, action="long-text", count=1)
+            answer = request()
+            self.assertEqual((answer.status, len(answer.body)), (200, 1024 * 1024), target)
+            with self.assertRaises(ValueError):
+                answer.json()
+        self.cloud.misbehave("config", action="long-text", bytes=5)
+        self.assertEqual(self.cloud.config().body, b"This ")
+
+    #: The stream answers with status 200 and without a record id in every form; it keeps the
+    #: record only when told.
+    def test_AnswersAPutOfARecordWithoutItsId(self):
+        before = len(self.records())
+        bodies = {"json": b'{"Encrypted": false}',
+                  "empty": b'{"RecordId": "", "Encrypted": false}',
+                  "broken": b'{"RecordId": "49', "nothing": b""}
+        for form, body in bodies.items():
+            self.cloud.misbehave("firehose", action="no-record-id", form=form, count=1)
+            answer = self.cloud.put_record()
+            self.assertEqual((answer.status, answer.body), (200, body), form)
+        self.cloud.misbehave("firehose", action="no-record-id", form="html", count=1)
+        answer = self.cloud.put_record()
+        self.assertEqual((answer.status, answer.headers["Content-Type"]), (200, "text/html"))
+        self.assertEqual(len(self.records()), before)
+        self.cloud.misbehave("firehose", action="no-record-id", processed=True, count=1)
+        self.assertEqual(self.cloud.put_record().body, bodies["json"])
+        self.assertEqual(len(self.records()), before + 1)
+
+    #: The object service answers with status 200 and without an ETag; it keeps the object only
+    #: when told.
+    def test_AnswersAPutOfAnObjectWithoutETag(self):
+        path = "/norvane-ddump/no-etag"
+        for processed in (False, True):
+            self.cloud.misbehave("s3", action="no-etag", processed=processed, count=1)
+            answer = self.cloud.put_object(path, b"content")
+            self.assertEqual((answer.status, answer.body, answer.headers["ETag"]),
+                             (200, b"", None))
+            self.assertEqual(self.cloud.get_object(path).status, 200 if processed else 404)
+
+    #: The local cloud places a set in a city whose name has 200 000 characters.
+    def test_PlacesASetInACityWithALongName(self):
+        get = lambda: self.cloud.request("GET", "/json", plain=True).json()
+        self.cloud.misbehave("geo", action="long-city", count=1)
+        self.assertEqual(get(), {**get(), "city": "x" * 200000})
+        self.cloud.misbehave("geo", action="long-city", characters=129, count=1)
+        self.assertEqual(len(get()["city"]), 129)
+
+    #: The local cloud dates an answer years ahead, before 1970, beyond 31 or 32 bits, or not at
+    #: all.
+    def test_DatesAnswersYearsAheadBefore1970BeyondTheirBitsOrNotAtAll(self):
+        def date(**told):
+            self.cloud.misbehave("time", action="date", count=1, **told)
+            return self.cloud.time().headers["Date"]
+
+        ten_years = 10 * 365.25 * 86400
+        ahead = http_seconds(date(kind="years-ahead")) - time.time()
+        self.assertAlmostEqual(ahead, ten_years, delta=5)
+        self.assertEqual(date(kind="before-1970"), "Wed, 31 Dec 1969 23:59:59 GMT")
+        self.assertEqual(date(kind="beyond-31-bits"), "Wed, 20 Jan 2038 03:14:08 GMT")
+        self.assertEqual(date(kind="beyond-32-bits"), "Mon, 08 Feb 2106 06:28:16 GMT")
+        self.assertIsNone(date(kind="missing"))
+        self.assertEqual(date(offset=10**12), "Fri, 31 Dec 9999 23:59:59 GMT")
+        self.assertEqual(date(offset=-10**12), "Mon, 01 Jan 0001 00:00:00 GMT")
+
+    def trickled(self, seconds, **told):
+        """What arrived of the time's answer within so many seconds, and the times of arrival."""
+        self.cloud.misbehave("time", action="trickle", count=1, **told)
+        pieces, start = [], time.monotonic()
+        with self.cloud.connect() as connection:
+            head = "GET /prod/time HTTP/1.1\r\nHost: x\r\nx-api-key: %s\r\n\r\n"
+            connection.sendall((head % PROD["api-key"]).encode())
+            connection.settimeout(0.9)
+            while time.monotonic() < start + seconds:
+                piece = connection.recv(1000)
+                self.assertTrue(piece)
+                pieces.append((time.monotonic() - start, piece))
+        return pieces
+
+    #: A trickling body comes at two bytes a second where nothing else is told, without a pause
+    #: that a client could take for an end.
+    def test_TricklesABodyAtTwoBytesASecond(self):
+        pieces = self.trickled(2.2)
+        head, _, body = b"".join(piece for _, piece in pieces).partition(b"\r\n\r\n")
+        self.assertIn(b"Content-Length: 1000000", head)
+        self.assertEqual(body, b'{"environment": "prod"}'[:len(body)])
+        self.assertIn(len(body), (5, 6))
+
+    #: Trickling headers come at the told rate, and no body before their end.
+    def test_TricklesHeadersAtTheToldRate(self):
+        received = b"".join(piece for _, piece in self.trickled(1, part="headers", rate=50))
+        self.assertTrue(received.startswith(b"HTTP/1.1 200 OK\r\n"), received)
+        self.assertNotIn(b"\r\n\r\n", received)
+        self.assertAlmostEqual(len(received), 50, delta=10)
+
+    #: A trickling answer that comes to its end is whole: the service's own, filled up with
+    #: blanks.
+    def test_TricklesAWholeAnswerToItsEnd(self):
+        for told in ({"rate": 5000, "bytes": 1000}, {"rate": 100000, "part": "headers"}):
+            self.cloud.misbehave("config", action="trickle", count=1, **told)
+            start = time.monotonic()
+            answer = self.cloud.config()
+            self.assertGreater(time.monotonic() - start, 0.15)
+            self.assertEqual((answer.status, answer.json()["version"]), (200, "1.0"))
+        self.cloud.misbehave("time", action="trickle", count=1, rate=1000, bytes=100)
+        self.assertEqual(self.cloud.time().body, b'{"environment": "prod"}'.ljust(100))
+
+    #: A trickling answer ends when the target is told something new, and when the client goes.
+    def test_EndsATrickleWhenToldOtherwiseOrWhenTheClientGoes(self):
+        self.cloud.misbehave("time", action="trickle")
+        with self.cloud.connect() as connection:
+            head = "GET /prod/time HTTP/1.1\r\nHost: x\r\nx-api-key: %s\r\n\r\n"
+            connection.sendall((head % PROD["api-key"]).encode())
+            self.assertTrue(connection.recv(1000))
+            self.assertIsNone(self.cloud.requests_since()["requests"][-1]["duration"])
+            self.cloud.control({"clear": True})
+            with self.assertRaises(ssl.SSLEOFError):
+                end = time.monotonic() + 5
+                while connection.recv(1000):
+                    self.assertLess(time.monotonic(), end, "it trickles on")
+                raise ssl.SSLEOFError  # the other way in which the end of a TLS stream shows
+        number = self.cloud.requests_since()["requests"][-1]["number"]
+        self.trickled(0.1)
+        ended_log(self.cloud, number + 1)
+
+    #: The local cloud shows other certificates.
     def test_ShowsOtherCertificates(self):
-        texts = {"untrusted": "unable to get local issuer certificate",
-                 "expired": "certificate has expired", "other-host": "Hostname mismatch"}
+        texts = CERTIFICATE_ERRORS
         for kind, text in texts.items():
             self.cloud.misbehave("https", action="certificate", kind=kind, count=1)
             with self.assertRaisesRegex(ssl.SSLCertVerificationError, text):
@@ -1189,7 +1400,16 @@ class ControlTest(CloudTest):
             ({"clock-offset": 5, "misbehave": {"firehoes": {}}}, 'unknown target "firehoes"'),
             ({"clock-offset": 5, "misbehave": {"tou": {"action": "explode"}}}, "unknown action"),
             ({"misbehave": {"tou": {"action": ["refuse"]}}}, "unknown action"),
-            ({"misbehave": {"tou": {"action": "certificate"}}}, "only for https"),
+            ({"misbehave": {"geo": {"action": "certificate"}}},
+             "only for config, tou, time, firehose, s3, https"),
+            ({"misbehave": {"geo": {"action": "no-record-id"}}}, "only for firehose"),
+            ({"misbehave": {"firehose": {"action": "no-record-id", "form": 5}}}, "is not one of"),
+            ({"misbehave": {"firehose": {"action": "no-etag"}}}, "only for s3"),
+            ({"misbehave": {"tou": {"action": "long-city"}}}, "only for geo"),
+            ({"misbehave": {"tou": {"action": "status", "status": 200}}}, "is not 300 ... 599"),
+            ({"misbehave": {"tou": {"action": "redirect", "status": 404}}}, "is not 300 ... 399"),
+            ({"misbehave": {"tou": {"action": "trickle", "rate": 0}}}, "rate is not 0.01"),
+            ({"misbehave": {"tou": {"action": "date", "kind": "soon"}}}, "is not one of"),
             ({"misbehave": {"firehose": {"action": "expired"}}}, "only for config"),
             ({"misbehave": {"tou": {"action": "refuse", "count": 0}}}, "count is not 1 or more"),
             ({"misbehave": {"tou": {"action": "refuse", "count": True}}}, "count is not"),
@@ -1240,6 +1460,218 @@ class ControlTest(CloudTest):
             self.assertEqual(connection.getresponse().read()[:1], b"{")
         self.assertIs(connection.sock, first)
         connection.close()
+
+
+# --- certificates by target ---------------------------------------------------
+
+
+class OwnPortTest(CloudTest):
+    #: Each target that is asked by HTTPS has a port of its own, on which everything is served,
+    #: and the control interface names it.
+    def test_EachTargetHasAPortOfItsOwn(self):
+        ports = self.cloud.state_now()["ports"]
+        self.assertEqual((ports["https"], ports["http"]), (self.cloud.https, self.cloud.http))
+        self.assertEqual(sorted(ports),
+                         ["config", "firehose", "http", "https", "s3", "time", "tou"])
+        self.assertEqual(len(set(ports.values())), 7)
+        for name in ("config", "firehose", "https", "s3", "time", "tou"):
+            self.assertEqual(self.cloud.time(ports[name]).status, 200)
+
+    #: A certificate told to one target is shown on its port and on no other, until told
+    #: otherwise, and takes nothing of what its requests are told.
+    def test_ACertificateToldToOneTargetIsShownOnItsPortAlone(self):
+        ports = self.cloud.state_now()["ports"]
+        for target in ("config", "tou", "time", "firehose", "s3"):
+            others = [port for name, port in ports.items() if name not in (target, "http")]
+            for kind, text in CERTIFICATE_ERRORS.items():
+                self.cloud.misbehave(target, action="certificate", kind=kind)
+                for _ in range(2):
+                    with self.assertRaisesRegex(ssl.SSLCertVerificationError, text):
+                        self.cloud.time(ports[target])
+                self.assertEqual([self.cloud.time(port).status for port in others], [200] * 5)
+            self.cloud.control({"misbehave": {target: None}})
+            self.assertEqual(self.cloud.time(ports[target]).status, 200)
+        self.cloud.control({"misbehave": {"time": [
+            {"action": "certificate", "kind": "too-new", "count": 1},
+            {"action": "refuse", "count": 1}]}})
+        with self.assertRaises(ssl.SSLCertVerificationError):
+            self.cloud.time(ports["time"])
+        self.assertEqual([self.cloud.time(ports["time"]).status for _ in range(2)], [403, 200])
+
+    #: What is told to all connections counts on a target's own port too; a failed handshake is
+    #: logged with the port's target.
+    def test_WhatIsToldToAllConnectionsCountsOnEveryPort(self):
+        port = self.cloud.state_now()["ports"]["s3"]
+        number = self.cloud.requests_since()["next"]
+        self.cloud.misbehave("https", action="certificate", count=1)
+        with self.assertRaises(ssl.SSLCertVerificationError):
+            self.cloud.time(port)
+        ended_log(self.cloud, number + 1)
+        line = self.cloud.log()[-1]
+        self.assertEqual((line["target"], line["port-of"]), ("https", "s3"))
+
+
+# --- the log of requests and answers ------------------------------------------
+
+
+def ended_log(cloud, number):
+    """The request with this number once it has ended."""
+    deadline = time.monotonic() + 5
+    while time.monotonic() < deadline:
+        found = cloud.requests_since(number - 1)["requests"]
+        if found and found[0]["duration"] is not None:
+            return found[0]
+        time.sleep(0.01)
+    raise AssertionError("request %d has not ended" % number)
+
+
+class RequestLogTest(CloudTest):
+    def newest(self):
+        return self.cloud.requests_since()["requests"][-1]
+
+    #: The log says of each request when it arrived, on both clocks, what became of it, how many
+    #: bytes went either way and how long it took; the file says the same.
+    def test_SaysWhenARequestArrivedAndWhatBecameOfIt(self):
+        self.cloud.control({"clock-offset": 86400})
+        before = time.monotonic()
+        request = b"GET /prod/time HTTP/1.1\r\nHost: x\r\nx-api-key: %s\r\n\r\n"
+        request %= PROD["api-key"].encode()
+        with self.cloud.connect() as connection:
+            connection.sendall(request)
+            received = connection.recv(65536)
+        entry = ended_log(self.cloud, self.newest()["number"])
+        self.assertEqual((entry["target"], entry["method"], entry["path"], entry["status"],
+                          entry["verdict"]), ("time", "GET", "/prod/time", 200, "accepted"))
+        self.assertEqual((entry["bytes-in"], entry["bytes-out"]), (len(request), len(received)))
+        self.assertTrue(before < entry["arrived"] < time.monotonic())
+        self.assertTrue(0 < entry["duration"] < 1)
+        seconds = lambda text: datetime.datetime.fromisoformat(text[:-1]).timestamp()
+        self.assertEqual(seconds(entry["cloud-time"]) - seconds(entry["time"]), 86400)
+        with open(os.path.join(self.cloud.state, "answers.jsonl"), encoding="utf-8") as file:
+            self.assertEqual(json.loads(file.read().splitlines()[-1]), entry)
+        line = self.cloud.log()[-1]
+        for name in ("number", "arrived", "time", "cloud-time"):
+            self.assertEqual(line[name], entry[name])
+
+    #: Bytes are counted for each request of a connection.
+    def test_CountsTheBytesOfEachRequestOfAConnection(self):
+        first = self.newest_number()
+        connection = http.client.HTTPConnection("127.0.0.1", self.cloud.http, timeout=5)
+        for path in ("/json", "/json?longer", "/control/state", "/json"):
+            connection.request("GET", path)
+            connection.getresponse().read()
+        connection.close()
+        counts = [ended_log(self.cloud, first + n)["bytes-in"] for n in (1, 2, 3)]
+        self.assertEqual([count - counts[0] for count in counts], [0, len("?longer"), 0])
+
+    def newest_number(self):
+        self.cloud.time()
+        return self.newest()["number"]
+
+    #: The control interface gives the requests after a number, and the number to ask with next,
+    #: which misses none that is still under way.
+    def test_GivesTheRequestsAfterANumberAndMissesNone(self):
+        last = self.newest_number()
+        ended_log(self.cloud, last)
+        self.assertEqual(self.cloud.requests_since(last)["requests"], [])
+        self.assertEqual(self.cloud.requests_since(last)["next"], last)
+        self.cloud.misbehave("time", action="hang", count=1)
+        with self.cloud.connect() as connection:
+            connection.sendall(b"GET /prod/time HTTP/1.1\r\nHost: x\r\n\r\n")
+            while len(self.cloud.requests_since(last)["requests"]) < 1:
+                time.sleep(0.01)
+            self.cloud.time()
+            ended_log(self.cloud, last + 2)
+            answer = self.cloud.requests_since(last)
+            self.assertEqual([(entry["number"], entry["duration"] is None, entry["status"])
+                              for entry in answer["requests"]],
+                             [(last + 1, True, None), (last + 2, False, 200)])
+            self.assertEqual(answer["next"], last)
+            time.sleep(0.2)  # so long the client is held
+        entry = ended_log(self.cloud, last + 1)
+        self.assertGreater(entry["duration"], 0.2)
+        self.assertEqual((entry["verdict"], entry["bytes-out"]), ("misbehaved: hang", 0))
+        self.assertEqual(self.cloud.requests_since(last)["next"], last + 2)
+
+    #: The log says how long a slow answer held its client and how much of it went out.
+    def test_SaysHowLongASlowAnswerHeldItsClient(self):
+        self.cloud.misbehave("geo", action="trickle", rate=20, count=1)
+        last = self.newest_number()
+        with socket.create_connection(("127.0.0.1", self.cloud.http), timeout=5) as connection:
+            connection.sendall(b"GET /json HTTP/1.1\r\n\r\n")
+            received, end = b"", time.monotonic() + 0.5
+            while time.monotonic() < end:
+                received += connection.recv(1000)
+        entry = ended_log(self.cloud, last + 1)
+        self.assertAlmostEqual(entry["duration"], 0.5, delta=0.3)
+        self.assertAlmostEqual(entry["bytes-out"], len(received), delta=4)
+
+    #: Connections that never became a request are in the log as well.
+    def test_HasConnectionsThatNeverBecameARequest(self):
+        last = self.newest_number()
+        self.cloud.misbehave("https", action="reset", count=1)
+        with self.assertRaises((ConnectionResetError, ssl.SSLEOFError)):
+            self.cloud.connect()
+        entry = ended_log(self.cloud, last + 1)
+        self.assertEqual((entry["target"], entry["verdict"], entry["bytes-out"]),
+                         ("https", "misbehaved: reset", 0))
+
+    #: A question that is no number is refused.
+    def test_RefusesAQuestionThatIsNoNumber(self):
+        for query in ("since=x", "since=-1", "since=", "since=1&since=2", "until=5"):
+            answer = self.cloud.request("GET", "/control/requests?" + query, plain=True)
+            self.assertEqual(answer.status, 400, query)
+        answer = self.cloud.request("GET", "/control/requests", plain=True)
+        self.assertEqual((answer.status, answer.json()["requests"][0]["number"]), (200, 1))
+
+
+class WholeFilesTest(CloudTest):
+    #: A reader that looks all the time never meets a part of a record, an object or an index
+    #: line, and finds whatever an index speaks of.
+    def test_AReaderNeverMeetsAPartOfAFile(self):
+        reader = subprocess.Popen(
+            [sys.executable, "-c", READER, self.cloud.state, STREAM], stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE, text=True)
+        self.assertEqual(reader.stdout.readline(), "looking\n")
+        for n in range(25):
+            data = b"%d" % (n % 10) * 1000000
+            self.assertEqual(self.cloud.put_record(data).status, 200)
+            self.assertEqual(self.cloud.put_object("/norvane-ddump/whole", data).status, 200)
+        looks, wrong = reader.communicate("end\n", timeout=20)[0].split(" ", 1)
+        self.assertGreater(int(looks), 50)
+        self.assertEqual(wrong, "[]\n")
+        self.assertNotIn("incoming", os.listdir(self.cloud.state))
+
+
+READER = """
+import json, os, select, sys
+state, stream = sys.argv[1:]
+records, objects = os.path.join(state, "records", stream), os.path.join(state, "objects")
+looks, wrong, seen = 0, [], set()
+print("looking", flush=True)
+while not select.select([sys.stdin], [], [], 0)[0]:
+    looks += 1
+    for name in os.listdir(records) if os.path.isdir(records) else []:
+        if name.endswith(".jsonl") or name in seen:
+            continue
+        size = os.path.getsize(os.path.join(records, name))
+        seen.add(name)
+        if size != 1000000:
+            wrong.append((name, size))
+    for path in (os.path.join(objects, "norvane-ddump", "whole"),):
+        if os.path.exists(path) and os.path.getsize(path) != 1000000:
+            wrong.append((path, "size"))
+    for folder in (records, objects):
+        index = os.path.join(folder, "index.jsonl")
+        text = open(index).read() if os.path.exists(index) else ""
+        if text and not text.endswith("\\n"):
+            wrong.append((index, text[-80:]))
+            continue
+        for line in text.splitlines():
+            if not os.path.exists(os.path.join(folder, json.loads(line)["file"])):
+                wrong.append(line)
+print(looks, wrong)
+"""
 
 
 # --- start and end ------------------------------------------------------------
@@ -1303,8 +1735,49 @@ class ProcessTest(unittest.TestCase):
         command = [LOCALCLOUD, "--state", self.state, *options]
         return subprocess.run(command, capture_output=True, text=True, timeout=20)
 
-    #: With a bad scenario or services file the local cloud ends with status 1 and says what
-    #: is wrong.
+    #: Ports that the services file gives to one kind of service alone are that target's own.
+    def test_TakesATargetsOwnPortFromTheServicesFile(self):
+        with contextlib.ExitStack() as stack:
+            sockets = [stack.enter_context(socket.create_server(("127.0.0.1", 0)))
+                       for _ in range(4)]
+            main, terms, moment, stream = (taken.getsockname()[1] for taken in sockets)
+        document = json.loads(json.dumps(SERVICES_DOCUMENT))
+        for environment in document["environments"].values():
+            for name, port in (("config-url", main), ("tou-url", terms), ("web-time-url", moment)):
+                environment[name] = environment[name].replace("18443", str(port))
+        document["s3-endpoint"] = "https://localhost:%d" % main
+        document["firehose-endpoint"] = "https://localhost:%d" % stream
+        path = os.path.join(self.directory, "services.json")
+        with open(path, "w", encoding="utf-8") as file:
+            json.dump(document, file)
+        cloud = Cloud(self.state, "--services", path, "--https-port", str(main))
+        self.addCleanup(cloud.stop)
+        ports = cloud.state_now()["ports"]
+        self.assertEqual([ports[name] for name in ("https", "tou", "time", "firehose")],
+                         [main, terms, moment, stream])
+        self.assertNotIn(ports["config"], (main, terms, moment, stream))  # s3 shares the main one
+        endpoints = [cloud.config().json()[name] for name in ("firehose_endpoint", "s3_endpoint")]
+        self.assertEqual(endpoints, ["https://localhost:%d" % port for port in (stream, main)])
+        cloud.control({"misbehave": {"tou": {"action": "certificate"}}})
+        with self.assertRaises(ssl.SSLCertVerificationError):
+            cloud.time(terms)
+        self.assertEqual([cloud.time(port).status for port in (main, moment)], [200, 200])
+
+    #: A line that a killed process left unfinished is taken away at the next start.
+    def test_TakesAwayALineThatWasLeftUnfinished(self):
+        first = self.start()
+        self.assertEqual(first.time().status, 200)
+        first.stop()
+        with open(os.path.join(self.state, "requests.jsonl"), "a", encoding="utf-8") as file:
+            file.write('{"number": 2, "ti')
+        second = self.start()
+        second.trust = first.trust
+        self.assertEqual(second.time().status, 200)
+        with open(os.path.join(self.state, "requests.jsonl"), encoding="utf-8") as file:
+            self.assertEqual([json.loads(line)["number"] for line in file], [1, 2])
+        self.assertEqual([entry["number"] for entry in second.requests_since()["requests"]], [2])
+
+    #: The local cloud says what is wrong when it cannot start.
     def test_SaysWhatIsWrongWhenItCannotStart(self):
         bad = os.path.join(self.directory, "bad.json")
         for content, option, words in (
