@@ -1,6 +1,6 @@
 #include "DirectoryListing.h"
 
-#include "ClassLog.h"
+#include "UploadLog.h"
 
 #include <memory>
 #include <vector>
@@ -12,8 +12,6 @@
 
 namespace {
 
-const ClassLog s_log("kivUpload: ");
-
 struct CloseDirectory {
     void operator()(DIR* directory) const { ::closedir(directory); }
 };
@@ -22,7 +20,7 @@ using Directory = std::unique_ptr<DIR, CloseDirectory>;
 Directory openDirectory(const std::string& dir) {
     Directory directory(::opendir(dir.c_str()));
     if (directory == nullptr) {
-        s_log.error("Cannot open directory ", dir, ": ", ClassLog::errnoText(errno));
+        UploadLog::log.error("Cannot open directory ", dir, ": ", ClassLog::errnoText(errno));
     }
     return directory;
 }

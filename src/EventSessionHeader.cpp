@@ -3,7 +3,7 @@
 #include "BuildInfo.h"
 #include "CGlobalInfoImpl.h"
 #include "CountryCode.h"
-#include "DB.h"
+#include "CycleTimes.h"
 #include "DBToken.h"
 #include "LocationInfo.h"
 #include "PimAppVersion.h"
@@ -34,6 +34,12 @@ std::string clientText() {
     return "kivApp " + BuildInfo::revisionText() + " " + BuildInfo::buildTimeText();
 }
 
+/// Kernel time 0 of the cycle.
+TimeReference startOf(const Cycle& cycle) {
+    return TimeReference(static_cast<std::uint32_t>(cycle.bootCount),
+                         static_cast<std::uint32_t>(cycle.standbyCount), 0);
+}
+
 std::string siblingText() {
     const PimAppVersion::Version version = PimAppVersion::current();
     return "pimApp " + version.version + " " + version.buildDate;
@@ -43,29 +49,46 @@ std::string siblingText() {
 
 EventSessionHeader::EventSessionHeader(unsigned int bootCount, unsigned int standbyCount,
                                        UtcTimeMs startTime) {
-    const Singleton<CGlobalInfoImpl> device;
     const Singleton<TimeMgrImpl> timeManager;
+    CycleTimes times(*timeManager);
+    m_text = textFor(Cycle(bootCount, standbyCount), startTime, times);
+}
+
+EventSessionHeader::EventSessionHeader(const Cycle& cycle, UtcTimeMs startTime, CycleTimes& times)
+    : m_text(textFor(cycle, startTime, times)) {}
+
+std::string EventSessionHeader::textFor(const Cycle& cycle, UtcTimeMs startTime,
+                                        CycleTimes& cycleTimes) {
+    const Singleton<CGlobalInfoImpl> device;
     const std::string country = countryOf(device->getCountry());
-    const std::string uploadTime = timeManager->getTime(TimeReference()).getString();
+    const std::string uploadTime = cycleTimes.momentOf(TimeReference()).time.getString();
     const std::string startText = startTime.getString();
     const JsonObject place = location();
     const std::string client = clientText();
     const std::string sibling = siblingText();
-    const JsonObject times =
-        timeManager->getAllTimesAsJson(TimeReference(bootCount, standbyCount, 0));
+    const JsonObject times = cycleTimes.allTimesAsJson(startOf(cycle));
+    const unsigned int minutes = operatingMinutes(cycle, cycleTimes);
     const std::string token = DBToken::current();
 
     JsonObject header;
-    const bool packed = header.Pack(
-        kFormat, "country", country.c_str(), "deviceid", device->getDeviceId().c_str(), "ctn",
-        device->getCtn().c_str(), "component", device->getComponent().c_str(), "ufversion",
-        device->getSwVersion().c_str(), "boot-count", static_cast<int>(bootCount), "standby-count",
-        static_cast<int>(standbyCount), "upload-time", uploadTime.c_str(), "start-time",
-        startText.c_str(), "lto", localTimeOffset(), "operating-minutes",
-        static_cast<int>(operatingMinutes(bootCount, standbyCount)), "location", place.get(),
-        "client", client.c_str(), "pimclient", sibling.c_str(), "times", times.get(), "db-token",
-        token.c_str());
-    if (packed) m_text = header.dumpAsString();
+    const bool packed = header.Pack(kFormat,                                                //
+                                    "country", country.c_str(),                             //
+                                    "deviceid", device->getDeviceId().c_str(),              //
+                                    "ctn", device->getCtn().c_str(),                        //
+                                    "component", device->getComponent().c_str(),            //
+                                    "ufversion", device->getSwVersion().c_str(),            //
+                                    "boot-count", static_cast<int>(cycle.bootCount),        //
+                                    "standby-count", static_cast<int>(cycle.standbyCount),  //
+                                    "upload-time", uploadTime.c_str(),                      //
+                                    "start-time", startText.c_str(),                        //
+                                    "lto", localTimeOffset(),                               //
+                                    "operating-minutes", static_cast<int>(minutes),         //
+                                    "location", place.get(),                                //
+                                    "client", client.c_str(),                               //
+                                    "pimclient", sibling.c_str(),                           //
+                                    "times", times.get(),                                   //
+                                    "db-token", token.c_str());
+    return packed ? header.dumpAsString() : std::string();
 }
 
 void EventSessionHeader::setDbPath(const std::string& path) {
@@ -77,12 +100,8 @@ std::string EventSessionHeader::countryOf(const std::string& deviceCountry) {
     return entry == nullptr ? deviceCountry : entry->alpha2;
 }
 
-unsigned int EventSessionHeader::operatingMinutes(unsigned int bootCount,
-                                                  unsigned int standbyCount) {
-    if (m_DbPath.empty()) return 0;
-    DB db;
-    db.open(m_DbPath, false);
-    return db.getOpTime(static_cast<long>(bootCount), static_cast<long>(standbyCount));
+unsigned int EventSessionHeader::operatingMinutes(const Cycle& cycle, CycleTimes& times) {
+    return m_DbPath.empty() ? 0 : times.operatingMinutes(cycle, m_DbPath);
 }
 
 /// Only what is known by now: the packet is built under the store's lock, which no network call

@@ -2,8 +2,11 @@
 
 #include <string>
 
+#include "Cycle.h"
 #include "JsonObject.h"
 #include "UtcTimeMs.h"
+
+class CycleTimes;
 
 /// The JSON text that opens a session block of a record: what device, which software, which
 /// clocks and where (docs/record-format.md). Built whole in the constructor, on the upload thread,
@@ -12,6 +15,8 @@ class EventSessionHeader {
   public:
     /// @param startTime the UTC of the block's first event
     EventSessionHeader(unsigned int bootCount, unsigned int standbyCount, UtcTimeMs startTime);
+    /// One of a packet. @param times those of the packet
+    EventSessionHeader(const Cycle& cycle, UtcTimeMs startTime, CycleTimes& times);
 
     /// One JSON object; "(no json object)" never: an empty text when it could not be packed.
     const std::string& text() const { return m_text; }
@@ -22,8 +27,9 @@ class EventSessionHeader {
   private:
     friend struct EventSessionHeaderPeer;
 
+    static std::string textFor(const Cycle& cycle, UtcTimeMs startTime, CycleTimes& times);
     static std::string countryOf(const std::string& deviceCountry);
-    static unsigned int operatingMinutes(unsigned int bootCount, unsigned int standbyCount);
+    static unsigned int operatingMinutes(const Cycle& cycle, CycleTimes& times);
     static JsonObject location();
 
     std::string m_text;

@@ -1,26 +1,18 @@
 #include "EventTimeRework.h"
 
-#include "DbgOut.h"
-#include "JsonObject.h"
+#include "CycleTimes.h"
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
 #include "TimeReference.h"
-#include "UploadImpl.h"
+#include "UploadLog.h"
 
 #include <stdexcept>
 
-#include <inttypes.h>
-#include <stdio.h>
-
 namespace {
 
-constexpr char kTag[] = "kivUpload: ";
+const ClassLog& s_log = UploadLog::log;
 
-template <typename... Parts>
-void logLine(const Parts&... parts) {
-    if (UploadImpl::GetVerbose()) ((coutdbg << kTag) << ... << parts) << std::endl;
-}
-
+/// All zero for an event that could not be parsed.
 TimeReference referenceOf(const JsonObject& event) {
     return TimeReference(static_cast<std::uint32_t>(event.optInteger("boot-count", 0)),
                          static_cast<std::uint32_t>(event.optInteger("standby-count", 0)),
@@ -34,54 +26,57 @@ std::int64_t givenTime(const JsonObject& event) {
     try {
         return std::stoll(text);
     } catch (const std::logic_error&) {
-        cerrdbg << kTag << "Cannot convert this string to a long long!" << std::endl;
+        s_log.error("Cannot convert this string to a long long!");
         return 0;
     }
 }
 
-std::string decimal(std::int64_t number) {
-    char text[24] = "";
-    ::snprintf(text, sizeof text, "%" PRId64, number);
-    return text;
-}
-
 void writeTime(JsonObject& event, const std::string& text, std::int64_t time, bool dropUnknown) {
     if (time == 0 && dropUnknown) {
-        logLine("Removing UTC-Time in event:", text);
+        s_log.info("Removing UTC-Time in event:", text);
         event.del("utc-time");
     } else {
-        logLine("Replacing UTC-Time in event:", text);
-        event.set("utc-time", decimal(time));
+        s_log.info("Replacing UTC-Time in event:", text);
+        event.set("utc-time", std::to_string(time));
     }
 }
 
 void writeSource(JsonObject& event, TimeSource source) {
     if (source == TimeSourceInvalid) return;
-    logLine("Add time source ", source);
+    s_log.info("Add time source ", source);
     event.set("utc-src", std::string(TimeMgrImpl::getTimeSourceAsString(source)));
+}
+
+/// For an event whose sender knew no time.
+std::int64_t timeByItsCycle(JsonObject& event, const std::string& text, bool dropUnknown,
+                            CycleTimes& times) {
+    const CycleTimes::Moment moment = times.momentOf(referenceOf(event));
+    const std::int64_t time = moment.time;
+    if (!event.isNull()) {
+        writeTime(event, text, time, dropUnknown);
+        writeSource(event, moment.source);
+        s_log.info("Event as JSON object: ", [&] { return event.dumpAsString(); });
+    }
+    s_log.info("Event utcTime = ", time);
+    return time;
 }
 
 }  // namespace
 
 std::int64_t EventTimeRework::reworkEventTime(std::string& event, bool dropUnknown) {
     JsonObject json = JsonObject::parse(event);
-    TimeReference reference(0, 0, 0);
-    if (!json.isNull()) {
-        reference = referenceOf(json);
-        const std::int64_t given = givenTime(json);
-        if (given != 0) return given;
-    }
+    const std::int64_t given = givenTime(json);
+    if (given != 0) return given;
     const Singleton<TimeMgrImpl> timeManager;
-    const TimeSource source = timeManager->getPreferredTimeSource(reference);
-    std::int64_t time = 0;
-    if (source != TimeSourceInvalid) time = timeManager->getTime(source, reference);
-    if (!json.isNull()) {
-        writeTime(json, event, time, dropUnknown);
-        writeSource(json, source);
-        const std::string text = json.dumpAsString();
-        logLine("Event as JSON object: ", text);
-        if (!text.empty() && text.front() != '(') event = text;  // else it could not be dumped
-    }
-    logLine("Event utcTime = ", time);
+    CycleTimes times(*timeManager);
+    const std::int64_t time = timeByItsCycle(json, event, dropUnknown, times);
+    const std::string text = json.dumpAsString();
+    if (!text.empty() && text.front() != '(') event = text;  // else it could not be dumped
     return time;
+}
+
+std::int64_t EventTimeRework::reworkEventTime(JsonObject& event, const std::string& text,
+                                              bool dropUnknown, CycleTimes& times) {
+    const std::int64_t given = givenTime(event);
+    return given != 0 ? given : timeByItsCycle(event, text, dropUnknown, times);
 }

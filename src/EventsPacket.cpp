@@ -1,18 +1,21 @@
 #include "EventsPacket.h"
 
 #include "AwsWrapperImpl.h"
-#include "DbgOut.h"
+#include "ClassLog.h"
+#include "CycleTimes.h"
 #include "EventSessionHeader.h"
 #include "JsonIterator.h"
 #include "Singleton.h"
+#include "TimeMgrImpl.h"
 
 namespace {
 
-constexpr char kTag[] = "kivAWSWrapper: ";
+const ClassLog s_log("kivAWSWrapper: ");
 
-template <typename... Parts>
-void logLine(const Parts&... parts) {
-    if (AwsWrapperImpl::GetVerbose()) ((coutdbg << kTag) << ... << parts) << std::endl;
+/// The packet's lines are the cloud client's, which has the switch.
+template <typename... Pieces>
+void logLine(const Pieces&... pieces) {
+    if (AwsWrapperImpl::GetVerbose()) s_log.always(pieces...);
 }
 
 }  // namespace
@@ -23,18 +26,29 @@ EventsPacket::EventsPacket(int maxSize) : m_maxSize(maxSize) {}
 
 bool EventsPacket::AddEvent(std::string event, UtcTimeMs time) {
     logLine(" Add ", event, " to packet");
+    const Singleton<TimeMgrImpl> timeManager;
+    CycleTimes times(*timeManager);
     JsonObject json = JsonObject::parse(event);
-    const int bootCount = static_cast<int>(json.optInteger("boot-count", 0));
-    const int standbyCount = static_cast<int>(json.optInteger("standby-count", 0));
+    return add(json, time, times);
+}
 
+bool EventsPacket::AddEvent(JsonObject& event, const std::string& text, UtcTimeMs time,
+                            CycleTimes& times) {
+    logLine(
+        " Add ", [&] { return event.isNull() ? text : event.dumpAsString(); }, " to packet");
+    return add(event, time, times);
+}
+
+bool EventsPacket::add(JsonObject& event, UtcTimeMs time, CycleTimes& times) {
+    const Cycle cycle(event.optInteger("boot-count", 0), event.optInteger("standby-count", 0));
     std::string piece;
-    const bool sameSession = bootCount == m_bootCount && standbyCount == m_standbyCount;
-    if (!sameSession && !openSession(bootCount, standbyCount, time, piece)) return false;
+    const bool sameSession = cycle == m_session;
+    if (!sameSession && !openSession(cycle, time, times, piece)) return false;
     bool needsComma = sameSession && m_needsComma;
-    flatten(json);
+    flatten(event);
     logLine(" Rework Event ");
-    if (!json.isNull()) {
-        const std::string text = render(json, time);
+    if (!event.isNull()) {
+        const std::string text = render(event, time);
         if (text.empty()) return false;
         if (needsComma) piece += ",";
         piece += text;
@@ -45,8 +59,7 @@ bool EventsPacket::AddEvent(std::string event, UtcTimeMs time) {
     if (m_maxSize < 0 || size + 1 >= static_cast<std::size_t>(m_maxSize)) return false;
     m_size = static_cast<int>(size);
     m_text += piece;
-    m_bootCount = bootCount;
-    m_standbyCount = standbyCount;
+    m_session = cycle;
     m_needsComma = needsComma;
     logLine(" Event Added to packet");
     return true;
@@ -54,11 +67,10 @@ bool EventsPacket::AddEvent(std::string event, UtcTimeMs time) {
 
 /// Appends the end of the open block and the beginning of a new one to `piece`. @return false
 /// when the header could not be made
-bool EventsPacket::openSession(int bootCount, int standbyCount, UtcTimeMs time,
+bool EventsPacket::openSession(const Cycle& cycle, UtcTimeMs time, CycleTimes& times,
                                std::string& piece) const {
     if (m_size > 0) piece += "]}\n";
-    const EventSessionHeader header(static_cast<unsigned int>(bootCount),
-                                    static_cast<unsigned int>(standbyCount), time);
+    const EventSessionHeader header(cycle, time, times);
     if (header.text().empty()) return false;
     logLine(" EventSessionHeader created ");
     piece.append(header.text(), 0, header.text().size() - 1);

@@ -2,8 +2,11 @@
 
 #include <string>
 
+#include "Cycle.h"
 #include "JsonObject.h"
 #include "UtcTimeMs.h"
+
+class CycleTimes;
 
 namespace AwsWrapper {
 
@@ -17,6 +20,10 @@ class EventsPacket {
     /// Adds one stored event. @param time its UTC. @return false when the packet is full or the
     /// event could not be rendered; the packet is then as before.
     bool AddEvent(std::string event, UtcTimeMs time);
+    /// The same for an event that was parsed before. @param event is changed, also when it is not
+    /// added; a null handle where the text could not be parsed @param text the event as it is
+    /// stored, for the lines @param times those of this packet, for its headers
+    bool AddEvent(JsonObject& event, const std::string& text, UtcTimeMs time, CycleTimes& times);
     bool IsEmpty() const { return m_size == 0; }
     /// Closes the record and puts it to the stream; an empty packet is not sent. @return success
     bool Send();
@@ -24,15 +31,16 @@ class EventsPacket {
   private:
     friend struct EventsPacketPeer;
 
-    bool openSession(int bootCount, int standbyCount, UtcTimeMs time, std::string& piece) const;
+    bool add(JsonObject& event, UtcTimeMs time, CycleTimes& times);
+    bool openSession(const Cycle& cycle, UtcTimeMs time, CycleTimes& times,
+                     std::string& piece) const;
     static void flatten(JsonObject& event);
     static std::string render(JsonObject& event, UtcTimeMs time);
 
     std::string m_text;
     int m_size = 0;  ///< characters
     int m_maxSize;
-    int m_bootCount = -1;     ///< of the open session; -1: none
-    int m_standbyCount = -1;  ///< of the open session; -1: none
+    Cycle m_session{-1, -1};  ///< of the open session; -1 and -1: none
     bool m_needsComma = false;
 };
 

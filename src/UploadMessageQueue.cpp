@@ -3,7 +3,7 @@
 #include <algorithm>
 
 bool UploadMessageQueue::push(const Message& message) {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     const auto isSame = [&](const Message& waiting) {
         return waiting.id == message.id && waiting.param == message.param;
     };

@@ -126,6 +126,7 @@ def check_format():
 def main():
     listed = layers()
     findings = [*check_classes(listed), *check_layers(listed), *check_wrapped_libraries(),
+                *check_circles(), *check_lengths(),
                 *check_behaviours(), *check_format()]
     for finding in findings:
         print(finding)

@@ -10,8 +10,8 @@ namespace AwsWrapper {
 struct EventsPacketPeer {
     static const std::string& text(const EventsPacket& packet) { return packet.m_text; }
     static int size(const EventsPacket& packet) { return packet.m_size; }
-    static int bootCount(const EventsPacket& packet) { return packet.m_bootCount; }
-    static int standbyCount(const EventsPacket& packet) { return packet.m_standbyCount; }
+    static int bootCount(const EventsPacket& packet) { return packet.m_session.bootCount; }
+    static int standbyCount(const EventsPacket& packet) { return packet.m_session.standbyCount; }
 };
 
 }  // namespace AwsWrapper

@@ -3,37 +3,19 @@
 #include <limits.h>
 
 #include <memory>
-#include <stdexcept>
-#include <string>
 
-#include <sqlite3.h>
-
-#include "CTouImpl.h"
 #include "UploadImpl.h"
-#include "support/CTouImplPeer.h"
-#include "support/CredentialsPeer.h"
-#include "support/NetworkHelperPeer.h"
-#include "support/TaggedLines.h"
 #include "support/UploadImplPeer.h"
-#include "support/UploadSetup.h"
-#include "support/WaitUntil.h"
+#include "support/UploadWork.h"
 
-/// An upload side whose thread has ended: the test calls the jobs itself, and what they ask for
-/// stays where it was put, in the queue and the timers.
-class UploadJobs : public UploadSetup {
+/// An upload side whose thread has ended.
+class UploadJobs : public UploadWork {
   protected:
-    using Messages = UploadImplPeer::Messages;
-
-    static constexpr const char* kTag = "kivUpload: ";
+    UploadSchedule& schedule() override { return UploadImplPeer::schedule(*upload); }
+    DB& db() override { return UploadImplPeer::db(*upload); }
 
     void SetUp() override {
-        UploadSetup::SetUp();
-        CredentialsPeer::setConfigUrl(cloud.url("/config/"));
-        CredentialsPeer::setWebTimeUrl(cloud.url("/time"));
-        CredentialsPeer::setTouUrl(cloud.url("/tou"));
-        CTouImplPeer::setDirectory(*tou, dir.path() + "/");
-        CTouImplPeer::setConsent(*tou, true, 1);
-        setNetwork(true);
+        UploadWork::SetUp();
         upload = std::make_unique<UploadImpl>();
         upload->stopThread();
         upload->Init(database);
@@ -42,87 +24,8 @@ class UploadJobs : public UploadSetup {
 
     void TearDown() override {
         upload.reset();
-        UploadSetup::TearDown();
+        UploadWork::TearDown();
     }
 
-    static void setNetwork(bool available) {
-        const auto now = static_cast<std::int32_t>(KernelTime::getTimeMonotonicAsInt64());
-        NetworkHelperPeer::setStatus(available, now == 0 ? 1 : now);
-    }
-
-    DB& db() { return UploadImplPeer::db(*upload); }
-
-    Messages waiting() { return UploadImplPeer::waiting(*upload); }
-
-    /// Whether the kind's timer is pending and was asked for with `delayMs`, a moment ago.
-    ::testing::AssertionResult isDelayed(int id, long long delayMs) {
-        const long long left = UploadImplPeer::pendingDelay(*upload, id);
-        if (left <= delayMs && left > delayMs - 10000) return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << "pending: " << left << " ms";
-    }
-
-    /// Nothing was asked for but, perhaps, the refresh of the configuration when it expires.
-    ::testing::AssertionResult nothingIsScheduled() {
-        if (!waiting().empty()) return ::testing::AssertionFailure() << "a message waits";
-        const bool refresh = UploadImplPeer::pendingDelay(*upload, UploadImpl::RefreshConfig) >= 0;
-        const int others = UploadImplPeer::pendingTimers(*upload) - (refresh ? 1 : 0);
-        if (others != 0) return ::testing::AssertionFailure() << others << " timers are pending";
-        return ::testing::AssertionSuccess();
-    }
-
-    /// Runs a statement on the store from outside.
-    void sql(const std::string& statement) const {
-        sqlite3* raw = nullptr;
-        sqlite3_open(database.c_str(), &raw);
-        const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> connection(raw, &sqlite3_close);
-        char* error = nullptr;
-        if (sqlite3_exec(raw, statement.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
-            const std::string text = error == nullptr ? "sqlite3_exec" : error;
-            sqlite3_free(error);
-            throw std::runtime_error(text);
-        }
-    }
-
-    /// The first column of the first row.
-    std::string query(const std::string& statement) const {
-        sqlite3* raw = nullptr;
-        sqlite3_open(database.c_str(), &raw);
-        const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> connection(raw, &sqlite3_close);
-        std::string result;
-        sqlite3_exec(
-            raw, statement.c_str(),
-            [](void* text, int, char** values, char**) {
-                *static_cast<std::string*>(text) = values[0] == nullptr ? "" : values[0];
-                return 1;  // enough
-            },
-            &result, nullptr);
-        return result;
-    }
-
-    std::string storedEvents() const { return query("SELECT COUNT(*) FROM Events"); }
-
-    /// Stores an event of the running cycle, `ageMs` old.
-    void addEvent(std::int64_t ageMs = 0, const std::string& more = "") {
-        addEventOf(kBoot, kStandby, kernelNow - ageMs, more);
-    }
-
-    void addEventOf(unsigned int boot, unsigned int standby, std::int64_t kernelMs,
-                    const std::string& more = "") {
-        db().addEvent(boot, standby, kernelMs, "e",
-                      R"({"event-type": "e", "boot-count": )" + std::to_string(boot) +
-                          R"(, "standby-count": )" + std::to_string(standby) +
-                          R"(, "kernel-time": )" + std::to_string(kernelMs) + more + "}");
-    }
-
-    /// Requests to these parts of the cloud, without the records and files.
-    std::string otherRequests() const {
-        std::string targets;
-        for (const Request& request : cloud.requests()) {
-            if (request.method == "GET") targets += request.target + " ";
-        }
-        return targets;
-    }
-
-    Singleton<CTouImpl> tou;
     std::unique_ptr<UploadImpl> upload;
 };

@@ -11,7 +11,7 @@ struct UploadMessageQueuePeer {
     using Messages = std::vector<std::pair<int, long>>;  ///< id and parameter
 
     static Messages waiting(UploadMessageQueue& queue) {
-        std::unique_lock<std::mutex> lock(queue.m_mutex);
+        const std::lock_guard<std::mutex> lock(queue.m_mutex);
         Messages messages;
         for (const auto& message : queue.m_messages)
             messages.emplace_back(message.id, message.param);
@@ -20,7 +20,7 @@ struct UploadMessageQueuePeer {
 
     static Messages take(UploadMessageQueue& queue) {
         Messages messages = waiting(queue);
-        std::unique_lock<std::mutex> lock(queue.m_mutex);
+        const std::lock_guard<std::mutex> lock(queue.m_mutex);
         queue.m_messages.clear();
         return messages;
     }

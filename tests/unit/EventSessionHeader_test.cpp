@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include "BuildInfo.h"
+#include "CycleTimes.h"
 #include "LocationInfo.h"
 #include "support/EventSessionHeaderPeer.h"
 #include "support/JsonMemory.h"
@@ -151,4 +152,19 @@ TEST_F(EventSessionHeaderTest, IsEmptyWhenItCannotBePacked) {
     output.stop();
     EXPECT_EQ(header.text(), "");
     EXPECT_NE(output.err().find("Error in Pack: "), std::string::npos);
+}
+
+/// A header of a packet, which shares the packet's times, reads like one of its own.
+TEST_F(EventSessionHeaderTest, ReadsTheSameWithThePacketsTimes) {
+    DB store;
+    store.open(database, false);
+    store.setOpTime(kBoot, kStandby, 77);
+    CycleTimes times(*timeManager);
+    JsonObject shared =
+        JsonObject::parse(EventSessionHeader(Cycle(kBoot, kStandby), 1500000000123, times).text());
+    JsonObject own = JsonObject::parse(EventSessionHeader(kBoot, kStandby, 1500000000123).text());
+    EXPECT_EQ(shared.optInteger("operating-minutes", -1), 77);
+    EXPECT_EQ(shared.optString("upload-time").size(), own.optString("upload-time").size());
+    for (JsonObject* header : {&shared, &own}) header->set("upload-time", std::string());
+    EXPECT_EQ(shared.dumpAsString(), own.dumpAsString());
 }

@@ -1,5 +1,6 @@
 #include "EventTimeRework.h"
 
+#include "CycleTimes.h"
 #include "UploadImpl.h"
 #include "support/JsonMemory.h"
 #include "support/TaggedLines.h"
@@ -31,7 +32,7 @@ TEST_F(EventTimeReworkTest, TrustsTheTimeThatTheSenderKnew) {
     EXPECT_EQ(event, before);
 }
 
-/// It is read as a decimal number; blanks before it and text after it are allowed.
+/// It is read as a decimal number, blanks before and text after it allowed.
 TEST_F(EventTimeReworkTest, ReadsTheGivenTimeAsADecimalNumber) {
     const auto timeOf = [](const std::string& text) {
         std::string event = R"({"utc-time": ")" + text + R"("})";
@@ -154,4 +155,56 @@ TEST_F(EventTimeReworkTest, IsSilentOtherwise) {
     output.stop();
     EXPECT_EQ(output.out(), "");
     EXPECT_EQ(output.err(), "");
+}
+
+// --- events that were parsed before --------------------------------------------------------------
+
+/// An event that was parsed before gets the same time and the same members as its text.
+TEST_F(EventTimeReworkTest, TimesAParsedEventLikeItsText) {
+    timeManager->setTime(TimeSourceSystem, TimeReference(3, 0, 0), 1500000000000);
+    timeManager->setTime(TimeSourceWeb, TimeReference(0, 0, 0), 1400000000000);
+    CycleTimes times(*timeManager);
+    for (const std::string& text :
+         {eventOfThisCycle(), eventOfThisCycle(R"(, "utc-time": "1500000000000")"),
+          eventOfThisCycle(R"(, "utc-time": "0", "utc-src": "other")"),
+          eventOfThisCycle(R"(, "utc-time": 5)"), eventOfUnknownCycle,
+          std::string(R"({"boot-count": 9, "utc-time": "0"})"),
+          std::string(R"({"boot-count": "3", "standby-count": 1.0, "kernel-time": null})"),
+          std::string(R"([{"boot-count": 3}])"), std::string("no json"), std::string()}) {
+        for (const bool dropUnknown : {true, false}) {
+            std::string front = text;
+            const std::int64_t time = EventTimeRework::reworkEventTime(front, dropUnknown);
+            JsonObject event = JsonObject::parse(text);
+            EXPECT_EQ(EventTimeRework::reworkEventTime(event, text, dropUnknown, times), time)
+                << text;
+            EXPECT_EQ(event.isNull() ? text : event.dumpAsString(), front);
+        }
+    }
+}
+
+/// A malformed time: "Cannot convert this string to a long long!", and it counts as absent.
+TEST_F(EventTimeReworkTest, TreatsAMalformedTimeOfAParsedEventAsAbsent) {
+    const std::string text = eventOfThisCycle(R"(, "utc-time": "abc")");
+    JsonObject event = JsonObject::parse(text);
+    CycleTimes times(*timeManager);
+    OutputCapture output;
+    EXPECT_EQ(EventTimeRework::reworkEventTime(event, text, true, times), kNowMs + 5000);
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivUpload: Cannot convert this string to a long long!\n");
+}
+
+/// Verbose, the change is told; otherwise nothing is.
+TEST_F(EventTimeReworkTest, DescribesTheChangeOfAParsedEventWhenVerbose) {
+    const std::string text = eventOfThisCycle();
+    JsonObject event = JsonObject::parse(text);
+    CycleTimes times(*timeManager);
+    UploadImpl::SetVerbose(true);
+    OutputCapture output;
+    EventTimeRework::reworkEventTime(event, text, true, times);
+    output.stop();
+    EXPECT_EQ(taggedLines(output.outWithoutPrefixes(), kTag),
+              "kivUpload: Replacing UTC-Time in event:" + text +
+                  "\nkivUpload: Add time source web\nkivUpload: Event as JSON object: " +
+                  event.dumpAsString() + "\nkivUpload: Event utcTime = 1551953707000\n");
 }

@@ -1,8 +1,11 @@
 #include "EventsPacket.h"
 
+#include <regex>
 #include <sstream>
 
 #include "AwsWrapperImpl.h"
+#include "CycleTimes.h"
+#include "EventTimeRework.h"
 #include "support/EventsPacketPeer.h"
 #include "support/JsonMemory.h"
 #include "support/TaggedLines.h"
@@ -40,10 +43,44 @@ class EventsPacketTest : public UploadSetup {
         return lines;
     }
 
-    /// What stands after the header of a block.
+    /// What comes after the header of a block.
     static std::string eventsOf(const std::string& block) {
         const std::size_t begin = block.find(",\"events\":[");
         return begin == std::string::npos ? "(none)" : block.substr(begin);
+    }
+
+    /// Stored events as senders may write them, of several cycles, in turns.
+    static std::vector<std::string> oddEvents() {
+        std::vector<std::string> events = {
+            "no json",
+            "",
+            "5",
+            R"([1, {"boot-count": 3}])",
+            "{}",
+            R"({"a": 1)",
+            R"({"a": 1e999})",
+            R"({"a": 0.1, "b": 1e300, "c": -0.0, "d": 2.5e-7, "e": 123456789012345678, "f": 3.0})",
+            R"({"s": "\u00e9\u20ac \ud83d\ude00", "t": "\u0001\/\"\n", "\u00fc": "é€😀"})",
+            R"({"dup": 1, "other": 2, "dup": 3})",
+            R"( {"kernel-time" : 5 ,"data":{"a":1 ,"time":"x","utc-src":"y"},"a":2, "ts":[1]} )",
+            R"({"boot-count": 7, "standby-count": 2, "data": {"boot-count": 9, "kernel-time": 42}})",
+            R"({"boot-count": 7, "standby-count": 2, "data": {"data": {"z": 1}, "utc-time": "7"}})",
+            R"({"data": [1], "nested": {"a": [[], {}, [{"b": null}]], "c": true}})",
+            R"({"boot-count": "3", "standby-count": 0.0, "kernel-time": null})",
+            R"({"boot-count": 4294967299, "standby-count": -1, "kernel-time": -9})"};
+        for (const char* time : {"\"1500000000000\"", "\"0\"", "\"abc\"", "5", "\" -12x\"",
+                                 "\"99999999999999999999\"", "\"\"", "null"}) {
+            for (const int boot : {3, 7, 8}) {
+                events.push_back(event(boot, 2, std::string(R"(, "utc-time": )") + time));
+            }
+        }
+        return events;
+    }
+
+    /// The packet's text without the moments at which its headers were made.
+    static std::string timelessText(const EventsPacket& packet) {
+        return std::regex_replace(EventsPacketPeer::text(packet),
+                                  std::regex(R"("upload-time": "[^"]*")"), "\"upload-time\": \"\"");
     }
 
     /// The one event of a packet, as it would be sent.
@@ -58,7 +95,7 @@ class EventsPacketTest : public UploadSetup {
 }  // namespace
 
 /// One event goes out after its header, closed by "]}" and a line feed.
-TEST_F(EventsPacketTest, SendsOneEventBehindItsHeader) {
+TEST_F(EventsPacketTest, SendsOneEventAfterItsHeader) {
     EventsPacket packet(kAmple);
     EXPECT_TRUE(packet.AddEvent(event(3, 0), kTime));
     EXPECT_TRUE(packet.Send());
@@ -294,4 +331,65 @@ TEST_F(EventsPacketTest, IsSilentOtherwise) {
     output.stop();
     EXPECT_EQ(output.out(), "");
     EXPECT_EQ(output.err(), "");
+}
+
+// --- events that were parsed before --------------------------------------------------------------
+
+/// An event that was parsed and timed before goes out byte for byte as its text does.
+TEST_F(EventsPacketTest, MakesTheSameRecordOfParsedEventsAsOfTheirTexts) {
+    timeManager->setTime(TimeSourceSystem, TimeReference(3, 2, 0), 1500000000000);
+    OutputCapture output;  // malformed times
+    for (const int limit : {kAmple, 3000, 600}) {
+        EventsPacket ofTexts(limit);
+        EventsPacket ofParsed(limit);
+        CycleTimes times(*timeManager);
+        for (const std::string& text : oddEvents()) {
+            std::string front = text;
+            const std::int64_t time = EventTimeRework::reworkEventTime(front, true);
+            JsonObject parsed = JsonObject::parse(text);
+            EXPECT_EQ(EventTimeRework::reworkEventTime(parsed, text, true, times), time) << text;
+            EXPECT_EQ(ofParsed.AddEvent(parsed, text, time, times), ofTexts.AddEvent(front, time))
+                << text;
+            EXPECT_EQ(timelessText(ofParsed), timelessText(ofTexts)) << text;
+        }
+        EXPECT_EQ(ofTexts.IsEmpty(), limit == 600);
+    }
+}
+
+/// The headers of a packet ask for no time that its events asked for.
+TEST_F(EventsPacketTest, AsksForTheTimesOfACycleOnceForAllItsBlocks) {
+    CycleTimes times(*timeManager);
+    EventsPacket packet(kAmple);
+    const auto add = [&](int boot) {
+        const std::string text = event(boot, 2);
+        JsonObject parsed = JsonObject::parse(text);
+        return packet.AddEvent(parsed, text, kTime, times);
+    };
+    EXPECT_TRUE(add(3) && add(7));
+    TimeMgrImpl::SetVerbose(true);
+    OutputCapture output;
+    EXPECT_TRUE(add(3) && add(7) && add(3));
+    output.stop();
+    TimeMgrImpl::SetVerbose(false);
+    EXPECT_EQ(output.outWithoutPrefixes().find("TimeMgr: getTime"), std::string::npos)
+        << output.out();
+}
+
+/// Verbose, each step and the record are told; otherwise nothing is.
+TEST_F(EventsPacketTest, ShowsTheTextOfAParsedEventWhenVerbose) {
+    CycleTimes times(*timeManager);
+    EventsPacket packet(kAmple);
+    const std::string stored = event(3, 0);
+    JsonObject parsed = JsonObject::parse(stored);
+    parsed.set("utc-src", std::string("web"));
+    const std::string now = parsed.dumpAsString();
+    JsonObject none;
+    AwsWrapperImpl::SetVerbose(true);
+    OutputCapture output;
+    packet.AddEvent(parsed, stored, kTime, times);
+    packet.AddEvent(none, "no json", kTime, times);
+    output.stop();
+    const std::string lines = taggedLines(output.outWithoutPrefixes(), kTag);
+    EXPECT_EQ(lines.rfind("kivAWSWrapper:  Add " + now + " to packet\n", 0), 0u) << lines;
+    EXPECT_NE(lines.find("\nkivAWSWrapper:  Add no json to packet\n"), std::string::npos) << lines;
 }

@@ -12,6 +12,7 @@
 #include <signal.h>
 
 #include "support/ConfigImplPeer.h"
+#include "support/NoThreads.h"
 #include "support/PoisonedOutput.h"
 #include "support/SystemCallFaults.h"
 #include "support/UploadJobs.h"
@@ -77,40 +78,6 @@ class UploadImplTest : public UploadJobs {
 
 // --- messages and thread ------------------------------------------------------------------------
 
-/// Equal messages that wait are one; a forced refresh stands beside a plain one.
-TEST_F(UploadImplTest, KeepsOneOfTwoEqualMessages) {
-    upload->sendMsg(1, 0);
-    upload->sendMsg(1, 0);
-    EXPECT_EQ(waiting(), (Messages{{1, 0}}));
-}
-
-/// Equal messages that wait are one; a forced refresh stands beside a plain one.
-TEST_F(UploadImplTest, KeepsAForcedRefreshBesideAPlainOne) {
-    upload->sendMsg(3, 0);
-    upload->sendMsg(3, 1);
-    upload->sendMsg(3, 0);
-    EXPECT_EQ(waiting(), (Messages{{3, 0}, {3, 1}}));
-}
-
-/// A sent message is told when verbose, unless it was dropped.
-TEST_F(UploadImplTest, NotesASentMessageWhenVerboseUnlessItWasDropped) {
-    UploadImpl::SetVerbose(true);
-    OutputCapture output;
-    upload->sendMsg(3, 1);
-    upload->sendMsg(3, 1);
-    output.stop();
-    EXPECT_EQ(output.outWithoutPrefixes(), "kivUpload:  Send message 3 1\n");
-}
-
-/// A sent message is told when verbose, unless it was dropped.
-TEST_F(UploadImplTest, SaysNothingOtherwise) {
-    OutputCapture output;
-    upload->sendMsg(3, 1);
-    upload->ScheduleRefreshConfig(5000, true);
-    output.stop();
-    EXPECT_EQ(output.out(), "");
-}
-
 /// A sent message is told when verbose, unless it was dropped.
 TEST_F(UploadImplTest, TellsWhetherItIsVerbose) {
     EXPECT_FALSE(UploadImpl::GetVerbose());
@@ -135,8 +102,8 @@ TEST_F(UploadImplTest, RunsTheThreadFromTheStart) {
     EXPECT_TRUE(WaitUntil([&] { return UploadImplPeer::isRunning(another); }));
 }
 
-/// A stop ends the thread once all waiting work is done, and only once.
-TEST_F(UploadImplTest, EndsTheThreadBehindAllWaitingWork) {
+/// A stop ends the thread after all waiting work, once.
+TEST_F(UploadImplTest, EndsTheThreadAfterAllWaitingWork) {
     auto another = startAnother();
     std::unique_lock<std::recursive_mutex> store(DB::m_PruneLock);
     another->sendMsg(4, 0);  // waits for the store
@@ -159,11 +126,11 @@ TEST_F(UploadImplTest, EndsTheThreadBehindAllWaitingWork) {
     EXPECT_EQ(got,
               "kivUpload: Got message 1 0\nkivUpload: Got message 2 0\n"
               "kivUpload: Got message 0 0\n");
-    EXPECT_FALSE(UploadImplPeer::thread(*another).joinable());
+    EXPECT_FALSE(UploadImplPeer::thread(*another).isStarted());
 }
 
 /// After each job free memory is given back.
-TEST_F(UploadImplTest, GivesFreeMemoryBackBehindEachJob) {
+TEST_F(UploadImplTest, GivesFreeMemoryBackAfterEachJob) {
     const int before = SystemCallFaults::heapTrims;
     auto another = startAnother();
     another->sendMsg(7, 0);
@@ -174,7 +141,7 @@ TEST_F(UploadImplTest, GivesFreeMemoryBackBehindEachJob) {
     EXPECT_EQ(SystemCallFaults::heapTrims, before + 3);
 }
 
-/// A stop ends the thread once all waiting work is done, and only once.
+/// A stop ends the thread after all waiting work, once.
 TEST_F(UploadImplTest, StopsOnlyOnce) {
     upload->stopThread();
     EXPECT_EQ(waiting(), Messages{}) << "no thread, no stop message";
@@ -231,6 +198,47 @@ TEST_F(UploadImplTest, AsksForTheNextTryOfAJobThatThrew) {
     EXPECT_EQ(delayAfter(4, "eventsTimeCheck request", 4), 300);
 }
 
+/// A thread that cannot be started gets a line with the reason; the messages wait.
+TEST_F(UploadImplTest, TellsThatItsThreadCannotBeStarted) {
+    upload.reset();
+    OutputCapture output;
+    std::unique_ptr<UploadImpl> another;
+    {
+        const NoThreads noThreads;
+        ASSERT_TRUE(noThreads.done());
+        another = std::make_unique<UploadImpl>();
+    }
+    another->sendMsg(4, 0);
+    another->stopThread();
+    EXPECT_EQ(UploadImplPeer::waiting(*another), (Messages{{4, 0}})) << "and no stop message";
+    another.reset();
+    output.stop();
+    EXPECT_NE(output.errWithoutPrefixes().find(
+                  "kivUpload: Cannot start the thread: Resource temporarily unavailable\n"),
+              std::string::npos)
+        << output.err();
+}
+
+/// Each message runs its job.
+TEST_F(UploadImplTest, RunsTheJobOfEachMessage) {
+    setNetwork(false);
+    UploadImplPeer::setReport(*upload, dir.path(), dir.file("none/full.log"));
+    UploadImpl::SetVerbose(true);
+    OutputCapture output;
+    for (const int id : {1, 2, 3, 4, 5, 6}) upload->handleMsg(id, 0);
+    output.stop();
+    std::string jobs;
+    for (const char* line :
+         {"uploadEvents request\n", "uploadFiles request\n", "configRefresh request\n",
+          "eventsTimeCheck request\n", "Initialization not possible as network not available"}) {
+        const std::size_t found = output.outWithoutPrefixes().find(kTag + std::string(line));
+        jobs += found == std::string::npos ? "no " : "yes ";
+    }
+    EXPECT_EQ(jobs, "yes yes yes yes yes ");
+    EXPECT_EQ(output.errWithoutPrefixes(), "kivUpload: Cannot write " + dir.file("none/full.log") +
+                                               ": No such file or directory\n");
+}
+
 /// Every thread but the main one blocks it.
 ///
 /// The thread runs from the start, named "UploadThread", and leaves the alarm to the creating
@@ -276,65 +284,6 @@ TEST_F(UploadImplTest, KeepsATimerOfItsOwnForEachKind) {
     EXPECT_TRUE(isDelayed(5, 500000));
     EXPECT_EQ(UploadImplPeer::pendingTimers(*upload), 5);
     EXPECT_EQ(waiting(), Messages{});
-}
-
-/// Each kind has one timer; a new delay replaces the old, posting at once leaves it.
-TEST_F(UploadImplTest, ReplacesAPendingDelayByALongerOrAShorterOne) {
-    upload->ScheduleEventsTimeCheck(60000);
-    upload->ScheduleEventsTimeCheck(300000);
-    EXPECT_TRUE(isDelayed(4, 300000));
-    upload->ScheduleEventsTimeCheck(30000);
-    EXPECT_TRUE(isDelayed(4, 30000));
-    EXPECT_TRUE(WaitUntil([&] { return UploadImplPeer::pendingTimers(*upload) == 1; }));
-    EXPECT_EQ(waiting(), Messages{}) << "a cancelled timer posts nothing";
-}
-
-/// Each kind has one timer; a new delay replaces the old, posting at once leaves it.
-TEST_F(UploadImplTest, LeavesAPendingDelayAloneWhenPostingAtOnce) {
-    upload->ScheduleEventsTimeCheck(60000);
-    const std::uint64_t handle = UploadImplPeer::timer(*upload, 4);
-    upload->ScheduleEventsTimeCheck();
-    EXPECT_TRUE(isDelayed(4, 60000));
-    EXPECT_EQ(UploadImplPeer::timer(*upload, 4), handle);
-    EXPECT_EQ(waiting(), (Messages{{4, 0}}));
-}
-
-/// A passed delay posts the message and keeps the handle.
-TEST_F(UploadImplTest, PostsWhenTheDelayHasPassedAndKeepsTheHandle) {
-    upload->ScheduleFilesUpload(1);
-    const std::uint64_t handle = UploadImplPeer::timer(*upload, 2);
-    EXPECT_NE(handle, 0u);
-    EXPECT_TRUE(WaitUntil([&] { return waiting() == Messages{{2, 0}}; }));
-    EXPECT_EQ(UploadImplPeer::timer(*upload, 2), handle);
-}
-
-/// The force of a delayed refresh is not carried.
-TEST_F(UploadImplTest, DoesNotCarryTheForceOfADelayedRefresh) {
-    upload->ScheduleRefreshConfig(1, true);
-    EXPECT_TRUE(WaitUntil([&] { return waiting() == Messages{{3, 0}}; }));
-    upload->ScheduleRefreshConfig(true);
-    EXPECT_EQ(waiting(), (Messages{{3, 0}, {3, 1}}));
-}
-
-/// The delay of a refresh is told when verbose.
-TEST_F(UploadImplTest, NotesTheDelayOfARefreshWhenVerbose) {
-    UploadImpl::SetVerbose(true);
-    OutputCapture output;
-    upload->ScheduleRefreshConfig(5000, true);
-    upload->ScheduleRefreshConfig(true);
-    output.stop();
-    EXPECT_EQ(output.outWithoutPrefixes(),
-              "kivUpload: ScheduleRefreshConfig delay:5000\n"
-              "kivUpload: ScheduleRefreshConfig delay:0\n"
-              "kivUpload:  Send message 3 1\n");
-}
-
-/// Delays are clamped to 1 ... 2147483647 ms.
-TEST_F(UploadImplTest, ClampsDelays) {
-    upload->ScheduleEventsUpload(LONG_MAX);
-    EXPECT_TRUE(isDelayed(1, 2147483647));
-    upload->ScheduleFilesUpload(-5);
-    EXPECT_TRUE(WaitUntil([&] { return waiting() == Messages{{2, 0}}; }));
 }
 
 /// A cancelled timer, or one of an object that has gone, posts nothing.
@@ -517,7 +466,7 @@ TEST_F(UploadImplTest, EndsWithItsLastHolderHoweverMuchWaits) {
 // --- refreshing the configuration ---------------------------------------------------------------
 
 /// A good refresh restarts the time check and, with files, their upload; a failed one nothing.
-TEST_F(UploadImplTest, RestartsTheJobsBehindARefresh) {
+TEST_F(UploadImplTest, RestartsTheJobsAfterARefresh) {
     db().addFile("f", "/tmp/f", "");
     EXPECT_EQ(upload->refreshConfig(false), 1);
     EXPECT_EQ(waiting(), (Messages{{4, 0}, {2, 0}}));

@@ -1,3 +1,5 @@
+#include "EventsUpload.h"
+
 #include <iostream>
 #include <mutex>
 #include <sstream>
@@ -9,33 +11,33 @@
 
 #include "JsonArrayIterator.h"
 #include "support/LocationInfoPeer.h"
-#include "support/UploadJobs.h"
+#include "support/UploadRooms.h"
 
 namespace {
 
 constexpr const char* kDbErrorType = R"("event-type": "db.error")";
 
-class UploadImplEventsTest : public UploadJobs {
+class EventsUploadTest : public UploadRooms {
   protected:
     /// The events of all blocks of a record.
     static std::vector<JsonObject> eventsOf(const std::string& record) {
-        std::vector<JsonObject> events;
+        std::vector<JsonObject> found;
         std::istringstream in(record);
         for (std::string line; std::getline(in, line);) {
             const JsonObject block = JsonObject::parse(line);
             EXPECT_TRUE(block.isObject()) << line;
             JsonArrayIterator event(block.getObject("events"));
-            for (; event; ++event) events.push_back(event.current());
+            for (; event; ++event) found.push_back(event.current());
         }
-        return events;
+        return found;
     }
 
     std::vector<JsonObject> sentEvents() const {
-        std::vector<JsonObject> events;
+        std::vector<JsonObject> sent;
         for (const std::string& record : records()) {
-            for (const JsonObject& event : eventsOf(record)) events.push_back(event);
+            for (const JsonObject& event : eventsOf(record)) sent.push_back(event);
         }
-        return events;
+        return sent;
     }
 
     std::int64_t nowSeconds() const { return timeManager->getTime() / 1000; }
@@ -82,10 +84,10 @@ class LockProbe : public std::streambuf {
 // --- events upload ------------------------------------------------------------------------------
 
 /// Stored events are sent in stored order and deleted.
-TEST_F(UploadImplEventsTest, SendsTheStoredEventsAndDeletesThem) {
+TEST_F(EventsUploadTest, SendsTheStoredEventsAndDeletesThem) {
     addEvent(2000);
     addEvent(1000);
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     EXPECT_EQ(storedEvents(), "0");
     ASSERT_EQ(records().size(), 1u);
     const std::string record = records()[0];
@@ -102,12 +104,12 @@ TEST_F(UploadImplEventsTest, SendsTheStoredEventsAndDeletesThem) {
 }
 
 /// Stored events are sent in stored order and deleted.
-TEST_F(UploadImplEventsTest, SendsTheEventsInStoredOrder) {
+TEST_F(EventsUploadTest, SendsTheEventsInStoredOrder) {
     addEventOf(kBoot, kStandby, kernelNow);
     addEventOf(kBoot, 1, 500);
     addEventOf(3, 4, 700);
     addEventOf(3, 4, 600);
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     std::vector<long long> order;
     for (const JsonObject& event : sentEvents()) order.push_back(event.optInteger("ts", -1));
     EXPECT_EQ(order, (std::vector<long long>{600, 700, 500, kernelNow}));
@@ -115,18 +117,18 @@ TEST_F(UploadImplEventsTest, SendsTheEventsInStoredOrder) {
 }
 
 /// A given time is sent without source; an unknown one is the epoch.
-TEST_F(UploadImplEventsTest, SendsAGivenTimeWithoutSource) {
+TEST_F(EventsUploadTest, SendsAGivenTimeWithoutSource) {
     addEvent(0, R"(, "utc-time": "1500000000000")");
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     ASSERT_EQ(sentEvents().size(), 1u);
     EXPECT_EQ(sentEvents()[0].optString("time"), "2017-07-14T02:40:00.000Z");
     EXPECT_TRUE(sentEvents()[0].getObject("utc-src").isNull());
 }
 
 /// A given time is sent without source; an unknown one is the epoch.
-TEST_F(UploadImplEventsTest, SendsAnEventOfAnUnknownCycleAtTheEpoch) {
+TEST_F(EventsUploadTest, SendsAnEventOfAnUnknownCycleAtTheEpoch) {
     addEventOf(3, 0, 1000);
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     ASSERT_EQ(sentEvents().size(), 1u);
     EXPECT_EQ(sentEvents()[0].optString("time"), "1970-01-01T00:00:00.000Z");
     EXPECT_TRUE(sentEvents()[0].getObject("utc-src").isNull());
@@ -134,23 +136,23 @@ TEST_F(UploadImplEventsTest, SendsAnEventOfAnUnknownCycleAtTheEpoch) {
 }
 
 /// An empty store sends nothing.
-TEST_F(UploadImplEventsTest, SendsNothingOfAnEmptyStore) {
-    EXPECT_EQ(upload->uploadEvents(), 0);
+TEST_F(EventsUploadTest, SendsNothingOfAnEmptyStore) {
+    EXPECT_EQ(events.upload(), 0);
     EXPECT_EQ(cloud.requests().size(), 0u);
     EXPECT_TRUE(nothingIsScheduled());
 }
 
 /// A backlog above the minimum is drained packet after packet; a rest below it waits for its
 /// age.
-TEST_F(UploadImplEventsTest, DrainsABacklogPacketAfterPacket) {
+TEST_F(EventsUploadTest, DrainsABacklogPacketAfterPacket) {
     configure(R"({"upload_events": {"max-size": 1500, "min-size": 10}})");
     for (int i = 0; i < 30; ++i) addEvent(30 - i);
     int packets = 0;
     while (storedEvents() != "0") {
-        ASSERT_NE(upload->uploadEvents(), 0);
+        ASSERT_NE(events.upload(), 0);
         ++packets;
         const Messages expected{{storedEvents() == "0" ? 4 : 1, 0}};
-        EXPECT_EQ(UploadImplPeer::take(*upload), expected);
+        EXPECT_EQ(UploadSchedulePeer::take(asked), expected);
     }
     EXPECT_GT(packets, 2);
     EXPECT_EQ(sentEvents().size(), 30u) << "each once";
@@ -159,97 +161,97 @@ TEST_F(UploadImplEventsTest, DrainsABacklogPacketAfterPacket) {
 
 /// A backlog above the minimum is drained packet after packet; a rest below it waits for its
 /// age.
-TEST_F(UploadImplEventsTest, WaitsForTheAgeOfARestBelowTheMinimum) {
+TEST_F(EventsUploadTest, WaitsForTheAgeOfARestBelowTheMinimum) {
     configure(R"({"upload_events": {"max-size": 1500, "min-size": 100000}})");
     for (int i = 0; i < 30; ++i) addEvent(30 - i);
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     EXPECT_NE(storedEvents(), "0");
     EXPECT_EQ(waiting(), (Messages{{4, 0}}));
 }
 
-/// An event that fits no packet blocks the queue and is not a failure.
-TEST_F(UploadImplEventsTest, LetsAnEventThatFitsNoPacketBlockTheQueue) {
+/// An event that fits no packet blocks the queue and is no failure.
+TEST_F(EventsUploadTest, LetsAnEventThatFitsNoPacketBlockTheQueue) {
     configure(R"({"upload_events": {"max-size": 100}})");
     addEvent();
-    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(events.upload(), 0);
     EXPECT_EQ(cloud.requests().size(), 0u);
     EXPECT_EQ(storedEvents(), "1");
-    EXPECT_EQ(UploadImplPeer::lastFailureTime(*upload), 0);
+    EXPECT_EQ(EventsUploadPeer::lastFailureTime(events), 0);
 }
 
 /// A failed send keeps the rows, says "Event upload failed, will try later in " 60 " seconds"
 /// and checks in 60000 ms.
-TEST_F(UploadImplEventsTest, KeepsTheRowsWhenTheStreamRefuses) {
+TEST_F(EventsUploadTest, KeepsTheRowsWhenTheStreamRefuses) {
     script(refuse);
     addEvent();
     OutputCapture output;
-    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(events.upload(), 0);
     output.stop();
     EXPECT_EQ(taggedLines(output.errWithoutPrefixes(), kTag),
               "kivUpload: Event upload failed, will try later in 60 seconds\n");
     EXPECT_EQ(storedEvents(), "1");
     EXPECT_TRUE(isDelayed(4, 60000));
-    EXPECT_NEAR(static_cast<double>(UploadImplPeer::lastFailureTime(*upload)),
+    EXPECT_NEAR(static_cast<double>(EventsUploadPeer::lastFailureTime(events)),
                 static_cast<double>(nowSeconds()), 2);
     EXPECT_EQ(waiting(), Messages{});
 }
 
 /// A failed send keeps the rows, says "Event upload failed, will try later in " 60 " seconds"
 /// and checks in 60000 ms.
-TEST_F(UploadImplEventsTest, SendsTheSameEventsAgainAfterAFailure) {
+TEST_F(EventsUploadTest, SendsTheSameEventsAgainAfterAFailure) {
     script(refuse);
     addEvent(0, R"(, "utc-time": "1500000000000")");
     OutputCapture output;
-    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(events.upload(), 0);
     output.stop();
     script(accept);
-    UploadImplPeer::setLastFailureTime(*upload, nowSeconds() - 60);
-    EXPECT_NE(upload->uploadEvents(), 0);
-    const auto events = sentEvents();
-    ASSERT_EQ(events.size(), 2u);
-    EXPECT_TRUE(events[0].equals(events[1]));
-    EXPECT_EQ(UploadImplPeer::lastFailureTime(*upload), 0);
+    EventsUploadPeer::setLastFailureTime(events, nowSeconds() - 60);
+    EXPECT_NE(events.upload(), 0);
+    const auto sent = sentEvents();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_TRUE(sent[0].equals(sent[1]));
+    EXPECT_EQ(EventsUploadPeer::lastFailureTime(events), 0);
     EXPECT_EQ(storedEvents(), "0");
 }
 
 /// Within 60 s of a failure nothing is tried; a failure in the future is an old one.
-TEST_F(UploadImplEventsTest, TriesNothingWithinAMinuteOfAFailure) {
+TEST_F(EventsUploadTest, TriesNothingWithinAMinuteOfAFailure) {
     script(refuse);
     addEvent();
     OutputCapture output;
-    EXPECT_EQ(upload->uploadEvents(), 0);
-    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(events.upload(), 0);
+    EXPECT_EQ(events.upload(), 0);
     output.stop();
     EXPECT_EQ(cloud.requests().size(), 1u);
 }
 
 /// Within 60 s of a failure nothing is tried; a failure in the future is an old one.
-TEST_F(UploadImplEventsTest, TriesAgainAMinuteAfterAFailure) {
+TEST_F(EventsUploadTest, TriesAgainAMinuteAfterAFailure) {
     addEvent();
-    UploadImplPeer::setLastFailureTime(*upload, nowSeconds() - 50);
-    EXPECT_EQ(upload->uploadEvents(), 0);
-    UploadImplPeer::setLastFailureTime(*upload, nowSeconds() - 60);
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EventsUploadPeer::setLastFailureTime(events, nowSeconds() - 50);
+    EXPECT_EQ(events.upload(), 0);
+    EventsUploadPeer::setLastFailureTime(events, nowSeconds() - 60);
+    EXPECT_NE(events.upload(), 0);
 }
 
 /// Within 60 s of a failure nothing is tried; a failure in the future is an old one.
-TEST_F(UploadImplEventsTest, TakesAFailureInTheFutureForAnOldOne) {
+TEST_F(EventsUploadTest, TakesAFailureInTheFutureForAnOldOne) {
     addEvent();
-    UploadImplPeer::setLastFailureTime(*upload, nowSeconds() + 1000);
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EventsUploadPeer::setLastFailureTime(events, nowSeconds() + 1000);
+    EXPECT_NE(events.upload(), 0);
 }
 
 /// Without consent, current configuration, web time or clock nothing is sent or scheduled.
-TEST_F(UploadImplEventsTest, UploadsNothingWithoutConsent) {
+TEST_F(EventsUploadTest, UploadsNothingWithoutConsent) {
     configure(R"({"kiv_tou": false})");
     addEvent();
-    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(events.upload(), 0);
     EXPECT_EQ(cloud.requests().size(), 0u);
     EXPECT_TRUE(nothingIsScheduled());
 }
 
 /// Without consent, current configuration, web time or clock nothing is sent or scheduled.
-TEST_F(UploadImplEventsTest, UploadsNothingUnderAnExpiredConfiguration) {
+TEST_F(EventsUploadTest, UploadsNothingUnderAnExpiredConfiguration) {
     configure(R"({"expiry_tou": 0})");
     addEvent();
     script([](const Request&) {
@@ -258,7 +260,7 @@ TEST_F(UploadImplEventsTest, UploadsNothingUnderAnExpiredConfiguration) {
         return response;
     });
     OutputCapture output;
-    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(events.upload(), 0);
     output.stop();
     EXPECT_EQ(otherRequests(), "/config/dev1 ") << "it asks for a new one";
     EXPECT_EQ(records().size(), 0u);
@@ -266,12 +268,12 @@ TEST_F(UploadImplEventsTest, UploadsNothingUnderAnExpiredConfiguration) {
 }
 
 /// Without consent, current configuration, web time or clock nothing is sent or scheduled.
-TEST_F(UploadImplEventsTest, UploadsNothingWithoutWebTime) {
+TEST_F(EventsUploadTest, UploadsNothingWithoutWebTime) {
     device->setBootCounts(8, 0);
     timeManager->setTime(TimeSourceSystem, TimeReference(), kNowMs);
     addEvent();
     OutputCapture output;
-    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(events.upload(), 0);
     output.stop();
     EXPECT_EQ(otherRequests(), "/time ");
     EXPECT_EQ(records().size(), 0u);
@@ -279,21 +281,21 @@ TEST_F(UploadImplEventsTest, UploadsNothingWithoutWebTime) {
 }
 
 /// Without consent, current configuration, web time or clock nothing is sent or scheduled.
-TEST_F(UploadImplEventsTest, UploadsNothingWithoutAClock) {
+TEST_F(EventsUploadTest, UploadsNothingWithoutAClock) {
     device->setBootCounts(8, 0);
     addEvent();
     OutputCapture output;
-    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(events.upload(), 0);
     output.stop();
     EXPECT_EQ(records().size(), 0u);
     EXPECT_TRUE(nothingIsScheduled());
 }
 
 /// A database in error is reported instead of events and of files.
-TEST_F(UploadImplEventsTest, ReportsADatabaseErrorInsteadOfEvents) {
+TEST_F(EventsUploadTest, ReportsADatabaseErrorInsteadOfEvents) {
     addEvent();
     DB::m_dbError = true;
-    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(events.upload(), 0);
     ASSERT_EQ(records().size(), 1u);
     EXPECT_NE(records()[0].find(kDbErrorType), std::string::npos);
     EXPECT_EQ(storedEvents(), "1");
@@ -301,7 +303,7 @@ TEST_F(UploadImplEventsTest, ReportsADatabaseErrorInsteadOfEvents) {
 }
 
 /// The store's lock is not held while sending or asking for the location.
-TEST_F(UploadImplEventsTest, HoldsNoLockOfTheStoreWhileSending) {
+TEST_F(EventsUploadTest, HoldsNoLockOfTheStoreWhileSending) {
     addEvent();
     std::string seen;
     script([&](const Request& request) {
@@ -309,12 +311,12 @@ TEST_F(UploadImplEventsTest, HoldsNoLockOfTheStoreWhileSending) {
         seen = lock.owns_lock() ? "free" : "held";
         return accept(request);
     });
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     EXPECT_EQ(seen, "free");
 }
 
 /// A prune that went on while sending keeps its overflow event.
-TEST_F(UploadImplEventsTest, KeepsTheRecordOfAPruneThatWentOnWhileSending) {
+TEST_F(EventsUploadTest, KeepsTheRecordOfAPruneThatWentOnWhileSending) {
     for (int i = 0; i < 5; ++i) addEvent(5 - i);
     script([&](const Request& request) {
         DB other;
@@ -322,14 +324,14 @@ TEST_F(UploadImplEventsTest, KeepsTheRecordOfAPruneThatWentOnWhileSending) {
         other.pruneAboveSize(0);
         return accept(request);
     });
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     EXPECT_EQ(storedEvents(), "1");
     EXPECT_NE(db().getOldestEvent().find("logging.overflow"), std::string::npos);
     EXPECT_EQ(sentEvents().size(), 5u);
 }
 
 /// Rows that cannot be deleted count as a failed send.
-TEST_F(UploadImplEventsTest, TreatsRowsThatCannotBeDeletedLikeAFailedSend) {
+TEST_F(EventsUploadTest, TreatsRowsThatCannotBeDeletedLikeAFailedSend) {
     addEvent();
     std::shared_ptr<sqlite3> locked;
     script([&](const Request& request) {
@@ -337,19 +339,19 @@ TEST_F(UploadImplEventsTest, TreatsRowsThatCannotBeDeletedLikeAFailedSend) {
         return accept(request);
     });
     OutputCapture output;
-    EXPECT_EQ(upload->uploadEvents(), 0);
+    EXPECT_EQ(events.upload(), 0);
     output.stop();
     locked.reset();
     EXPECT_EQ(taggedLines(output.errWithoutPrefixes(), kTag),
               "kivUpload: Deleting the sent events failed, will try later in 60 seconds\n");
-    EXPECT_NE(UploadImplPeer::lastFailureTime(*upload), 0);
+    EXPECT_NE(EventsUploadPeer::lastFailureTime(events), 0);
     EXPECT_TRUE(isDelayed(4, 60000));
     EXPECT_EQ(waiting(), Messages{});
     EXPECT_EQ(storedEvents(), "1");
 }
 
 /// The store's lock is not held while sending or asking for the location.
-TEST_F(UploadImplEventsTest, AsksForTheLocationBeforeItLocksTheStore) {
+TEST_F(EventsUploadTest, AsksForTheLocationBeforeItLocksTheStore) {
     ::unsetenv("LOC_NETWORK");
     LocationInfoPeer::setProvider(cloud.url("/json"));
     LocationInfo::setDbPath(database);
@@ -365,7 +367,7 @@ TEST_F(UploadImplEventsTest, AsksForTheLocationBeforeItLocksTheStore) {
         return response;
     });
     addEvent();
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     EXPECT_EQ(seen, "free");
     ASSERT_EQ(records().size(), 1u);
     EXPECT_EQ(JsonObject::parse(records()[0]).getObject("location").optString("city"), "Ghent");
@@ -374,7 +376,7 @@ TEST_F(UploadImplEventsTest, AsksForTheLocationBeforeItLocksTheStore) {
 
 /// The location is asked for once an upload and once a database-error event, without the
 /// store's lock.
-TEST_F(UploadImplEventsTest, AsksForTheLocationOnceAnUploadAlsoWhenItStaysUnknown) {
+TEST_F(EventsUploadTest, AsksForTheLocationOnceAnUploadAlsoWhenItStaysUnknown) {
     ::unsetenv("LOC_NETWORK");
     LocationInfoPeer::setProvider(cloud.url("/json"));
     script([](const Request& request) {
@@ -386,7 +388,7 @@ TEST_F(UploadImplEventsTest, AsksForTheLocationOnceAnUploadAlsoWhenItStaysUnknow
     addEventOf(3, 2, 1000);
     addEvent();
     OutputCapture output;
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     output.stop();
     EXPECT_EQ(otherRequests(), "/json ") << "one for three headers";
     ASSERT_EQ(records().size(), 1u);
@@ -399,12 +401,12 @@ TEST_F(UploadImplEventsTest, AsksForTheLocationOnceAnUploadAlsoWhenItStaysUnknow
 }
 
 /// Verbose, an upload is told step by step; otherwise nothing is.
-TEST_F(UploadImplEventsTest, DescribesAnUploadWhenVerbose) {
+TEST_F(EventsUploadTest, DescribesAnUploadWhenVerbose) {
     addEvent(0, R"(, "utc-time": "1500000000000")");
     const std::string event = db().getOldestEvent();
-    UploadImpl::SetVerbose(true);
+    UploadLog::log.setVerbose(true);
     OutputCapture output;
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     output.stop();
     const std::string lines = taggedLines(output.outWithoutPrefixes(), kTag);
     const std::string tail =
@@ -422,12 +424,12 @@ TEST_F(UploadImplEventsTest, DescribesAnUploadWhenVerbose) {
 }
 
 /// Verbose, an upload is told step by step; otherwise nothing is.
-TEST_F(UploadImplEventsTest, DescribesAFullPacketAndTheNextOneWhenVerbose) {
+TEST_F(EventsUploadTest, DescribesAFullPacketAndTheNextOneWhenVerbose) {
     configure(R"({"upload_events": {"max-size": 1500, "min-size": 10}})");
     for (int i = 0; i < 30; ++i) addEvent(30 - i);
-    UploadImpl::SetVerbose(true);
+    UploadLog::log.setVerbose(true);
     OutputCapture output;
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     output.stop();
     const std::string lines = output.outWithoutPrefixes();
     EXPECT_NE(lines.find("kivUpload: Packet full. Unmark last event\n"), std::string::npos);
@@ -440,10 +442,10 @@ TEST_F(UploadImplEventsTest, DescribesAFullPacketAndTheNextOneWhenVerbose) {
 }
 
 /// Verbose, an upload is told step by step; otherwise nothing is.
-TEST_F(UploadImplEventsTest, UploadsSilentlyOtherwise) {
+TEST_F(EventsUploadTest, UploadsSilentlyOtherwise) {
     addEvent();
     OutputCapture output;
-    EXPECT_NE(upload->uploadEvents(), 0);
+    EXPECT_NE(events.upload(), 0);
     output.stop();
     EXPECT_EQ(output.out(), "");
     EXPECT_EQ(output.err(), "");
@@ -452,20 +454,20 @@ TEST_F(UploadImplEventsTest, UploadsSilentlyOtherwise) {
 // --- time check ---------------------------------------------------------------------------------
 
 /// The time check stops under an expired configuration and with a delay below 1.
-TEST_F(UploadImplEventsTest, ChecksNoTimesUnderAnExpiredConfiguration) {
+TEST_F(EventsUploadTest, ChecksNoTimesUnderAnExpiredConfiguration) {
     configure(R"({"expiry_tou": 0})");
     addEvent();
-    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(events.checkTimes(), 0);
     EXPECT_TRUE(nothingIsScheduled());
 }
 
 /// Without a clock the time check schedules nothing; by the system's time it waits for the age,
 /// and a due event for web time in steps of 300000 ms.
-TEST_F(UploadImplEventsTest, ChecksNoTimesWithoutAClock) {
+TEST_F(EventsUploadTest, ChecksNoTimesWithoutAClock) {
     device->setBootCounts(8, 0);  // a cycle of which nobody knows the time
     addEventOf(3, 0, 1000);
     OutputCapture output;
-    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(events.checkTimes(), 0);
     output.stop();
     EXPECT_EQ(cloud.requests().size(), 0u);
     EXPECT_TRUE(nothingIsScheduled());
@@ -473,12 +475,12 @@ TEST_F(UploadImplEventsTest, ChecksNoTimesWithoutAClock) {
 
 /// Without a clock the time check schedules nothing; by the system's time it waits for the age,
 /// and a due event for web time in steps of 300000 ms.
-TEST_F(UploadImplEventsTest, ChecksAgainInFiveMinutesWhileOnlyTheSystemKnowsTheTime) {
+TEST_F(EventsUploadTest, ChecksAgainInFiveMinutesWhileOnlyTheSystemKnowsTheTime) {
     device->setBootCounts(8, 0);
     timeManager->setTime(TimeSourceSystem, TimeReference(), kNowMs);
     addEventOf(3, 0, 1000);  // of unknown age: due
     OutputCapture output;
-    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(events.checkTimes(), 0);
     output.stop();
     EXPECT_TRUE(isDelayed(4, 300000));
     EXPECT_EQ(waiting(), Messages{});
@@ -488,114 +490,114 @@ TEST_F(UploadImplEventsTest, ChecksAgainInFiveMinutesWhileOnlyTheSystemKnowsTheT
 
 /// Without a clock the time check schedules nothing; by the system's time it waits for the age,
 /// and a due event for web time in steps of 300000 ms.
-TEST_F(UploadImplEventsTest, ChecksAgainByTheSystemsTimeWhileTheWebsIsUnknown) {
+TEST_F(EventsUploadTest, ChecksAgainByTheSystemsTimeWhileTheWebsIsUnknown) {
     device->setBootCounts(8, 0);
     timeManager->setTime(TimeSourceSystem, TimeReference(), kNowMs);
     addEventOf(8, 0, KernelTime::getTimeMonotonicAsInt64() - 1000000);
-    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(events.checkTimes(), 0);
     EXPECT_TRUE(isDelayed(4, 2600000));
     EXPECT_EQ(cloud.requests().size(), 0u);
 }
 
 /// The time check stops under an expired configuration and with a delay below 1.
-TEST_F(UploadImplEventsTest, ChecksNoTimesWithoutAMaximumDelay) {
+TEST_F(EventsUploadTest, ChecksNoTimesWithoutAMaximumDelay) {
     for (const char* delay : {"0", "-1"}) {
         configure(std::string(R"({"upload_events": {"max-delay": )") + delay + "}}");
         addEvent(100000000);
-        EXPECT_EQ(upload->eventsTimeCheck(), 0);
+        EXPECT_EQ(events.checkTimes(), 0);
         EXPECT_TRUE(nothingIsScheduled());
     }
     EXPECT_EQ(records().size(), 0u);
 }
 
 /// An empty store is checked after the maximum delay.
-TEST_F(UploadImplEventsTest, ChecksAnEmptyStoreAfterTheMaximumDelay) {
-    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+TEST_F(EventsUploadTest, ChecksAnEmptyStoreAfterTheMaximumDelay) {
+    EXPECT_EQ(events.checkTimes(), 0);
     EXPECT_TRUE(isDelayed(4, 3600000));
 }
 
 /// The next check comes when the oldest event is of age, never later than the maximum delay.
-TEST_F(UploadImplEventsTest, ChecksAgainWhenTheOldestEventComesOfAge) {
+TEST_F(EventsUploadTest, ChecksAgainWhenTheOldestEventComesOfAge) {
     addEvent(1000000);
     addEvent(5000);
-    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(events.checkTimes(), 0);
     EXPECT_TRUE(isDelayed(4, 2600000));
     EXPECT_EQ(records().size(), 0u);
     EXPECT_EQ(waiting(), Messages{});
 }
 
 /// The next check comes when the oldest event is of age, never later than the maximum delay.
-TEST_F(UploadImplEventsTest, NeverChecksLaterThanTheMaximumDelay) {
+TEST_F(EventsUploadTest, NeverChecksLaterThanTheMaximumDelay) {
     addEvent(0, R"(, "utc-time": "4000000000000")");
-    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(events.checkTimes(), 0);
     EXPECT_TRUE(isDelayed(4, 3600000));
 }
 
 /// The next check comes when the oldest event is of age, never later than the maximum delay.
-TEST_F(UploadImplEventsTest, ClampsAnEndlessMaximumDelay) {
+TEST_F(EventsUploadTest, ClampsAnEndlessMaximumDelay) {
     configure(R"({"upload_events": {"max-delay": 9223372036854775807}})");
-    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(events.checkTimes(), 0);
     EXPECT_TRUE(isDelayed(4, 2147483000));
     addEvent(5000);
-    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(events.checkTimes(), 0);
     EXPECT_TRUE(isDelayed(4, 2147483000));
 }
 
 /// A due event, or one of unknown time, is uploaded at once.
-TEST_F(UploadImplEventsTest, UploadsWhenTheOldestEventIsDue) {
+TEST_F(EventsUploadTest, UploadsWhenTheOldestEventIsDue) {
     addEvent(3600000);
     addEvent();
-    EXPECT_NE(upload->eventsTimeCheck(), 0);
+    EXPECT_NE(events.checkTimes(), 0);
     EXPECT_EQ(storedEvents(), "0");
     EXPECT_EQ(waiting(), (Messages{{4, 0}}));
-    EXPECT_EQ(UploadImplPeer::pendingDelay(*upload, 4), -1);
+    EXPECT_EQ(UploadSchedulePeer::pendingDelay(asked, 4), -1);
 }
 
 /// A due event, or one of unknown time, is uploaded at once.
-TEST_F(UploadImplEventsTest, UploadsWhenTheTimeOfTheOldestEventIsUnknown) {
+TEST_F(EventsUploadTest, UploadsWhenTheTimeOfTheOldestEventIsUnknown) {
     addEventOf(3, 0, 1000);
-    EXPECT_NE(upload->eventsTimeCheck(), 0);
+    EXPECT_NE(events.checkTimes(), 0);
     EXPECT_EQ(storedEvents(), "0");
 }
 
 /// An upload that failed in a check is tried again in 300000 ms.
-TEST_F(UploadImplEventsTest, ChecksAgainInFiveMinutesWhenTheUploadFailed) {
+TEST_F(EventsUploadTest, ChecksAgainInFiveMinutesWhenTheUploadFailed) {
     script(refuse);
     addEvent(3600000);
     OutputCapture output;
-    EXPECT_EQ(upload->eventsTimeCheck(), 0);
+    EXPECT_EQ(events.checkTimes(), 0);
     output.stop();
     EXPECT_TRUE(isDelayed(4, 300000));
-    EXPECT_TRUE(WaitUntil([&] { return UploadImplPeer::pendingTimers(*upload) <= 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return UploadSchedulePeer::pendingTimers(asked) <= 2; }));
     EXPECT_EQ(waiting(), Messages{});
 }
 
 /// A check is told when verbose.
-TEST_F(UploadImplEventsTest, NotesATimeCheckWhenVerbose) {
-    UploadImpl::SetVerbose(true);
+TEST_F(EventsUploadTest, NotesATimeCheckWhenVerbose) {
+    UploadLog::log.setVerbose(true);
     OutputCapture output;
-    upload->eventsTimeCheck();
+    events.checkTimes();
     output.stop();
     EXPECT_EQ(taggedLines(output.outWithoutPrefixes(), kTag),
               "kivUpload: eventsTimeCheck request\n");
 }
 
 /// A packet is put together under the store's lock and sent without it.
-TEST_F(UploadImplEventsTest, PacksUnderTheStoresLockAndSendsWithoutIt) {
+TEST_F(EventsUploadTest, PacksUnderTheStoresLockAndSendsWithoutIt) {
     addEvent(1);
-    UploadImpl::SetVerbose(true);
+    UploadLog::log.setVerbose(true);
     {
         const LockProbe packing("Process event: ");
-        upload->uploadEvents();
+        events.upload();
         EXPECT_EQ(packing.taken, 1);
         EXPECT_EQ(packing.free, 0);
     }
     addEvent(1);
     {
         const LockProbe sending("Try to send packet");
-        upload->uploadEvents();
+        events.upload();
         EXPECT_EQ(sending.taken, 0);
         EXPECT_EQ(sending.free, 1);
     }
-    UploadImpl::SetVerbose(false);
+    UploadLog::log.setVerbose(false);
 }

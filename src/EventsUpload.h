@@ -1,0 +1,48 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "DB.h"
+
+class DatabaseReports;
+class UploadSchedule;
+namespace AwsWrapper {
+class EventsPacket;
+}
+
+/// The upload of stored events: one packet of the oldest ones at a time, and the check that none
+/// waits longer than the configuration allows.
+///
+/// Belongs to the upload side, which lends it the store, the schedule and the reports. For the
+/// upload thread, without locks held; it takes the store's lock while it packs, and has none while
+/// it sends. After a failure nothing is sent for a minute.
+class EventsUpload {
+  public:
+    EventsUpload(DB& store, UploadSchedule& schedule, DatabaseReports& reports)
+        : m_store(store), m_schedule(schedule), m_reports(reports) {}
+    EventsUpload(const EventsUpload&) = delete;
+    EventsUpload& operator=(const EventsUpload&) = delete;
+
+    /// Sends a packet, deletes its events and asks for the next job.
+    /// @return non-zero: a packet was sent and its events deleted
+    int upload();
+    /// Uploads when the oldest event is of age, and asks for the next check.
+    /// @return non-zero: it ran an upload that succeeded
+    int checkTimes();
+    /// The next upload need not wait for the end of the minute. Any thread.
+    void forgetFailure() { m_lastFailureTime = 0; }
+
+  private:
+    friend struct EventsUploadPeer;
+
+    bool failedLessThanAMinuteAgo(std::int64_t now) const;
+    DB::EventSet packStoredEvents(AwsWrapper::EventsPacket& packet);
+    int recordFailedSend(std::int64_t now, const char* reason);
+    int scheduleAfterSend();
+
+    DB& m_store;
+    UploadSchedule& m_schedule;
+    DatabaseReports& m_reports;
+    std::atomic<std::int64_t> m_lastFailureTime{0};  ///< UTC seconds; 0: the last send succeeded
+};

@@ -1,0 +1,3 @@
+#include "UploadLog.h"
+
+ClassLog UploadLog::log("kivUpload: ");

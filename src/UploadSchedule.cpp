@@ -1,0 +1,122 @@
+#include "UploadSchedule.h"
+
+#include "AlarmBlock.h"
+#include "UploadLog.h"
+
+#include <algorithm>
+#include <map>
+#include <system_error>
+
+namespace {
+
+constexpr long long kMaxDelayMs = 2147483647;  ///< a delay's width, and about 24 days
+
+const ClassLog& s_log = UploadLog::log;
+
+}  // namespace
+
+/// The living schedules by their numbers.
+struct UploadSchedule::Instances {
+    unsigned int add(UploadSchedule& schedule);
+    void remove(unsigned int instance);
+    /// Calls `use` with the schedule of that number, if it lives.
+    template <typename Use>
+    void with(unsigned int instance, Use use);
+
+    std::mutex mutex;  ///< guards the rest; held while a schedule found here is used
+    unsigned int last = 0;
+    std::map<unsigned int, UploadSchedule*> living;
+};
+
+unsigned int UploadSchedule::Instances::add(UploadSchedule& schedule) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    living[++last] = &schedule;
+    return last;
+}
+
+void UploadSchedule::Instances::remove(unsigned int instance) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    living.erase(instance);
+}
+
+template <typename Use>
+void UploadSchedule::Instances::with(unsigned int instance, Use use) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    const auto found = living.find(instance);
+    if (found != living.end()) use(*found->second);
+}
+
+UploadSchedule::Instances& UploadSchedule::instances() {
+    static Instances table;
+    return table;
+}
+
+UploadSchedule::UploadSchedule()
+    : m_queue(std::make_unique<UploadMessageQueue>()), m_instance(instances().add(*this)) {
+    startTimers();
+}
+
+UploadSchedule::~UploadSchedule() {
+    instances().remove(m_instance);
+    m_timers.reset();  // before the queue that its handlers post to
+}
+
+void UploadSchedule::startTimers() {
+    const AlarmBlock inherited;
+    try {
+        m_timers = std::make_unique<TimerQueue>();
+    } catch (const std::system_error& error) {
+        s_log.error("Cannot start the timers, delayed work is not done: ", error.what());
+    }
+}
+
+void UploadSchedule::post(int id, long param) {
+    if (m_queue->push({id, param})) s_log.info(" Send message ", id, " ", param);
+}
+
+void UploadSchedule::request(std::uint64_t& timer, long long delay, int id, long param) {
+    if (delay == 0) {
+        post(id, param);
+        return;
+    }
+    if (m_timers == nullptr) return;
+    const long long clamped = std::min(std::max(delay, 1LL), kMaxDelayMs);
+    const std::lock_guard<std::mutex> lock(m_timerMutex);
+    if (timer != 0) m_timers->cancel(timer);
+    timer = m_timers->add(clamped, m_instance, id, postTo);
+}
+
+void UploadSchedule::requestEventsUpload(long delay) {
+    request(m_eventsUploadTimer, delay, UploadEvents, 0);
+}
+
+void UploadSchedule::requestFilesUpload(long delay) {
+    request(m_filesUploadTimer, delay, UploadFiles, 0);
+}
+
+void UploadSchedule::requestEventsTimeCheck(long delay) {
+    request(m_eventsTimeCheckTimer, delay, EventsTimeCheck, 0);
+}
+
+void UploadSchedule::requestRefreshConfig(long delay, bool force) {
+    s_log.info("ScheduleRefreshConfig delay:", delay);
+    request(m_refreshConfigTimer, delay, RefreshConfig, force ? 1 : 0);
+}
+
+void UploadSchedule::requestInitialization(long delay) {
+    request(m_initializationTimer, delay, Initialization, 0);
+}
+
+long UploadSchedule::delayOfSeconds(std::int64_t seconds) {
+    return static_cast<long>(std::min<std::int64_t>(seconds, kMaxDelayMs / 1000) * 1000);
+}
+
+void UploadSchedule::postTo(bool cancelled, unsigned int instance, int id) {
+    if (cancelled) return;
+    instances().with(instance, [id](UploadSchedule& schedule) { schedule.post(id, 0); });
+}
+
+void UploadSchedule::requestRefreshConfigOf(unsigned int instance, long delayMs, bool force) {
+    instances().with(
+        instance, [=](UploadSchedule& schedule) { schedule.requestRefreshConfig(delayMs, force); });
+}
