@@ -2,7 +2,6 @@
 
 #include "AtomicFile.h"
 #include "ClassLog.h"
-#include "Credentials.h"
 #include "JsonObject.h"
 #include "NetworkHelper.h"
 #include "ServiceTables.h"

@@ -1,7 +1,6 @@
 #include "WebTimeImpl.h"
 
 #include "ClassLog.h"
-#include "Credentials.h"
 #include "NetworkHelper.h"
 #include "ServiceTables.h"
 #include "Singleton.h"
@@ -37,10 +36,9 @@ long long WebTimeImpl::getWebTimeValue() {
 
 void WebTimeImpl::takeTimeFromServer() {
     s_log.info(" trying to get time from server... ");
-    const Credentials credentials;
     NetworkHelper request;
-    const std::string url = credentials.getWebTimeUrl();
-    if (!request.UrlRequest(url, false, credentials.getLambdaKey())) {
+    const std::string url = ServiceTables::getWebTimeUrl();
+    if (!request.UrlRequest(url, false, ServiceTables::getLambdaKey())) {
         s_log.error("Time could not be retrieved from server");
     } else if (request.date.empty()) {
         s_log.error("No time received");
