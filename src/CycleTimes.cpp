@@ -28,7 +28,7 @@ JsonObject CycleTimes::allTimesAsJson(const TimeReference& ref) {
 }
 
 UtcTimeMs CycleTimes::timeBy(TimeSource source, const TimeReference& ref) {
-    Starts& starts = m_starts[Cycle(ref.bootCount, ref.standbyCount)];
+    Starts& starts = m_starts[ref.cycle()];
     std::optional<std::int64_t>& start = source == TimeSourceWeb ? starts.web : starts.system;
     if (!start) start = m_timeManager.getStartTime(source, ref);
     return TimeMgrImpl::timeSince(*start, ref.kernelTime);

@@ -69,13 +69,14 @@ std::string asUtf8(std::string text) {
 /// The "db.error" event of this moment; a null handle when it cannot be packed.
 JsonObject errorEvent() {
     const TimeReference now;
+    const Cycle cycle = now.cycle();
     const std::string message = asUtf8(DB::lastErrorMessage());
     JsonObject event;
     event.Pack("{s:s, s:i, s:i, s:i, s:I, s:s}",                                      //
                "event-type", "db.error",                                              //
                "eventid", static_cast<int>(EventType::getEventIdByName("db.error")),  //
-               "boot-count", static_cast<int>(now.bootCount),                         //
-               "standby-count", static_cast<int>(now.standbyCount),                   //
+               "boot-count", static_cast<int>(cycle.bootCount),                       //
+               "standby-count", static_cast<int>(cycle.standbyCount),                 //
                "kernel-time", static_cast<json_int_t>(now.kernelTime),                //
                "error-msg", message.c_str());
     return event;

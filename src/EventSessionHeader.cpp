@@ -34,12 +34,6 @@ std::string clientText() {
     return "kivApp " + BuildInfo::revisionText() + " " + BuildInfo::buildTimeText();
 }
 
-/// Kernel time 0 of the cycle.
-TimeReference startOf(const Cycle& cycle) {
-    return TimeReference(static_cast<std::uint32_t>(cycle.bootCount),
-                         static_cast<std::uint32_t>(cycle.standbyCount), 0);
-}
-
 std::string siblingText() {
     const PimAppVersion::Version version = PimAppVersion::current();
     return "pimApp " + version.version + " " + version.buildDate;
@@ -66,7 +60,7 @@ std::string EventSessionHeader::textFor(const Cycle& cycle, UtcTimeMs startTime,
     const JsonObject place = location();
     const std::string client = clientText();
     const std::string sibling = siblingText();
-    const JsonObject times = cycleTimes.allTimesAsJson(startOf(cycle));
+    const JsonObject times = cycleTimes.allTimesAsJson(TimeReference(cycle, 0));
     const unsigned int minutes = operatingMinutes(cycle, cycleTimes);
     const std::string token = DBToken::current();
 

@@ -18,7 +18,7 @@ class EventSessionHeader {
     /// One of a packet. @param times those of the packet
     EventSessionHeader(const Cycle& cycle, UtcTimeMs startTime, CycleTimes& times);
 
-    /// One JSON object; "(no json object)" never: an empty text when it could not be packed.
+    /// The text of one JSON object; empty when it could not be packed.
     const std::string& text() const { return m_text; }
 
     /// Names the database that holds the operating times; called at start-up.

@@ -14,9 +14,8 @@ const ClassLog& s_log = UploadLog::log;
 
 /// All zero for an event that could not be parsed.
 TimeReference referenceOf(const JsonObject& event) {
-    return TimeReference(static_cast<std::uint32_t>(event.optInteger("boot-count", 0)),
-                         static_cast<std::uint32_t>(event.optInteger("standby-count", 0)),
-                         event.optInteger("kernel-time", 0));
+    const Cycle cycle(event.optInteger("boot-count", 0), event.optInteger("standby-count", 0));
+    return TimeReference(cycle, event.optInteger("kernel-time", 0));
 }
 
 /// The time that the sender knew, in milliseconds; 0 when it gave none or no readable one.

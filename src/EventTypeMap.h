@@ -14,7 +14,7 @@ class EventTypeMap {
     bool isKnownId(long id) const;
     bool isKnownName(const char* name) const;
     /// The identifier of a known name; otherwise the name read as a decimal number (trailing text
-    /// ignored), 0 when it is none.
+    /// ignored), 0 when it does not begin with one.
     long getId(const char* name) const;
     /// The name; an unknown identifier as decimal text that lives as long as the calling thread.
     const char* getName(long id) const;

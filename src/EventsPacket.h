@@ -20,9 +20,11 @@ class EventsPacket {
     /// Adds one stored event. @param time its UTC. @return false when the packet is full or the
     /// event could not be rendered; the packet is then as before.
     bool AddEvent(std::string event, UtcTimeMs time);
-    /// The same for an event that was parsed before. @param event is changed, also when it is not
-    /// added; a null handle where the text could not be parsed @param text the event as it is
-    /// stored, for the lines @param times those of this packet, for its headers
+    /// The same for an event that was parsed before.
+    /// @param event is changed, also when it is not added; a null handle where the text could not
+    /// be parsed
+    /// @param text the event as it is stored, for the lines
+    /// @param times those of this packet, for its headers
     bool AddEvent(JsonObject& event, const std::string& text, UtcTimeMs time, CycleTimes& times);
     bool IsEmpty() const { return m_size == 0; }
     /// Closes the record and puts it to the stream; an empty packet is not sent. @return success

@@ -3,7 +3,7 @@
 #include "JsonObject.h"
 
 /// Walks the members of an object in jansson's order and keeps the object alive. The object must
-/// not change meanwhile. Ends at once for a value that is no object.
+/// not change meanwhile. Ends at once for a value that is not an object.
 class JsonIterator {
   public:
     explicit JsonIterator(const JsonObject& object);

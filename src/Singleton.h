@@ -26,7 +26,7 @@ class Singleton {
 
     ~Singleton() {
         trace("lock mutex");
-        std::unique_lock<std::mutex> lock(m_Mutex);
+        const std::lock_guard<std::mutex> lock(m_Mutex);
         --m_RefCount;
         if (T::GetVerbose()) std::cout << name() << ": Destr ref=" << m_RefCount << std::endl;
         if (m_RefCount == 0) {

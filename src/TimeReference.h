@@ -12,6 +12,9 @@ struct TimeReference {
     TimeReference();
     TimeReference(std::uint32_t boot, std::uint32_t standby, std::int64_t kernelMs)
         : bootCount(boot), standbyCount(standby), kernelTime(kernelMs) {}
+    TimeReference(const Cycle& cycle, std::int64_t kernelMs)
+        : TimeReference(static_cast<std::uint32_t>(cycle.bootCount),
+                        static_cast<std::uint32_t>(cycle.standbyCount), kernelMs) {}
 
     /// The running time of the set to which the moment belongs.
     Cycle cycle() const { return Cycle(bootCount, standbyCount); }

@@ -1,11 +1,9 @@
 #include "UploadSchedule.h"
 
-#include "AlarmBlock.h"
 #include "UploadLog.h"
 
 #include <algorithm>
 #include <map>
-#include <system_error>
 
 namespace {
 
@@ -52,22 +50,10 @@ UploadSchedule::Instances& UploadSchedule::instances() {
 }
 
 UploadSchedule::UploadSchedule()
-    : m_queue(std::make_unique<UploadMessageQueue>()), m_instance(instances().add(*this)) {
-    startTimers();
-}
+    : m_queue(std::make_unique<UploadMessageQueue>()), m_instance(instances().add(*this)) {}
 
 UploadSchedule::~UploadSchedule() {
     instances().remove(m_instance);
-    m_timers.reset();  // before the queue that its handlers post to
-}
-
-void UploadSchedule::startTimers() {
-    const AlarmBlock inherited;
-    try {
-        m_timers = std::make_unique<TimerQueue>();
-    } catch (const std::system_error& error) {
-        s_log.error("Cannot start the timers, delayed work is not done: ", error.what());
-    }
 }
 
 void UploadSchedule::post(int id, long param) {
@@ -79,11 +65,10 @@ void UploadSchedule::request(std::uint64_t& timer, long long delay, int id, long
         post(id, param);
         return;
     }
-    if (m_timers == nullptr) return;
     const long long clamped = std::min(std::max(delay, 1LL), kMaxDelayMs);
     const std::lock_guard<std::mutex> lock(m_timerMutex);
-    if (timer != 0) m_timers->cancel(timer);
-    timer = m_timers->add(clamped, m_instance, id, postTo);
+    if (timer != 0) m_timers.cancel(timer);
+    timer = m_timers.add(clamped, m_instance, id, postTo);
 }
 
 void UploadSchedule::requestEventsUpload(long delay) {

@@ -11,7 +11,8 @@
 /// post delayed ones, and the numbers by which a timer or a callback finds the living schedule.
 ///
 /// It runs no work: the owner's thread takes the messages with `wait`. Any thread may post and
-/// schedule. The destructor drops what is pending.
+/// schedule. The destructor drops what is pending. Where the timers' thread cannot be started there
+/// is a line of `TimerQueue`, and what is delayed is never posted.
 class UploadSchedule {
   public:
     enum MessageId : int {
@@ -65,13 +66,12 @@ class UploadSchedule {
     struct Instances;
 
     static Instances& instances();
-    void startTimers();
     void request(std::uint64_t& timer, long long delayMs, int id, long param);
 
     std::unique_ptr<UploadMessageQueue> m_queue;
-    const unsigned int m_instance;         ///< this object's number in the class-wide table
-    std::unique_ptr<TimerQueue> m_timers;  ///< null: its thread could not be started
-    std::mutex m_timerMutex;               ///< guards the five handles
+    const unsigned int m_instance;  ///< this object's number in the class-wide table
+    TimerQueue m_timers;            ///< after the queue that its handlers post to, so gone first
+    std::mutex m_timerMutex;        ///< guards the five handles
     std::uint64_t m_eventsUploadTimer = 0;
     std::uint64_t m_filesUploadTimer = 0;
     std::uint64_t m_refreshConfigTimer = 0;

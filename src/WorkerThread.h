@@ -9,9 +9,9 @@
 /// thread's alone) and cancellation off.
 ///
 /// A thread that is to be cancelled says where: within a `CancelPoint`, around one wait. Whatever
-/// stands between such a wait and the thread's end is left by an unwinding that is no exception:
-/// owners release, but nothing there may swallow it or be noexcept. The owner cancels and joins
-/// from one thread at a time. Not movable.
+/// stands between such a wait and the thread's end is left by an unwinding that is not an
+/// exception: owners release, but nothing there may swallow it or be noexcept. The owner cancels
+/// and joins from one thread at a time. Not movable.
 class WorkerThread {
   public:
     /// What the thread does; its result is the thread's exit value.
@@ -23,8 +23,9 @@ class WorkerThread {
     WorkerThread(const WorkerThread&) = delete;
     WorkerThread& operator=(const WorkerThread&) = delete;
 
-    /// Starts the thread; the one before must have been joined. @param name of the thread; the
-    /// kernel takes at most 15 characters, and a longer one leaves the name that was inherited
+    /// Starts the thread; the one before must have been joined.
+    /// @param name of the thread, which reads it at its start: a literal. The kernel takes at most
+    /// 15 characters, and a longer one leaves the name that was inherited
     /// @return 0, or the errno for which there is no thread
     int start(const char* name, Body body);
     /// Starts a thread that nobody joins. @return 0, or the errno for which there is none

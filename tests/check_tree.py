@@ -13,6 +13,7 @@ import behaviours
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 LONGEST_SOURCE = 500  # lines
+LONGEST_HEADER = 230
 # The headers of a request carry the accepted terms of use, which are themselves asked for.
 KNOWN_CIRCLE = {"NetworkHelper", "CTouImpl"}
 
@@ -75,12 +76,13 @@ def check_behaviours():
 
 def check_lengths():
     """No source is longer than a reader can hold."""
-    for folder in ("src", "awslite", "tools", "localcloud", "bench", "clients", "fleet", "faults"):
+    for folder in ("src", "awslite", "tools", "localcloud", "bench", "faults"):
         for path in sorted((ROOT / folder).glob("**/*")):
             if path.suffix in (".h", ".cpp", ".c", ".py") and path.is_file():
                 count = len(path.read_text().splitlines())
-                if count > LONGEST_SOURCE:
-                    yield f"{path.relative_to(ROOT)} has {count} lines, more than {LONGEST_SOURCE}"
+                longest = LONGEST_HEADER if path.suffix == ".h" else LONGEST_SOURCE
+                if count > longest:
+                    yield f"{path.relative_to(ROOT)} has {count} lines, more than {longest}"
 
 
 def includes_of(path):
@@ -114,7 +116,7 @@ def check_format():
     if not tool:
         yield "clang-format is not installed"
         return
-    sources = [str(path) for folder in ("src", "awslite", "tools", "tests", "bench", "fuzz")
+    sources = [str(path) for folder in ("src", "awslite", "tools", "tests", "bench")
                for path in sorted((ROOT / folder).glob("**/*.[hc]*"))
                if path.suffix in (".h", ".cpp")]
     result = subprocess.run([tool, "--dry-run", "-Werror", *sources], capture_output=True, text=True)

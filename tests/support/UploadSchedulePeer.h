@@ -57,7 +57,7 @@ struct UploadSchedulePeer {
     /// Milliseconds until the kind's delayed message is posted; -1: none is pending.
     static long long pendingDelay(UploadSchedule& schedule, int id) {
         const std::uint64_t handle = timer(schedule, id);
-        TimerQueue& timers = *schedule.m_timers;
+        TimerQueue& timers = schedule.m_timers;
         const std::lock_guard<std::mutex> lock(mutexOf(timers));
         for (const auto& item : itemsOf(timers).storage()) {
             if (handle == 0 || item.id != handle || !item.handler) continue;
@@ -69,7 +69,7 @@ struct UploadSchedulePeer {
 
     /// How many delayed messages are pending, of all kinds.
     static int pendingTimers(UploadSchedule& schedule) {
-        TimerQueue& timers = *schedule.m_timers;
+        TimerQueue& timers = schedule.m_timers;
         const std::lock_guard<std::mutex> lock(mutexOf(timers));
         int count = 0;
         for (const auto& item : itemsOf(timers).storage()) {

@@ -169,7 +169,7 @@ TEST_F(EventsUploadTest, WaitsForTheAgeOfARestBelowTheMinimum) {
     EXPECT_EQ(waiting(), (Messages{{4, 0}}));
 }
 
-/// An event that fits no packet blocks the queue and is no failure.
+/// An event that fits no packet blocks the queue; that does not count as a failure.
 TEST_F(EventsUploadTest, LetsAnEventThatFitsNoPacketBlockTheQueue) {
     configure(R"({"upload_events": {"max-size": 100}})");
     addEvent();

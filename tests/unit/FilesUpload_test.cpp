@@ -59,21 +59,21 @@ TEST_F(FilesUploadTest, UploadsAFileWithMetadataUnderItsBareNameAndDeletesIt) {
     EXPECT_EQ(cloudClient->GetBucketName(), "b1");
 }
 
-/// Metadata without a bucket name takes the configuration's; what is no JSON is none.
+/// Metadata without a bucket name takes the configuration's; text that is not JSON counts as none.
 TEST_F(FilesUploadTest, TakesTheDefaultBucketForMetadataWithoutOne) {
     announce("log1", R"({"x": 1})");
     EXPECT_EQ(files.run(), 1);
     EXPECT_EQ(objects(), (Objects{"/default/bucket/log1"}));
 }
 
-/// Metadata without a bucket name takes the configuration's; what is no JSON is none.
+/// Metadata without a bucket name takes the configuration's; text that is not JSON counts as none.
 TEST_F(FilesUploadTest, TakesTheDefaultBucketForABucketNameThatIsNoString) {
     announce("log1", R"({"bucketname": 5})");
     EXPECT_EQ(files.run(), 1);
     EXPECT_EQ(objects(), (Objects{"/default/bucket/log1"}));
 }
 
-/// Metadata without a bucket name takes the configuration's; what is no JSON is none.
+/// Metadata without a bucket name takes the configuration's; text that is not JSON counts as none.
 TEST_F(FilesUploadTest, TakesMetadataThatIsNoJsonForNone) {
     const std::string path = announce("log1", "no json");
     EXPECT_EQ(files.run(), 1);
