@@ -15,7 +15,9 @@ list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KIV_ARM_SYSROOT)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 # 64 bits for file sizes, inode numbers and times, as on 64-bit hosts: stat() refuses larger numbers
-# otherwise, and the clock ends in 2038. No library that is called here takes a time_t.
+# otherwise, and the clock ends in 2038. Debian's libraries have 32 bits for a time_t here: of their
+# calls only those may be used that take none, or that take it in the same registers either way, as
+# X509_STORE_CTX_set_time does with its third argument.
 # No notes on a change of the calling convention in an older compiler: all is built by this one.
 set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 -Wno-psabi")
 

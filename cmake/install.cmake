@@ -1,8 +1,4 @@
 # What `cmake --install` puts where: the daemon, its tools, start files and manual pages.
-# The daemon belongs to the system: its place is /usr, unless -DCMAKE_INSTALL_PREFIX says otherwise.
-if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
-  set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Where to install" FORCE)
-endif()
 include(GNUInstallDirs)
 
 set(KIV_STATE_DIR /var/lib/kivApp CACHE PATH
@@ -33,6 +29,10 @@ foreach(page kivApp.8 kivsend.1)
 endforeach()
 add_custom_target(manual_pages ALL DEPENDS ${KIV_PAGES})
 
+# Where the AWS SDK's shared libraries are in no place of the system's, the daemon has to know it.
+if(AWSSDK_FOUND)
+  set_target_properties(kivApp PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
+endif()
 install(TARGETS kivApp RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS kivsend RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${KIV_INSTALLED}/kivApp.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)

@@ -17,8 +17,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int kMaxLinks = 40;  // as the kernel's own limit
-constexpr mode_t kNewFileMode = 0644;
+constexpr int kMaxLinks = 40;          // as the kernel's own limit
+constexpr mode_t kNewFileMode = 0644;  // less what the umask takes
 
 /// Guards the names of the temporary files: each target has one fixed name, so that power cuts
 /// leave at most one file behind.
@@ -49,10 +49,11 @@ bool syncToDisk(int fd) {
 
 /// Gives the new file the owner and the mode of the one that it replaces.
 bool takeOverAttributes(int fd, const struct stat* old) {
-    if (old != nullptr && ::fchown(fd, old->st_uid, old->st_gid) != 0) {
+    if (old == nullptr) return true;
+    if (::fchown(fd, old->st_uid, old->st_gid) != 0) {
         // Only root may give files away; readers go by the mode.
     }
-    return ::fchmod(fd, old != nullptr ? old->st_mode & 07777 : kNewFileMode) == 0;
+    return ::fchmod(fd, old->st_mode & 07777) == 0;
 }
 
 std::string fillTemporary(Descriptor& file, const fs::path& temporary, const struct stat* old,
@@ -89,9 +90,29 @@ std::string writeInPlace(const fs::path& path, const std::string& text) {
     return "";
 }
 
-int makeTemporary(const fs::path& temporary) {
+/// The text that replaces another may be less public than 0644 until its mode is set.
+int makeTemporary(const fs::path& temporary, const struct stat* old) {
     ::unlink(temporary.c_str());  // left by a power cut
-    return ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    return ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                  old != nullptr ? 0600 : kNewFileMode);
+}
+
+/// Whether the directory takes no new names from us. Any other error, no room above all, would
+/// meet the writing in place as well, after the old text is gone.
+bool refusesNewFiles(int error) {
+    return error == EROFS || error == EACCES || error == EPERM;
+}
+
+/// Whether only the temporary's own name is the trouble, or there is no directory, which opening
+/// the file itself says best.
+bool isTroubleOfTheName(int error) {
+    return error == ENAMETOOLONG || error == ENOENT;
+}
+
+/// Whether the name cannot be given to another file: it is a mount point, or somebody else's in a
+/// sticky directory.
+bool refusesReplacement(int error) {
+    return error == EBUSY || refusesNewFiles(error);
 }
 
 }  // namespace
@@ -107,18 +128,23 @@ std::string AtomicFile::replace(const std::string& path, const std::string& text
     const bool missing = !exists && errno == ENOENT;
     const bool replaceable = target.has_filename() && (missing || (exists && S_ISREG(old.st_mode)));
     if (!replaceable) return writeInPlace(target, text);
-    Descriptor file(makeTemporary(temporary));
-    if (!file.isOpen()) return writeInPlace(target, text);
-
-    std::string problem = fillTemporary(file, temporary, exists ? &old : nullptr, text);
+    const struct stat* const replaced = exists ? &old : nullptr;
+    Descriptor file(makeTemporary(temporary, replaced));
+    if (!file.isOpen()) {
+        const bool nothingToLose = missing && isTroubleOfTheName(errno);
+        if (refusesNewFiles(errno) || nothingToLose) return writeInPlace(target, text);
+        return failure("make", temporary);
+    }
+    std::string problem = fillTemporary(file, temporary, replaced, text);
     if (!problem.empty()) {
         ::unlink(temporary.c_str());
         return problem;
     }
     if (::rename(temporary.c_str(), target.c_str()) != 0) {
-        // The file is a mount point, or somebody else's in a sticky directory.
+        const bool refused = refusesReplacement(errno);
+        problem = failure("rename", temporary);
         ::unlink(temporary.c_str());
-        return writeInPlace(target, text);
+        return refused ? writeInPlace(target, text) : problem;
     }
     return syncDirectory(directory);
 }

@@ -7,8 +7,10 @@ class AtomicFile {
   public:
     /// Makes `text` the whole content of `path`: a temporary file in the same directory, `fsync`,
     /// `rename`, `fsync` of the directory. A symbolic link is followed and the file beside its
-    /// target replaced; the mode of an existing file is kept (else 0644). Where no temporary file
-    /// can be made, writes in place.
+    /// target replaced; the mode of an existing file is kept (else 0644 less the umask). Where the
+    /// directory takes no new file (it is read-only, or not ours), or the file cannot be replaced
+    /// (it is not a regular one, a mount point, or somebody else's in a sticky directory), writes
+    /// in place. Any other failure, such as no room, leaves the old text.
     /// @return "" on success, otherwise what failed and why, for the caller's error line.
     static std::string replace(const std::string& path, const std::string& text);
 };

@@ -5,6 +5,7 @@
 #include "Credentials.h"
 #include "Descriptor.h"
 #include "JsonObject.h"
+#include "SkewRetryStrategy.h"
 #include "TimeMgrImpl.h"
 #include "TimedChild.h"
 
@@ -13,6 +14,7 @@
 #include <fstream>
 #include <functional>
 #include <sstream>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -20,13 +22,13 @@
 #include <fcntl.h>
 #include <libgen.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <aws/core/Aws.h>
 #include <aws/core/auth/AWSCredentials.h>
 #include <aws/core/auth/AWSCredentialsProvider.h>
 #include <aws/core/client/ClientConfiguration.h>
-#include <aws/core/client/DefaultRetryStrategy.h>
 #include <aws/core/utils/Array.h>
 #include <aws/core/utils/DateTime.h>
 #include <aws/core/utils/HashingUtils.h>
@@ -53,6 +55,8 @@ ClassLog s_log("kivAWSWrapper: ");
 constexpr char kAllocationTag[] = "kivApp";
 constexpr char kLogPrefix[] = "aws_sdk_";
 constexpr long kTimeoutMs = 30000;  ///< to connect, and without any progress
+/// In all, of a call that keeps the upload thread. One in a child has the child's limit.
+constexpr long kCallTimeoutMs = 120000;
 constexpr std::int64_t kBytesPerSecond = 50000000;
 
 /// The configured endpoint may be a host or a URL; the client wants a URL.
@@ -103,6 +107,28 @@ void dateRequestsBy(std::function<std::chrono::system_clock::time_point()> clock
 #endif
 }
 
+/// Whether this version of the SDK can limit a call as a whole; some know a stalled one only.
+template <typename Configuration, typename = void>
+struct LimitsCalls : std::false_type {};
+template <typename Configuration>
+struct LimitsCalls<Configuration,
+                   std::void_t<decltype(std::declval<Configuration>().httpRequestTimeoutMs)>>
+    : std::true_type {};
+
+template <typename Configuration>
+void limitCall(Configuration& configuration) {
+    if constexpr (LimitsCalls<Configuration>::value) {
+        configuration.httpRequestTimeoutMs = kCallTimeoutMs;
+    }
+}
+
+/// What a service says of a failure is text from outside.
+template <typename Outcome>
+std::string reasonOf(const Outcome& outcome) {
+    if (outcome.IsSuccess()) return "";
+    return ClassLog::foreign(outcome.GetError().GetMessage().c_str());
+}
+
 /// @return how many bytes were read; 0 at the end, negative, with errno, on failure
 ssize_t readBlock(const Descriptor& file, std::vector<char>& buffer) {
     ssize_t count = 0;
@@ -112,22 +138,34 @@ ssize_t readBlock(const Descriptor& file, std::vector<char>& buffer) {
     return count;
 }
 
+/// A pipe or a device that has taken the file's place has no end, or no beginning.
+bool isStream(const Descriptor& file) {
+    struct stat status = {};
+    return ::fstat(file.get(), &status) == 0 && !S_ISREG(status.st_mode) &&
+           !S_ISDIR(status.st_mode);
+}
+
 /// Reads the file into memory. @return its size in bytes; -1, with an error line, on failure
 long long readFile(const std::string& path, std::iostream& content) {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const std::string name = ClassLog::foreign(path);
     if (!file.isOpen()) {
-        s_log.error("could not open file ", path);
+        s_log.error("could not open file ", name);
+        return -1;
+    }
+    if (isStream(file)) {
+        s_log.error("could not read file ", name, ": not a regular file");
         return -1;
     }
     std::vector<char> buffer(65536);
     long long size = 0;
     for (ssize_t count = 0; (count = readBlock(file, buffer)) != 0; size += count) {
         if (count < 0) {
-            s_log.error("could not read file ", path, ": ", ClassLog::errnoText(errno));
+            s_log.error("could not read file ", name, ": ", ClassLog::errnoText(errno));
             return -1;
         }
         if (!content.write(buffer.data(), count)) {
-            s_log.error("could not hold file ", path, ": out of memory");
+            s_log.error("could not hold file ", name, ": out of memory");
             return -1;
         }
     }
@@ -182,7 +220,7 @@ struct AwsWrapperImpl::Upload {
     ClockCopy clock;
 };
 
-/// One attempt, within the time limits and the rate that all clients share.
+/// Within the time limits and the rate that all clients share.
 Aws::Client::ClientConfiguration AwsWrapperImpl::Sdk::configurationFor(
     const char* service, const std::string& host, const std::string& caPath) const {
     Aws::Client::ClientConfiguration configuration;
@@ -192,8 +230,7 @@ Aws::Client::ClientConfiguration AwsWrapperImpl::Sdk::configurationFor(
     configuration.requestTimeoutMs = kTimeoutMs;
     configuration.readRateLimiter = rateLimiter;
     configuration.writeRateLimiter = rateLimiter;
-    configuration.retryStrategy =
-        Aws::MakeShared<Aws::Client::DefaultRetryStrategy>(allocationTag, 0);
+    configuration.retryStrategy = Aws::MakeShared<SkewRetryStrategy>(allocationTag);
     configuration.endpointOverride = endpointUrl(host).c_str();
     if (!caPath.empty()) {
         s_log.info("Set AWS ClientConfiguration caPath for ", service, " to ", caPath);
@@ -204,7 +241,7 @@ Aws::Client::ClientConfiguration AwsWrapperImpl::Sdk::configurationFor(
 }
 
 AwsWrapperImpl::AwsWrapperImpl() : m_sdk(std::make_unique<Sdk>()) {
-    m_sdk->options.loggingOptions.logLevel = s_log.isVerbose()
+    m_sdk->options.loggingOptions.logLevel = s_log.isVerbose() && mayWriteSdkLog(".")
                                                  ? Aws::Utils::Logging::LogLevel::Trace
                                                  : Aws::Utils::Logging::LogLevel::Off;
     m_sdk->options.loggingOptions.defaultLogPrefix = kLogPrefix;
@@ -224,6 +261,18 @@ AwsWrapperImpl::AwsWrapperImpl() : m_sdk(std::make_unique<Sdk>()) {
 AwsWrapperImpl::~AwsWrapperImpl() {
     s_log.info("Closing aws");
     Aws::ShutdownAPI(m_sdk->options);
+}
+
+/// The SDK's log, in the working directory, shows the session token as it is: it is written only
+/// where nobody but the daemon can read it.
+bool AwsWrapperImpl::mayWriteSdkLog(const char* directory) {
+    struct stat status = {};
+    const bool isPrivate = ::stat(directory, &status) == 0 && status.st_uid == ::geteuid() &&
+                           (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+#ifndef KIV_AWSLITE  // which writes none
+    if (!isPrivate) s_log.info("No aws_sdk_ log: others may enter the working directory");
+#endif
+    return isPrivate;
 }
 
 void AwsWrapperImpl::SetBucketName(std::string bucketName) {
@@ -279,20 +328,25 @@ bool AwsWrapperImpl::UploadToKinesisFirehose(std::string record) {
     }
     s_log.info("UploadToKinesisFirehose: ", record);
     const Config config;
-    const Aws::Firehose::FirehoseClient client(
-        Aws::MakeShared<Credentials>(m_sdk->allocationTag),
-        m_sdk->configurationFor("Firehose", config->GetFirehoseEndpoint(), GetCaPath()));
+    auto configuration =
+        m_sdk->configurationFor("Firehose", config->GetFirehoseEndpoint(), GetCaPath());
+    limitCall(configuration);
+    const Aws::Firehose::FirehoseClient client(Aws::MakeShared<Credentials>(m_sdk->allocationTag),
+                                               configuration);
     Aws::Firehose::Model::Record firehoseRecord;
     firehoseRecord.SetData(bytesOf(record));
     Aws::Firehose::Model::PutRecordRequest request;
     request.SetDeliveryStreamName(config->GetFirehoseStream().c_str());
     request.SetRecord(firehoseRecord);
     const auto outcome = client.PutRecord(request);
-    if (!outcome.IsSuccess()) {
-        s_log.error("Failed sending packet to Firehose AWS");
-        s_log.error("Error = ", outcome.GetError().GetMessage().c_str());
+    const bool named = outcome.IsSuccess() && !outcome.GetResult().GetRecordId().empty();
+    if (named) return true;
+    s_log.error("Failed sending packet to Firehose AWS");
+    s_log.error("Error = ", reasonOf(outcome));
+    if (outcome.IsSuccess()) {
+        s_log.error("The answer has no record id: the packet counts as not sent");
     }
-    return outcome.IsSuccess();
+    return false;
 }
 
 bool AwsWrapperImpl::UploadFile(std::string objectName, std::string localPath) {
@@ -325,7 +379,8 @@ bool AwsWrapperImpl::runUpload(const Upload& upload) {
         dateRequestsBy(upload.clock);
         return putObject(upload);
     } catch (const std::exception& error) {
-        s_log.error("Sending file ", upload.localPath, " failed: ", error.what());
+        s_log.error("Sending file ", ClassLog::foreign(upload.localPath),
+                    " failed: ", error.what());
         return false;
     }
 }
@@ -345,11 +400,12 @@ bool AwsWrapperImpl::putObject(const Upload& upload) {
     const auto client = makeS3Client(
         Aws::MakeShared<CredentialsCopy>(kAllocationTag, upload.credentials), upload.configuration);
     const auto outcome = client.PutObject(request);
-    if (!outcome.IsSuccess()) {
-        s_log.error("Failed sending file to S3 AWS");
-        s_log.error("Error = ", outcome.GetError().GetMessage().c_str());
-    }
-    return outcome.IsSuccess();
+    const bool named = outcome.IsSuccess() && !outcome.GetResult().GetETag().empty();
+    if (named) return true;
+    s_log.error("Failed sending file to S3 AWS");
+    s_log.error("Error = ", reasonOf(outcome));
+    if (outcome.IsSuccess()) s_log.error("The answer has no ETag: the file counts as not sent");
+    return false;
 }
 
 bool AwsWrapperImpl::DownloadFile(std::string objectName, std::string localPath) {
@@ -365,8 +421,8 @@ bool AwsWrapperImpl::DownloadFile(std::string objectName, std::string localPath)
 /// The file is sure to be complete only when this has returned.
 bool AwsWrapperImpl::getObject(const std::string& objectName, const std::string& localPath) {
     if (!std::ofstream(localPath, std::ios::binary | std::ios::trunc)) {
-        s_log.error("File download failed from s3 with error ", "cannot create ", localPath, ": ",
-                    ClassLog::errnoText(errno));
+        s_log.error("File download failed from s3 with error ", "cannot create ",
+                    ClassLog::foreign(localPath), ": ", ClassLog::errnoText(errno));
         return false;
     }
     Aws::S3::Model::GetObjectRequest request;
@@ -378,13 +434,13 @@ bool AwsWrapperImpl::getObject(const std::string& objectName, const std::string&
             kAllocationTag, localPath,
             std::ios::in | std::ios::out | std::ios::binary | std::ios::trunc);
     });
+    auto configuration = m_sdk->configurationFor("S3", Config()->GetS3Endpoint(), GetCaPath());
+    limitCall(configuration);
     const auto client =
-        makeS3Client(Aws::MakeShared<Credentials>(m_sdk->allocationTag),
-                     m_sdk->configurationFor("S3", Config()->GetS3Endpoint(), GetCaPath()));
+        makeS3Client(Aws::MakeShared<Credentials>(m_sdk->allocationTag), configuration);
     const auto outcome = client.GetObject(request);
     if (!outcome.IsSuccess()) {
-        s_log.error("File download failed from s3 with error ",
-                    outcome.GetError().GetMessage().c_str());
+        s_log.error("File download failed from s3 with error ", reasonOf(outcome));
     }
     return outcome.IsSuccess();
 }

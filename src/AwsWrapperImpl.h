@@ -5,8 +5,9 @@
 
 /// The cloud client: puts one record into the Firehose stream, puts one object into S3 from a
 /// child process under a time limit, gets one object from S3. Each call builds its client from the
-/// configuration and credentials of that moment and makes one attempt; the callers retry. The
-/// process and its limit are `TimedChild`'s.
+/// configuration and credentials of that moment and makes one attempt (`SkewRetryStrategy` allows
+/// the one exception); the callers retry. What is put counts only when the service names it: by a
+/// record id, by an ETag. The process and its limit are `TimedChild`'s.
 ///
 /// Reached through `Singleton<AwsWrapperImpl>`; used on the upload thread only. Failures are
 /// results and error lines. In test mode (a file is named) everything that would be sent is
@@ -18,12 +19,13 @@ class AwsWrapperImpl {
     AwsWrapperImpl(const AwsWrapperImpl&) = delete;
     AwsWrapperImpl& operator=(const AwsWrapperImpl&) = delete;
 
-    /// Puts `record`, byte for byte, as one Firehose record.
+    /// Puts `record`, byte for byte, as one Firehose record. An attempt takes 120 s at most.
     bool UploadToKinesisFirehose(std::string record);
     /// Puts the file into the current bucket. Forks: blocks until the child ends, or is killed at
     /// the limit of 300 s.
     bool UploadFile(std::string objectName, std::string localPath);
-    /// Gets the object from the current bucket into the file; on failure no file is left.
+    /// Gets the object from the current bucket into the file; on failure no file is left. An
+    /// attempt takes 120 s at most.
     bool DownloadFile(std::string objectName, std::string localPath);
 
     void SetBucketName(std::string bucketName);
@@ -42,6 +44,7 @@ class AwsWrapperImpl {
     struct Sdk;     ///< the SDK's options, rate limiter and time stamp
     struct Upload;  ///< everything that the child needs, read before the fork
 
+    static bool mayWriteSdkLog(const char* directory);
     Upload prepareUpload(const std::string& objectName, const std::string& localPath);
     static bool runUpload(const Upload& upload);
     static bool putObject(const Upload& upload);

@@ -15,6 +15,7 @@
 #include "JsonObject.h"
 #include "LocationInfo.h"
 #include "NetworkHelper.h"
+#include "OwnFiles.h"
 #include "PimAppVersion.h"
 #include "TimeMgrImpl.h"
 #include "UploadImpl.h"
@@ -156,6 +157,7 @@ void CKivApp::applyOption(int letter, const char* program, Switches& given) {
 }
 
 void CKivApp::readGivenBootFile(Switches& given) {
+    OwnFiles::add(::optarg);
     if (ParseBootFile(::optarg))
         given.bootFileRead = true;
     else
@@ -163,6 +165,7 @@ void CKivApp::readGivenBootFile(Switches& given) {
 }
 
 void CKivApp::readGivenGlobalInfo(Switches& given) {
+    OwnFiles::add(::optarg);
     m_globalInfo->Load(::optarg);
     if (!m_globalInfo->getDeviceId().empty())
         given.globalInfoRead = true;
@@ -244,6 +247,7 @@ std::unique_ptr<CKivApp::Running> CKivApp::start() {
     const AlarmBlock untilAllThreadsRun;
     const std::string directory = directoryOf(m_configFile);
     DBToken::setDBUUIDPath(directory);
+    nameOwnFiles(directory);
     recordOperatingTime();
     LocationInfo::setDbPath(m_dbFile);
     EventSessionHeader::setDbPath(m_dbFile);
@@ -254,6 +258,15 @@ std::unique_ptr<CKivApp::Running> CKivApp::start() {
     running->timeManager->setErrorCallback([this] { askForPendingWork(); });
     logStartEvent(*running);
     return running;
+}
+
+void CKivApp::nameOwnFiles(const std::string& directory) const {
+    OwnFiles::addStore(m_dbFile);
+    for (const std::string& path : {m_globalInfoFile, m_bootFile, m_configFile})
+        OwnFiles::add(path);
+    for (const char* name : {"/dbuuid.json", "/pimversion.json"}) OwnFiles::add(directory + name);
+    for (const char* name : {"current_tou.txt", "show_new_tou.txt", "tou_server_answer.txt"})
+        OwnFiles::add(m_touDir + name);
 }
 
 void CKivApp::recordOperatingTime() const {

@@ -45,6 +45,7 @@ class CKivApp {
     bool ParseBootFile(const char* path);
     std::unique_ptr<Running> start();
     void recordOperatingTime() const;
+    void nameOwnFiles(const std::string& directory) const;
     static void logStartEvent(Running& running);
     void askForPendingWork() const;
     static void printUsage(const char* program);

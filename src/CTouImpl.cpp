@@ -4,9 +4,9 @@
 #include "ClassLog.h"
 #include "JsonObject.h"
 #include "NetworkHelper.h"
+#include "RegularFile.h"
 #include "ServiceTables.h"
 
-#include <fstream>
 #include <iterator>
 #include <limits>
 #include <sstream>
@@ -40,26 +40,19 @@ std::int32_t toInt32(const std::string& word) {
     return inRange && whole ? static_cast<std::int32_t>(value) : 0;
 }
 
-/// Enough of a server's answer for an error line.
-std::string beginning(const std::string& text) {
-    constexpr std::size_t enough = 200;
-    return text.size() <= enough ? text : text.substr(0, enough) + "...";
-}
-
 /// The server's answer as an object; a null handle, with an error line, when there is none.
-JsonObject fetchAnswer() {
-    const std::string url = ServiceTables::getTouUrl();
-    NetworkHelper request;
-    if (!request.UrlRequest(url, true, ServiceTables::getLambdaKey())) return JsonObject();
+JsonObject takeAnswer(const NetworkHelper& request) {
     JsonObject answer = JsonObject::parse(request.data);
-    if (answer.isNull()) {
-        s_log.error("ToU server answer is no JSON: ", beginning(request.data));
+    const std::string refusal = answer.optString("errorMessage");
+    if (!refusal.empty()) {
+        s_log.error("ToU server error: ", ClassLog::foreign(refusal));
         return JsonObject();
     }
-    const std::string refusal = answer.optString("errorMessage");
-    if (refusal.empty()) return answer;
-    s_log.error("ToU server error: ", refusal);
-    return JsonObject();
+    if (!request.isGoodAnswer()) return JsonObject();  // the request has its line
+    if (answer.isNull()) {
+        s_log.error("ToU server answer is no JSON: ", ClassLog::foreign(request.data));
+    }
+    return answer;
 }
 
 }  // namespace
@@ -77,8 +70,10 @@ void CTouImpl::Load(const std::string& directory) {
     m_fileExists = false;
     m_version = 0;
     m_directory = directory;
-    const std::string text = readConsentFile();
+    const RegularFile file(directory + kConsentFile);
+    const std::string text = takeConsent(file);
     parseConsent(text, readServerVersion());
+    m_refused = !file.isMissing() && !m_accepted;
 }
 
 bool CTouImpl::ReLoad() {
@@ -86,14 +81,11 @@ bool CTouImpl::ReLoad() {
     return m_fileExists;
 }
 
-std::string CTouImpl::readConsentFile() {
-    std::ifstream file(m_directory + kConsentFile, std::ios::binary);
-    if (!file.is_open()) return "";
+std::string CTouImpl::takeConsent(const RegularFile& file) {
+    if (!file.isRead()) return "";
     m_fileExists = true;
-    std::ostringstream text;
-    text << file.rdbuf();
-    s_log.info("TOU file content: ", [&text] { return text.str(); });
-    return text.str();
+    s_log.info("TOU file content: ", file.text());
+    return file.text();
 }
 
 std::int64_t CTouImpl::readServerVersion() const {
@@ -106,11 +98,11 @@ std::int64_t CTouImpl::readServerVersion() const {
 void CTouImpl::parseConsent(const std::string& text, std::int64_t serverVersion) {
     const std::vector<std::string> words = wordsOf(text);
     if (words.size() < 3) {
-        s_log.error("TOU file wrong format: ", text);
+        s_log.error("TOU file wrong format: ", ClassLog::foreign(text));
         return;
     }
     if (words[0] != "CUL-TOU") {
-        s_log.error("TOU file wrong acceptance name: ", text);
+        s_log.error("TOU file wrong acceptance name: ", ClassLog::foreign(text));
         return;
     }
     const std::int32_t version = toInt32(words[1]);
@@ -131,7 +123,19 @@ void CTouImpl::dropServerAnswer() const {
 }
 
 bool CTouImpl::Refresh() {
-    const JsonObject answer = fetchAnswer();
+    const std::string url = ServiceTables::getTouUrl();
+    NetworkHelper request;
+    const bool arrived = request.UrlRequest(url, true, ServiceTables::getLambdaKey());
+    m_waitsForTime = request.waitsForTime();
+    return arrived && announceNewer(takeAnswer(request));
+}
+
+void CTouImpl::refreshIfItWaited() {
+    if (m_waitsForTime) Refresh();
+}
+
+/// @return whether the answer is one
+bool CTouImpl::announceNewer(const JsonObject& answer) const {
     if (answer.isNull()) return false;
     const long long version = answer.optInteger("version", 0);
     const bool mandatory = answer.getObject("mandatory").isTrue();
@@ -141,7 +145,7 @@ bool CTouImpl::Refresh() {
                ", mandatory=", mandatory ? "true" : "false");
     if (version <= 0 || url.empty()) {
         s_log.error("ToU server answer names no version or no url: ",
-                    beginning(answer.getStringRep()));
+                    ClassLog::foreign(answer.getStringRep()));
         return false;
     }
     if (version > m_version) announce(url, mandatory, answer.getStringRep());

@@ -4,6 +4,7 @@
 #include "Services.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 
 namespace {
@@ -99,6 +100,15 @@ JsonObject ConfigDocument::defaultDocument() {
              keyLastModified, "",                               //
              keyUtcTime, 0);
     return doc;
+}
+
+bool ConfigDocument::isConfiguration(const JsonObject& doc) {
+    constexpr const char* members[] = {keyKivTou,         keyExpiryTou,    keyEventFilter,
+                                       keyFileFilter,     keyUploadEvents, keyFirehoseEndpoint,
+                                       keyFirehoseStream, keyS3Endpoint,   keyS3Bucket,
+                                       keyCredentials,    keyUtcTime,      keyLastModified};
+    return std::any_of(std::begin(members), std::end(members),
+                       [&doc](const char* member) { return !doc.getObject(member).isNull(); });
 }
 
 bool ConfigDocument::isErrorAnswer(const JsonObject& doc) {

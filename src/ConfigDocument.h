@@ -71,6 +71,9 @@ class ConfigDocument {
     static void parse(const JsonObject& doc, Values& values, const ClassLog& log);
     /// The document of a set that never had an answer.
     static JsonObject defaultDocument();
+    /// Whether the document is an object with at least one member of a configuration; the version
+    /// alone does not make it one.
+    static bool isConfiguration(const JsonObject& doc);
     /// Whether the answer says why there is no configuration, instead of being one.
     static bool isErrorAnswer(const JsonObject& doc);
     /// Notes in an answer when it came: `utcSeconds`, and `date`, the server's word for it.

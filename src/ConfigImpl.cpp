@@ -42,6 +42,12 @@ bool termsOfUseExist() {
     return tou->ReLoad();
 }
 
+/// An answer has just told the time.
+void askForTermsThatWaited() {
+    const Singleton<CTouImpl> tou;
+    tou->refreshIfItWaited();
+}
+
 /// Takes the server's time over as web time. @return it in UTC seconds; 0 when it cannot be now
 std::int32_t takeServerTime(const std::string& date) {
     if (s_log.isVerbose()) {
@@ -109,6 +115,7 @@ bool ConfigImpl::IsValid() const {
 /// Seconds until the configuration expires at `now` (not positive: it has). With m_lock held.
 std::int64_t ConfigImpl::secondsLeft(std::int32_t now) const {
     const std::int64_t age = static_cast<std::int64_t>(now) - m_values.utcTime;
+    if (age < 0) return 0;  // dated ahead by a clock that was wrong: it could stay for years
     return std::clamp(m_values.expiryTou, -kLongestExpiry, kLongestExpiry) - age;
 }
 
@@ -168,15 +175,17 @@ bool ConfigImpl::Refresh(bool force) {
     }
     NetworkHelper request;
     const std::string url = ServiceTables::getConfigUrl() + device;
+    request.allowUnknownTime();  // its Date may be what tells the time
     if (!request.UrlRequest(url, true, ServiceTables::getLambdaKey())) {
         s_log.error("Config could not be retrieved from server");
         return giveUp(now);
     }
-    return takeAnswer(request.data, request.date, now);
+    return takeAnswer(request, now);
 }
 
 /// Whether less than the least time between two attempts has passed; then it asks for the next
-/// try. Where a wall-clock time is missing the monotonic clock serves.
+/// try. Where a wall-clock time is missing, or the last attempt seems to lie ahead, the monotonic
+/// clock serves.
 bool ConfigImpl::attemptIsTooRecent(std::int32_t now) {
     const std::int64_t kernelMs = KernelTime::getTimeMonotonicAsInt64();
     std::int32_t lastAttempt = 0;
@@ -184,7 +193,7 @@ bool ConfigImpl::attemptIsTooRecent(std::int32_t now) {
     {
         const std::lock_guard<std::recursive_mutex> lock(m_lock);
         lastAttempt = m_lastAttempt;
-        if (now != 0 && lastAttempt != 0) {
+        if (now != 0 && lastAttempt != 0 && now >= lastAttempt) {
             elapsed = static_cast<std::int64_t>(now) - lastAttempt;
         } else if (m_lastAttemptKernelMs >= 0) {
             elapsed = (kernelMs - m_lastAttemptKernelMs) / 1000;
@@ -210,15 +219,20 @@ bool ConfigImpl::giveUp(std::int32_t now) {
     return false;
 }
 
-bool ConfigImpl::takeAnswer(const std::string& body, const std::string& date, std::int32_t now) {
-    JsonObject doc = JsonObject::parse(body);
-    if (!doc.isObject()) {
-        s_log.error("Invalid Config JSON object received: ", body);
+bool ConfigImpl::takeAnswer(const NetworkHelper& answer, std::int32_t now) {
+    JsonObject doc = JsonObject::parse(answer.data);
+    const bool refused = ConfigDocument::isErrorAnswer(doc);
+    if (!answer.isGoodAnswer() && !(refused && answer.status >= 400)) {
+        s_log.error("Config could not be retrieved from server");
         return giveUp(now);
     }
-    const std::int32_t serverTime = takeServerTime(date);
-    ConfigDocument::stamp(doc, currentUtcSeconds(), date);
-    if (ConfigDocument::isErrorAnswer(doc)) {
+    if (!refused && !ConfigDocument::isConfiguration(doc)) {
+        s_log.error("Invalid Config JSON object received: ", ClassLog::foreign(answer.data));
+        return giveUp(now);
+    }
+    const std::int32_t serverTime = takeServerTime(answer.date);
+    ConfigDocument::stamp(doc, currentUtcSeconds(), answer.date);
+    if (refused) {
         countAsFresh(serverTime);
     } else {
         saveAndParseConfig(doc);
@@ -226,14 +240,17 @@ bool ConfigImpl::takeAnswer(const std::string& body, const std::string& date, st
     recordAttempt(serverTime != 0 ? serverTime : now);
     callBack();
     scheduleExpiryCheck();
+    askForTermsThatWaited();
     return true;
 }
 
-/// The configuration in force counts as received at `serverTime`, unless that is not known (0).
+/// The configuration in force counts as received at `serverTime`, unless that is not known (0). A
+/// server that is up to a minute ahead does not move the known time: it must not date it ahead.
 void ConfigImpl::countAsFresh(std::int32_t serverTime) {
     if (serverTime == 0) return;
+    const std::int32_t now = currentUtcSeconds();
     const std::lock_guard<std::recursive_mutex> lock(m_lock);
-    m_values.utcTime = serverTime;
+    m_values.utcTime = now == 0 ? serverTime : std::min(serverTime, now);
 }
 
 void ConfigImpl::callBack() const {
@@ -242,6 +259,11 @@ void ConfigImpl::callBack() const {
 }
 
 // --- thresholds, callback and getters -----------------------------------------------------------
+
+bool ConfigImpl::collectionAllowed() const {
+    const Singleton<CTouImpl> tou;
+    return GetTouAccepted() && !tou->refused();
+}
 
 bool ConfigImpl::MinimumSizeReached(long dbSize) const {
     const std::int32_t minSize = GetMinSize();

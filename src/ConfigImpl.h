@@ -8,6 +8,8 @@
 #include "ConfigDocument.h"
 #include "JsonObject.h"
 
+class NetworkHelper;
+
 /// The daemon's working configuration: fetched from the server, mirrored in a persistent file,
 /// read through locked getters. What a document says is read by `ConfigDocument`.
 ///
@@ -28,7 +30,9 @@ class ConfigImpl {
     void saveAndParseConfig(const JsonObject& doc);
 
     /// Fetches the configuration if it is needed or forced, at most once in 600 s, and asks for
-    /// the next check. @return whether it is current or an answer was received.
+    /// the next check. @return whether it is current or an answer was received. An HTTP status
+    /// other than 200 to 299 is not an answer, but for an error answer of the server (400 and
+    /// above).
     bool Refresh(bool force);
     bool isDownloadRequired();
     bool configIsExpired();
@@ -36,13 +40,16 @@ class ConfigImpl {
     bool IsValid() const;
     /// Asks for a refresh when this configuration expires, or in 600 s where that is not known.
     void scheduleExpiryCheck();
+    /// Whether an event may be kept, and a packet or a file sent: the server has consent on record,
+    /// and the user has not said no.
+    bool collectionAllowed() const;
     /// Whether `dbSize` (bytes) is above "min-size".
     bool MinimumSizeReached(long dbSize) const;
     /// `callback` runs after every answer that parsed, on the refreshing thread, without the lock.
     void RegisterCallback(std::function<void()> callback);
 
     std::string GetPath() const;
-    bool GetTouAccepted() const;         ///< "kiv_tou": consent is on record
+    bool GetTouAccepted() const;         ///< "kiv_tou": the server has consent on record
     std::int64_t GetExpiryTou() const;   ///< seconds
     std::string GetEventFilter() const;  ///< JSON text
     std::string GetFileFilter() const;   ///< JSON text
@@ -83,7 +90,7 @@ class ConfigImpl {
     bool attemptIsTooRecent(std::int32_t now);
     void recordAttempt(std::int32_t utcSeconds);
     bool giveUp(std::int32_t now);
-    bool takeAnswer(const std::string& body, const std::string& date, std::int32_t now);
+    bool takeAnswer(const NetworkHelper& answer, std::int32_t now);
     void countAsFresh(std::int32_t serverTime);
     void callBack() const;
     std::int64_t secondsLeft(std::int32_t now) const;

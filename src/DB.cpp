@@ -2,50 +2,27 @@
 
 #include "Cycle.h"
 #include "DBToken.h"
+#include "SqlFiles.h"
 #include "SqlStatement.h"
-#include "TimeReference.h"
+#include "StoreRescue.h"
+#include "StoreSchema.h"
 
+#include <optional>
 #include <utility>
 
-#include <cerrno>
 #include <cstdio>
 
 #include <malloc.h>
-#include <unistd.h>
 
 #include <sqlite3.h>
 
 namespace {
 
-using OnFailure = SqlConnection::OnFailure;
-
 constexpr ClassLog& s_log = SqlConnection::m_log;
-constexpr int kSchemaVersion = 2;
 constexpr int kSystemTime = 0;  ///< the source of a start time without one
 
-struct Table {
-    const char* createdName;
-    const char* failureText;
-    const char* statement;
-};
-
-constexpr Table kTables[] = {
-    {"Event", "SQL error (create Events table): ",
-     "CREATE TABLE IF NOT EXISTS Events(bootCount INT, standbyCount INT, kernelTime INT, "
-     "type TEXT, status INT, data BLOB);"},
-    {"Files", "SQL error (create Files table): ",
-     "CREATE TABLE IF NOT EXISTS Files(id TEXT PRIMARY KEY, url TEXT, status INT, retries INT, "
-     "lastfail INT, info BLOB);"},
-    {"TimeOffsets", "SQL error (create TimeOffsets table): ",
-     "CREATE TABLE IF NOT EXISTS TimeOffsets(bootCount INT, standbyCount INT, source INT, "
-     "startTime INT, status INT, PRIMARY KEY(bootCount,standbyCount,source));"},
-    {"OpTimes", "SQL error (create OpTimes table): ",
-     "CREATE TABLE IF NOT EXISTS OpTimes(bootCount INT, standbyCount INT, opTime INT, "
-     "PRIMARY KEY(bootCount, standbyCount))"},
-    {"Location", "SQL error (create Location table): ",
-     "CREATE TABLE IF NOT EXISTS Location(id INT PRIMARY KEY, longitude REAL, latitude REAL, "
-     "IP TEXT, city TEXT, region TEXT, countryCode TEXT)"},
-};
+/// A store that fails is not opened more often.
+constexpr auto kBetweenOpenings = std::chrono::seconds(5);
 
 void bindCycle(SqlStatement& statement, const Cycle& cycle) {
     statement.bind(1, std::int64_t{cycle.bootCount});
@@ -60,39 +37,67 @@ std::atomic<bool> DB::m_dbError{false};
 std::string DB::m_DBErrorMessage;
 std::function<void()> DB::m_dbFullCb;
 
+std::atomic<bool> DB::m_damageUnreported{false};
+bool DB::m_hasUncommittedIdentity = false;
+
 // --- opening --------------------------------------------------------------------------------
 
 DB::DB()
     : m_connection([this](const char* message) { checkErrorCondition(message); }),
-      m_events(m_connection, {m_PruneLock, m_TotalEventSize, m_dbError}) {}
+      m_files(m_connection),
+      m_events(m_connection,
+               {m_PruneLock, m_TotalEventSize, m_dbError, m_makeReady, &m_damageUnreported}) {}
 
 DB::~DB() {
     m_events.waitForPruners();
+    const Guard lock(m_PruneLock);  // another thread may be closing the connection
     if (m_connection.isOpen()) s_log.info("Destructor: close DB ", m_connection.address());
+    m_connection.close();
 }
 
 void DB::open(std::string path, bool recreateIfUnusable) {
     if (!openConnection(path)) return;
-    const Guard lock = lockFor("creating tables");
-    limitPages();
-    if (m_connection.foundDamage() && recreateIfUnusable) {
-        recreate(path);
-        return;
-    }
-    createTables();
-    migrate();
+    s_log.info("Take lock for creating tables");
+    const Guard lock(m_PruneLock);
+    setUp(recreateIfUnusable);
 }
 
-void DB::returnFreeMemory() {
-    {
-        const Guard lock(m_PruneLock);
-        m_connection.releaseMemory();
+void DB::setUp(bool recreateIfUnusable) {
+    StoreSchema schema(m_connection);
+    schema.limitPages(m_maxDatabaseSize);
+    std::optional<SqlConnection::NoWaiting> waitedEnough;
+    if (m_connection.metLock()) waitedEnough.emplace(m_connection);
+    if (recreateIfUnusable && m_connection.foundDamage()) {
+        if (replaceDamagedFile()) {
+            m_dbError = m_damageUnreported = false;
+            open(std::string(m_connection.path()), false);
+            return;
+        }
+    } else if (recreateIfUnusable) {
+        const std::string damage = schema.findDamage();
+        if (!damage.empty()) {
+            s_log.error("Database ", m_connection.path(), " is damaged: ", damage);
+            SqlFiles::noteDamage(m_connection.file());
+            if (replaceDamagedFile()) {
+                open(std::string(m_connection.path()), false);
+                return;
+            }
+        }
     }
-    ::malloc_trim(0);  // free pages between used ones, too, which free() never returns
+    m_isComplete = schema.bringUpToDate([this] { makeNewIdentity(); });
+    if (m_isComplete) m_hasUncommittedIdentity = false;
+}
+
+/// Once for each new file, however often its making has to be tried.
+void DB::makeNewIdentity() {
+    if (!m_hasUncommittedIdentity) DBToken::loadDBUUIDFile(true);
+    m_hasUncommittedIdentity = true;
 }
 
 bool DB::openConnection(const std::string& path) {
     const Guard lock(m_PruneLock);  // a pruner of this object may be using the old connection
+    m_openedLast = Clock::now();
+    m_isComplete = false;
     const std::string failure = m_connection.open(path, SqlConnection::OnLock::Wait);
     if (!failure.empty()) {
         s_log.error("Can't open database ", path, ": ", failure);
@@ -103,52 +108,55 @@ bool DB::openConnection(const std::string& path) {
     return true;
 }
 
-void DB::recreate(const std::string& path) {
-    m_connection.close();
-    if (::unlink(path.c_str()) != 0) {
-        s_log.error("Can't delete database ", path, ": ", ClassLog::errnoText(errno));
+void DB::makeReady() {
+    // Amid an operation on this connection there is nothing to be done, and before `open` neither.
+    if (m_connection.path().empty() || m_connection.isInUse()) return;
+    if (SqlFiles::isDamaged(m_connection.file())) replaceDamagedFile();
+    if (!shouldOpenAgain()) return;
+    if (openConnection(std::string(m_connection.path()))) setUp(false);
+}
+
+bool DB::shouldOpenAgain() const {
+    if (m_connection.wasClosedByOthers()) return true;
+    const bool fails = !m_isComplete || m_connection.isStuck();
+    return fails && Clock::now() - m_openedLast >= kBetweenOpenings;
+}
+
+/// @return false when it is not possible now: somebody reads, or it was tried a moment ago, or it
+/// fails
+bool DB::replaceDamagedFile() {
+    const std::string file = m_connection.file();
+    if (!StoreRescue::isDue(file) || !SqlFiles::closeAll(file)) return false;
+    const StoreRescue::Result result = StoreRescue(file, m_maxDatabaseSize).run();
+    m_dbError = true;
+    if (!result.problem.empty()) {
+        m_DBErrorMessage = "Can't replace damaged database: " + result.problem;
+        s_log.error("Can't replace damaged database ", file, ": ", result.problem);
+        return false;
     }
-    m_dbError = false;
-    open(path, false);
+    m_damageUnreported = true;
+    m_TotalEventSize = -1;
+    SqlFiles::forgetDamage(file);
+    EventSet::onlyTheseRowsRemain(result.eventRows);
+    m_DBErrorMessage =
+        "Damaged database replaced, carried over: " + std::to_string(result.eventRows.size()) +
+        " events, " + std::to_string(result.files) + " files, " + std::to_string(result.otherRows) +
+        " other rows";
+    s_log.error(m_DBErrorMessage, "; the old one is ", StoreRescue::damagedName(file));
+    return true;
 }
 
-void DB::limitPages() {
-    // A page size that cannot be read leaves 0, which SQLite takes as no new limit; the statement
-    // runs all the same, because it is the one that finds a file unusable.
-    const int pageSize = m_connection.readPragma("PRAGMA page_size");
-    const int pages = pageSize > 0 ? (m_maxDatabaseSize + pageSize - 1) / pageSize : 0;
-    m_connection.execute("PRAGMA max_page_count = " + std::to_string(pages),
-                         "SQL error (max_page_count): ", OnFailure::ReportOnly);
-}
-
-void DB::createTables() {
-    for (const Table& table : kTables) {
-        if (m_connection.execute(table.statement, table.failureText, OnFailure::ReportOnly) ==
-            SQLITE_OK) {
-            s_log.info("Table ", table.createdName, " created successfully");
-        }
+void DB::returnFreeMemory() {
+    {
+        const Guard lock(m_PruneLock);
+        m_connection.releaseMemory();
     }
+    ::malloc_trim(0);  // free pages between used ones, too, which free() never returns
 }
 
-void DB::migrate() {
-    const int version = m_connection.readPragma("PRAGMA user_version");
-    if (version == kSchemaVersion) return;
-    if (version == 0) DBToken::loadDBUUIDFile(true);  // a new database gets a new identity
-    if (version == 1) {
-        m_connection.execute("ALTER TABLE Files ADD COLUMN info BLOB;",
-                             "SQL error (ALTER TABLE Files): ", OnFailure::ReportOnly);
-    }
-    setUserVersion();
-}
-
-void DB::setUserVersion() {
-    m_connection.execute("PRAGMA user_version = " + std::to_string(kSchemaVersion),
-                         "SQL error (user_version): ", OnFailure::ReportOnly);
-}
-
-DB::Guard DB::lockFor(const char* operation) {
+DB::Turn DB::lockFor(const char* operation) const {
     s_log.info("Take lock for ", operation);
-    return Guard(m_PruneLock);
+    return Turn(m_PruneLock, m_makeReady);
 }
 
 // --- events ---------------------------------------------------------------------------------
@@ -161,6 +169,17 @@ long DB::addEvent(long bootCount, long standbyCount, long long kernelTime, std::
 
 long DB::addEvents(const std::vector<NewEvent>& events, std::size_t& taken) {
     return m_events.addEvents(events, taken);
+}
+
+bool DB::addOverflowEvent(const EventPruner::Range& range) {
+    return m_events.addOverflowEvent(range);
+}
+
+bool DB::works() {
+    const Turn lock = lockFor("works");
+    if (!m_events.works()) return false;
+    m_dbError = m_damageUnreported = false;
+    return true;
 }
 
 DB::EventSet DB::getEvents(bool oneCycleOnly) {
@@ -194,68 +213,34 @@ void DB::pruneSessionBasedTable(const std::string& table) {
 // --- files ----------------------------------------------------------------------------------
 
 int DB::getNumberOfFiles() {
-    const Guard lock = lockFor("getNumberOfFiles");
-    SqlStatement count = m_connection.prepare("SELECT COUNT(*) FROM Files");
-    return static_cast<int>(readNumber(count, "Files"));
+    const Turn lock = lockFor("getNumberOfFiles");
+    return m_files.count();
 }
 
 std::unique_ptr<DB::PendingUpload> DB::getFirstUpload() {
-    const Guard lock = lockFor("getFirstUpload");
-    SqlStatement first = m_connection.prepare(
-        "SELECT id,url,status,retries,lastfail,info FROM Files "
-        "ORDER BY lastfail LIMIT 1");
-    if (!hasRow(first, "Files")) return nullptr;
-    auto upload = std::make_unique<PendingUpload>();
-    upload->id = first.columnText(0);
-    upload->url = first.columnText(1);
-    upload->status = static_cast<int>(first.columnInt64(2));
-    upload->retries = static_cast<int>(first.columnInt64(3));
-    upload->lastfail = first.columnInt64(4);
-    upload->info = first.columnText(5);
-    return upload;
+    const Turn lock = lockFor("getFirstUpload");
+    return m_files.first();
 }
 
-void DB::removeUpload(std::string id) {
-    const Guard lock = lockFor("removeUpload");
-    SqlStatement removal = m_connection.prepare("DELETE FROM Files WHERE id=?");
-    removal.bind(1, id);
-    if (removal.step() == SQLITE_DONE) return;
-    s_log.error(" Can't delete from table Files : ", m_connection.lastError());
+bool DB::removeUpload(std::string id) {
+    const Turn lock = lockFor("removeUpload");
+    return m_files.remove(id);
 }
 
-void DB::addFile(std::string id, std::string url, std::string info) {
-    const Guard lock = lockFor("addFile");
-    SqlStatement insert = m_connection.prepare(
-        "INSERT INTO Files (id, url, status, retries, lastfail, info) "
-        "VALUES (?1, ?2, ?3, ?3, ?4, ?5)");
-    insert.bind(1, id);
-    insert.bind(2, url);
-    insert.bind(3, std::int64_t{0});
-    insert.bind(4, std::int64_t{0});
-    if (info.empty()) {
-        insert.bindNull(5);
-    } else {
-        insert.bind(5, info);
-    }
-    if (insert.step() == SQLITE_DONE) return;
-    std::fprintf(stderr, "%s Can't Insert into table Files\n", s_log.tag());
+bool DB::addFile(std::string id, std::string url, std::string info) {
+    const Turn lock = lockFor("addFile");
+    return m_files.add(id, url, info);
 }
 
 void DB::retryUpload(std::string id) {
-    const Guard lock = lockFor("retryUpload");
-    const TimeReference now;
-    SqlStatement update =
-        m_connection.prepare("UPDATE Files SET retries=retries+1, lastfail=?1 WHERE id=?2");
-    update.bind(1, std::int64_t{now.kernelTime});
-    update.bind(2, id);
-    if (update.step() == SQLITE_DONE) return;
-    s_log.error(" Can't update table Files : ", m_connection.lastError());
+    const Turn lock = lockFor("retryUpload");
+    m_files.countFailure(id);
 }
 
 // --- start times, operating times, location ---------------------------------------------------
 
 long long DB::getStartTime(long bootCount, long standbyCount, int source) const {
-    const Guard lock = lockFor("getStartTime");
+    const Turn lock = lockFor("getStartTime");
     SqlStatement select = m_connection.prepare(
         "SELECT startTime FROM TimeOffsets "
         "WHERE bootCount=? AND standbyCount=? AND source=?");
@@ -269,7 +254,7 @@ long long DB::getStartTime(long bootCount, long standbyCount) {
 }
 
 int DB::setStartTime(long bootCount, long standbyCount, int source, long long startTime) {
-    const Guard lock = lockFor("setStartTime");
+    const Turn lock = lockFor("setStartTime");
     SqlStatement insert = m_connection.prepare(
         "INSERT OR REPLACE INTO TimeOffsets "
         "(bootCount, standbyCount, source, startTime, status) "
@@ -289,7 +274,7 @@ int DB::setStartTime(long bootCount, long standbyCount, long long startTime) {
 }
 
 void DB::setOpTime(long bootCount, long standbyCount, unsigned int opTime) {
-    const Guard lock = lockFor("setOpTime");
+    const Turn lock = lockFor("setOpTime");
     SqlStatement insert = m_connection.prepare(
         "INSERT OR REPLACE INTO OpTimes (bootCount, standbyCount, opTime) "
         "VALUES (?1, ?2, ?3)");
@@ -300,7 +285,7 @@ void DB::setOpTime(long bootCount, long standbyCount, unsigned int opTime) {
 }
 
 unsigned int DB::getOpTime(long bootCount, long standbyCount) const {
-    const Guard lock = lockFor("getOpTime");
+    const Turn lock = lockFor("getOpTime");
     SqlStatement select =
         m_connection.prepare("SELECT opTime FROM OpTimes WHERE bootCount=? AND standbyCount=?");
     bindCycle(select, Cycle(bootCount, standbyCount));
@@ -310,7 +295,7 @@ unsigned int DB::getOpTime(long bootCount, long standbyCount) const {
 bool DB::setLocation(double longitude, double latitude, const std::string& ip,
                      const std::string& city, const std::string& region,
                      const std::string& countryCode) {
-    const Guard lock = lockFor("setLocation");
+    const Turn lock = lockFor("setLocation");
     SqlStatement insert = m_connection.prepare(
         "INSERT OR REPLACE INTO Location "
         "(id, longitude, latitude, IP, city, region, countryCode) "
@@ -328,7 +313,7 @@ bool DB::setLocation(double longitude, double latitude, const std::string& ip,
 
 bool DB::getLocation(double& longitude, double& latitude, std::string& ip, std::string& city,
                      std::string& region, std::string& countryCode) const {
-    const Guard lock = lockFor("getLocation");
+    const Turn lock = lockFor("getLocation");
     SqlStatement select = m_connection.prepare("SELECT * FROM Location WHERE id=1");
     if (!hasRow(select, "Location")) return false;
     longitude = select.columnDouble(1);

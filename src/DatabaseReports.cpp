@@ -16,6 +16,7 @@
 #include "TimeMgrImpl.h"
 #include "TimeReference.h"
 #include "UploadLog.h"
+#include "UploadSchedule.h"
 #include "UtcTime.h"
 #include "UtcTimeMs.h"
 #include "WebTimeImpl.h"
@@ -32,7 +33,7 @@ namespace {
 const ClassLog& s_log = UploadLog::log;
 
 bool isPermitted() {
-    return Config()->GetTouAccepted();
+    return Config()->collectionAllowed();
 }
 
 /// Creates or truncates, but neither follows a link nor waits for the reader of a pipe.
@@ -100,19 +101,34 @@ std::string DatabaseReports::componentFolder() {
 
 int DatabaseReports::sendFullFile() {
     if (m_fullFileSent || !isPermitted()) return 1;
-    if (!writeListing(m_listedDirectory, m_listingFile)) return 0;
-    if (!m_cloud.UploadFile(nameOfListing(), m_listingFile)) return 0;
-    m_fullFileSent = true;
+    // A full store asks at every event that it refuses.
+    if (!m_fullFileFailed.isOver()) return 0;
+    m_fullFileSent = sendListing();
+    if (!m_fullFileSent) {
+        m_fullFileFailed.begin();
+        return 0;
+    }
     s_log.info(" Sent full DB file to AWS ");
     return 1;
 }
 
+bool DatabaseReports::sendListing() {
+    return writeListing(m_listedDirectory, m_listingFile) &&
+           m_cloud.UploadFile(nameOfListing(), m_listingFile);
+}
+
+void DatabaseReports::sendOwedErrorEvent() {
+    if (m_errorEventOwed) sendErrorEvent();
+}
+
 void DatabaseReports::sendErrorEvent() {
     if (m_errorEventSent || !isPermitted()) return;
+    if (!m_errorEventFailed.isOver()) return;
     LocationInfo::getLocation();  // may use the network: before the packet's times are asked for
-    if (sendAlone(errorEvent())) {
-        m_errorEventSent = true;
-    } else {
-        s_log.error("DB Error event upload failed ");
-    }
+    m_errorEventSent = sendAlone(errorEvent());
+    m_errorEventOwed = !m_errorEventSent;
+    if (m_errorEventSent) return;
+    m_errorEventFailed.begin();
+    m_schedule.requestEventsUpload(UploadSchedule::kRetryMs);
+    s_log.error("DB Error event upload failed ");
 }

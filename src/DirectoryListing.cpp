@@ -20,7 +20,8 @@ using Directory = std::unique_ptr<DIR, CloseDirectory>;
 Directory openDirectory(const std::string& dir) {
     Directory directory(::opendir(dir.c_str()));
     if (directory == nullptr) {
-        UploadLog::log.error("Cannot open directory ", dir, ": ", ClassLog::errnoText(errno));
+        UploadLog::log.error("Cannot open directory ", ClassLog::foreign(dir), ": ",
+                             ClassLog::errnoText(errno));
     }
     return directory;
 }

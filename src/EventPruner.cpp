@@ -23,8 +23,8 @@ EventPruner::EventPruner(const SqlConnection& connection, long total, long limit
 }
 
 void EventPruner::take(const SqlStatement& event) {
-    m_highest = {Cycle(event.columnInt64(2), event.columnInt64(3)), event.columnInt64(4)};
-    if (m_rows.empty()) m_lowest = m_highest;
+    m_range.highest = {Cycle(event.columnInt64(2), event.columnInt64(3)), event.columnInt64(4)};
+    if (m_rows.empty()) m_range.lowest = m_range.highest;
     m_rows.push_back(event.columnInt64(0));
     m_freed += static_cast<long>(event.columnInt64(1) + 1);
 }
@@ -39,29 +39,31 @@ void EventPruner::takeOverRanges(const SqlConnection& connection) {
             const Cycle cycle(range.optInteger("highest-boot-count", 0),
                               range.optInteger("highest-standby-count", 0));
             const Moment named = {cycle, range.optInteger("highest-kernel-time", 0)};
-            m_highest = std::max(m_highest, named);
+            m_range.highest = std::max(m_range.highest, named);
         }
         probe.resetAndClear();
     }
 }
 
-JsonObject EventPruner::overflowEvent() const {
-    JsonObject range;
-    range.Pack("{s:i, s:i, s:I, s:i, s:i, s:I}",                                    //
-               "lowest-boot-count", int{m_lowest.cycle.bootCount},                  //
-               "lowest-standby-count", int{m_lowest.cycle.standbyCount},            //
-               "lowest-kernel-time", static_cast<json_int_t>(m_lowest.kernelTime),  //
-               "highest-boot-count", int{m_highest.cycle.bootCount},                //
-               "highest-standby-count", int{m_highest.cycle.standbyCount},          //
-               "highest-kernel-time", static_cast<json_int_t>(m_highest.kernelTime));
+JsonObject EventPruner::overflowEvent(const Range& range) {
+    const Moment& lowest = range.lowest;
+    const Moment& highest = range.highest;
+    JsonObject data;
+    data.Pack("{s:i, s:i, s:I, s:i, s:i, s:I}",                                  //
+              "lowest-boot-count", int{lowest.cycle.bootCount},                  //
+              "lowest-standby-count", int{lowest.cycle.standbyCount},            //
+              "lowest-kernel-time", static_cast<json_int_t>(lowest.kernelTime),  //
+              "highest-boot-count", int{highest.cycle.bootCount},                //
+              "highest-standby-count", int{highest.cycle.standbyCount},          //
+              "highest-kernel-time", static_cast<json_int_t>(highest.kernelTime));
     JsonObject event;
     event.Pack("{s:s, s:i, s:i, s:i, s:I, s:O}",                                //
                "event-type", overflowType(),                                    //
                "eventid", static_cast<int>(EventType(overflowType()).getId()),  //
-               "boot-count", int{m_lowest.cycle.bootCount},                     //
-               "standby-count", int{m_lowest.cycle.standbyCount},               //
-               "kernel-time", static_cast<json_int_t>(m_lowest.kernelTime),     //
-               "data", range.get());
+               "boot-count", int{lowest.cycle.bootCount},                       //
+               "standby-count", int{lowest.cycle.standbyCount},                 //
+               "kernel-time", static_cast<json_int_t>(lowest.kernelTime),       //
+               "data", data.get());
     return event;
 }
 

@@ -23,6 +23,12 @@ class EventPruner {
         bool operator<(const Moment& other) const;
     };
 
+    /// From the lowest to the highest moment of lost events, both included.
+    struct Range {
+        Moment lowest;
+        Moment highest;
+    };
+
     /// Selects the oldest events, as many as bring `total` bytes to at most `limit`. Statements
     /// that fail select nothing, as on a connection that is not open.
     EventPruner(const SqlConnection& connection, long total, long limit);
@@ -32,11 +38,13 @@ class EventPruner {
     /// The bytes that deleting them frees.
     long freed() const { return m_freed; }
     /// The moment of the oldest one, which becomes that of the overflow event.
-    const Moment& lowest() const { return m_lowest; }
+    const Moment& lowest() const { return m_range.lowest; }
     /// The event that names the range of the selected ones; ranges that pruned overflow events
     /// among them name are handed on.
-    JsonObject overflowEvent() const;
+    JsonObject overflowEvent() const { return overflowEvent(m_range); }
 
+    /// The event that names `range` and stands at its lowest moment.
+    static JsonObject overflowEvent(const Range& range);
     static const char* overflowType() { return "logging.overflow"; }
 
     /// The rows of a per-cycle table that belong to a cycle without stored events, except those
@@ -51,6 +59,5 @@ class EventPruner {
 
     std::vector<std::int64_t> m_rows;
     long m_freed = 0;
-    Moment m_lowest;
-    Moment m_highest;
+    Range m_range;
 };

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <optional>
 #include <set>
 
 #include <sqlite3.h>
@@ -20,8 +21,12 @@ struct EventSet::Cursor {
     SqlStatement statement;  ///< after the connection, so that it is finalized before that closes
     bool open = false;
     bool active = false;
-    std::set<std::int64_t> prunedRows;  ///< guarded by Cursors::mutex
+    std::set<std::int64_t> prunedRows;                    ///< guarded by Cursors::mutex
+    std::optional<std::set<std::int64_t>> remainingRows;  ///< likewise; none: all remain
 
+    bool stillHas(std::int64_t row) const {
+        return prunedRows.count(row) == 0 && (!remainingRows || remainingRows->count(row) != 0);
+    }
     void end() {
         statement = SqlStatement();
         connection.close();
@@ -31,7 +36,7 @@ struct EventSet::Cursor {
 
 /// The cursors of all living sets.
 struct EventSet::Cursors {
-    std::mutex mutex;  ///< guards the list and every cursor's prunedRows; a leaf
+    std::mutex mutex;  ///< guards the list, and the two sets of every cursor; a leaf
     std::vector<std::weak_ptr<Cursor>> living;
 
     void add(const std::shared_ptr<Cursor>& cursor) {
@@ -58,10 +63,13 @@ EventSet::EventSet(const std::string& path, const std::string& query) {
 EventSet::~EventSet() = default;
 
 void EventSet::open(const std::string& path, const std::string& query) {
-    m_cursor->open = m_cursor->connection.open(path, SqlConnection::OnLock::Fail).empty();
+    m_cursor->open =
+        m_cursor->connection.open(path, SqlConnection::OnLock::Fail, SqlConnection::Purpose::Cursor)
+            .empty();
     if (!m_cursor->open) return;
     m_cursor->statement = m_cursor->connection.prepare(query);
     m_cursor->active = m_cursor->statement.columnCount() == 2;
+    if (!m_cursor->active) m_cursor->end();  // an open cursor keeps a damaged store in place
 }
 
 std::string EventSet::getNextAndMark() {
@@ -115,12 +123,21 @@ void EventSet::rowsWerePruned(const std::vector<std::int64_t>& rows) {
     }
 }
 
+void EventSet::onlyTheseRowsRemain(const std::vector<std::int64_t>& rows) {
+    Cursors& all = cursors();
+    const std::lock_guard<std::mutex> lock(all.mutex);
+    for (const auto& living : all.living) {
+        const std::shared_ptr<Cursor> cursor = living.lock();
+        if (cursor != nullptr) cursor->remainingRows.emplace(rows.begin(), rows.end());
+    }
+}
+
 std::vector<long> EventSet::marksStillStored() const {
     std::vector<long> rows = m_marked;
     if (m_cursor == nullptr) return rows;
     const std::lock_guard<std::mutex> lock(cursors().mutex);
     rows.erase(std::remove_if(rows.begin(), rows.end(),
-                              [this](long row) { return m_cursor->prunedRows.count(row) != 0; }),
+                              [this](long row) { return !m_cursor->stillHas(row); }),
                rows.end());
     return rows;
 }

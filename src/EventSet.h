@@ -35,6 +35,7 @@ class EventSet {
     bool isActive() const;
 
   private:
+    friend class DB;
     friend class EventTable;
 
     struct Cursor;
@@ -44,7 +45,9 @@ class EventSet {
     /// Tells every living set that pruning deleted `rows`. Marks of these no longer count: SQLite
     /// may give their ROWIDs to new events.
     static void rowsWerePruned(const std::vector<std::int64_t>& rows);
-    /// The marked rows without those that pruning has deleted since they were handed out.
+    /// Tells every living set that the store was replaced by one that has only these rows of it.
+    static void onlyTheseRowsRemain(const std::vector<std::int64_t>& rows);
+    /// The marked rows without those that pruning, or damage, took since they were handed out.
     std::vector<long> marksStillStored() const;
     void open(const std::string& path, const std::string& query);
     void mark(std::int64_t row);

@@ -1,6 +1,5 @@
 #include "EventTable.h"
 
-#include "EventPruner.h"
 #include "JsonObject.h"
 #include "SqlConnection.h"
 #include "SqlStatement.h"
@@ -16,10 +15,6 @@
 namespace {
 
 constexpr const ClassLog& s_log = SqlConnection::m_log;
-
-/// How long a batch may wait for another process's lock to end. The senders wait with it; after
-/// this time each of its events is tried once more and lost if that fails, so that they can go on.
-constexpr std::chrono::seconds kLongestWait(30);
 
 template <typename Row>
 std::string deletionOf(const std::string& table, const std::vector<Row>& rows) {
@@ -50,53 +45,93 @@ std::string insertion(const Cycle& cycle, long long kernelTime, const std::strin
 EventTable::EventTable(SqlConnection& connection, const Shared& shared)
     : m_connection(connection), m_shared(shared) {}
 
-EventTable::Guard EventTable::lockFor(const char* operation) const {
+EventTable::Turn EventTable::lockFor(const char* operation) const {
     s_log.info("Take lock for ", operation);
-    return Guard(m_shared.lock);
+    return turn();
 }
 
 // --- insert ---------------------------------------------------------------------------------
 
 long EventTable::addEvent(NewEvent event) {
     PrunerThreads::letWaitingOneGoFirst(m_shared.lock);
-    const long total = storeEvent(event);
+    long total = 0;
+    storeEvent(event, total);
     startPrunerAbove(total);
     return total;
 }
 
-long EventTable::storeEvent(const NewEvent& event) {
-    long total = 0;
+EventTable::Outcome EventTable::storeEvent(const NewEvent& event, long& total) {
+    Outcome outcome = Outcome::Stored;
     {
-        const Guard lock = lockFor("adding event");
-        if (insertEvent(event)) {
+        const Turn lock = lockFor("adding event");
+        outcome = insertEvent(event);
+        if (outcome == Outcome::Stored) {
             total = incrementEventSize(static_cast<long>(event.data.length() + 1));
             s_log.info("Records created successfully");
-            m_shared.failed = false;
+            clearFailure();
         } else {
             total = m_shared.totalSize;
         }
     }
     s_log.info(" Updated total event size to: ", total);
-    return total;
+    return outcome;
 }
 
-bool EventTable::insertEvent(const NewEvent& event) {
+EventTable::Outcome EventTable::insertEvent(const NewEvent& event) {
     const std::string sql = insertion(Cycle(event.bootCount, event.standbyCount), event.kernelTime,
                                       event.type, event.data);
     s_log.info("Query is ", sql);
     const bool quoted =
         event.type.find('\'') != std::string::npos || event.data.find('\'') != std::string::npos;
-    if (quoted) return refuseQuotedEvent(sql);
-    return m_connection.execute(sql, "SQL error (insert event): ") == SQLITE_OK;
+    if (quoted) {
+        refuseQuotedEvent(sql);
+        return Outcome::Refused;
+    }
+    if (m_connection.execute(sql, "SQL error (insert event): ") == SQLITE_OK) {
+        return Outcome::Stored;
+    }
+    return m_connection.failedForNow() || isMissing() ? Outcome::NotNow : Outcome::Refused;
 }
 
-bool EventTable::refuseQuotedEvent(const std::string& statement) {
+/// Whether the table itself is not there: it could not be made, or somebody took it away. The next
+/// opening makes it.
+bool EventTable::isMissing() {
+    if (m_connection.prepare("SELECT ROWID FROM Events").isPrepared()) return false;
+    m_connection.askForAnother();
+    return true;
+}
+
+void EventTable::refuseQuotedEvent(const std::string& statement) {
     // The text comes from other processes: with a quote in it, it may end the value and bring
     // statements of its own. SQLite says what it thinks of it, but it is never run.
     const SqlStatement attempt = m_connection.prepare(statement);
     const std::string message =
         attempt.isPrepared() ? "single quote in the event's text" : m_connection.lastError();
     m_connection.reportFailure("SQL error (insert event): ", message.c_str(),
+                               SqlConnection::OnFailure::Record);
+}
+
+bool EventTable::addOverflowEvent(const EventPruner::Range& range) {
+    PrunerThreads::letWaitingOneGoFirst(m_shared.lock);
+    const std::string data = EventPruner::overflowEvent(range).dumpAsString();
+    const Cycle& cycle = range.lowest.cycle;
+    const NewEvent event = {cycle.bootCount, cycle.standbyCount, range.lowest.kernelTime,
+                            EventPruner::overflowType(), data};
+    long total = 0;
+    const bool stored = storeEvent(event, total) == Outcome::Stored;
+    startPrunerAbove(total);
+    return stored;
+}
+
+bool EventTable::works() {
+    const Turn lock = turn();
+    SqlConnection::Transaction probe(m_connection, "BEGIN IMMEDIATE TRANSACTION");
+    const std::string row = insertion(Cycle(), 0, "", "");
+    if (!probe.hasBegun() || !probe.execute(row, "SQL error (insert event): ")) return false;
+    // Without this the row would never leave the memory, and a full disk pass for one that works.
+    const int flushed = m_connection.flush();
+    if (flushed == SQLITE_OK) return true;
+    m_connection.reportFailure("SQL error (insert event): ", sqlite3_errstr(flushed),
                                SqlConnection::OnFailure::Record);
     return false;
 }
@@ -114,40 +149,39 @@ long EventTable::addEvents(const std::vector<NewEvent>& events, std::size_t& tak
     const bool ahead = PrunerThreads::takeHeadStart();
     if (!ahead) PrunerThreads::letWaitingOneGoFirst(m_shared.lock);
     {
-        const Guard lock = lockFor("adding events");
-        if (!storeInOneTransaction(events, ahead, taken, total)) {
-            if (batchCanWait())
-                taken = 0;
-            else
-                storeSingly(events, taken, total);
-        }
+        const Turn lock = lockFor("adding events");
+        if (!storeInOneTransaction(events, ahead, taken, total)) storeSingly(events, taken, total);
         if (total < 0 || taken == 0) total = recountedSize();
     }
     startPrunerAbove(total);
     return total;
 }
 
+/// @param taken how many events are handled, or are to be stored singly
+/// @return false when what it stored of them is gone again
 bool EventTable::storeInOneTransaction(const std::vector<NewEvent>& events, bool ahead,
                                        std::size_t& taken, long& total) {
     const std::size_t most = std::min(events.size(), kMostEventsOfABatch);
     const long limit = sizeThatEndsABatch(ahead);
-    taken = most;
     SqlConnection::Transaction batch(m_connection, "BEGIN IMMEDIATE TRANSACTION",
                                      [this] { forgetSize(); });
-    if (!batch.hasBegun()) return false;
-    for (std::size_t i = 0; i < most; ++i) {
-        total = storeEvent(events[i]);
-        if (total <= limit && !batch.hasEnded()) continue;
-        taken = i + 1;
-        break;
+    if (!batch.hasBegun()) {
+        taken = m_connection.failedForNow() ? 0 : most;
+        return taken == 0;
+    }
+    for (taken = 0; taken < most;) {
+        const Outcome outcome = storeEvent(events[taken], total);
+        if (outcome != Outcome::NotNow || batch.hasEnded()) ++taken;
+        if (total > limit || outcome == Outcome::NotNow || batch.hasEnded()) break;
     }
     if (batch.hasEnded()) {
         // The failure took the whole transaction along, with the events before.
         forgetSize();
         return false;
     }
-    if (!batch.commit()) return false;
-    m_busySince.reset();
+    if (taken == 0 || batch.commit()) return true;
+    if (!m_connection.metLock()) return false;
+    taken = 0;
     return true;
 }
 
@@ -157,24 +191,14 @@ long EventTable::sizeThatEndsABatch(bool ahead) {
     return ahead ? total + (m_pruneThreshold - m_pruneTarget) : m_pruneThreshold;
 }
 
-/// Whether the last statement met another process's lock, and not for too long: it may end soon.
-bool EventTable::batchCanWait() {
-    using Clock = std::chrono::steady_clock;
-    if (!m_connection.metLock()) {
-        m_busySince.reset();
-        return false;
-    }
-    if (!m_busySince) m_busySince = Clock::now();
-    return Clock::now() - *m_busySince < kLongestWait;
-}
-
-/// Stores what can be stored of a failed batch. It does not wait for another process's lock: the
-/// batch, and its senders, have waited for it already.
-void EventTable::storeSingly(const std::vector<NewEvent>& events, std::size_t count, long& total) {
+/// Stores what can be stored of a failed batch, up to the first event that meets a store that
+/// fails. It does not wait for another process's lock: the batch has waited for it already.
+void EventTable::storeSingly(const std::vector<NewEvent>& events, std::size_t& taken, long& total) {
     const SqlConnection::NoWaiting noWaiting(m_connection);
-    for (std::size_t i = 0; i < count; ++i) {
+    const std::size_t count = taken;
+    for (taken = 0; taken < count; ++taken) {
         try {
-            total = storeEvent(events[i]);
+            if (storeEvent(events[taken], total) == Outcome::NotNow) return;
         } catch (const std::exception& error) {  // costs this event alone
             s_log.error("Event could not be stored: ", error.what());
             total = m_shared.totalSize;
@@ -185,14 +209,14 @@ void EventTable::storeSingly(const std::vector<NewEvent>& events, std::size_t co
 // --- sizes ----------------------------------------------------------------------------------
 
 long EventTable::incrementEventSize(long bytes) {
-    const Guard lock(m_shared.lock);
+    const Turn lock = turn();
     if (m_shared.totalSize < 0) return totalEventSize();
     m_shared.totalSize += static_cast<std::int32_t>(bytes);
     return m_shared.totalSize;
 }
 
 long EventTable::totalEventSize() {
-    const Guard lock = lockFor("totalEventSize");
+    const Turn lock = lockFor("totalEventSize");
     if (m_shared.totalSize < 0) {
         SqlStatement sum = m_connection.prepare("SELECT SUM(length(data)+1)+1 FROM Events;");
         while (sum.step() == SQLITE_ROW) {
@@ -218,10 +242,15 @@ void EventTable::forgetSize() {
     m_shared.totalSize = -1;
 }
 
+void EventTable::clearFailure() {
+    const bool kept = m_shared.mustBeReported != nullptr && *m_shared.mustBeReported;
+    if (!kept) m_shared.failed = false;
+}
+
 // --- reading and deleting -------------------------------------------------------------------
 
 EventSet EventTable::getEvents(bool oneCycleOnly) {
-    const Guard lock(m_shared.lock);
+    const Turn lock = turn();
     std::string query;
     if (!oneCycleOnly) {
         query = "SELECT ROWID,data FROM Events ORDER BY bootCount,standbyCount,kernelTime;";
@@ -239,7 +268,7 @@ EventSet EventTable::getEvents(bool oneCycleOnly) {
 }
 
 std::string EventTable::getOldestEvent() {
-    const Guard lock = lockFor("getOldestEvent");
+    const Turn lock = lockFor("getOldestEvent");
     std::string text;
     SqlStatement oldest = m_connection.prepare(
         "SELECT data FROM EVENTS ORDER BY bootCount,standbyCount,kernelTime LIMIT 1;");
@@ -253,7 +282,7 @@ bool EventTable::deleteMarkedEvents(const EventSet& set) {
     s_log.info("Taking lock for deleteMarkedEvents");
     bool deleted = false;
     {
-        const Guard lock(m_shared.lock);
+        const Turn lock = turn();
         // Asked again: pruning may have deleted marked rows while this thread waited.
         const std::string deletion = deletionOf("Events", set.marksStillStored());
         SqlConnection::Transaction transaction(m_connection, "BEGIN EXCLUSIVE TRANSACTION",
@@ -266,31 +295,31 @@ bool EventTable::deleteMarkedEvents(const EventSet& set) {
         }
         forgetSize();
     }
-    trimCycles();
+    trimCycles(deleted ? Before::Committed : Before::Failed);
     return deleted;
 }
 
 // --- pruning --------------------------------------------------------------------------------
 
 void EventTable::pruneAboveSize(long limit) {
-    if (replaceOldestEvents(limit)) trimCycles();
+    if (const auto outcome = replaceOldestEvents(limit)) trimCycles(*outcome);
 }
 
-bool EventTable::replaceOldestEvents(long limit) {
-    const Guard lock = lockFor("pruneAboveSize");
+/// @return what became of the replacement; none when there was nothing to replace
+std::optional<EventTable::Before> EventTable::replaceOldestEvents(long limit) {
+    const Turn lock = lockFor("pruneAboveSize");
     PrunerThreads::tookTheLock();
     const long total = totalEventSize();
     s_log.info(" PruneAboveSize invoked for limit ", limit, " while size is ", total);
-    if (total <= limit) return false;
+    if (total <= limit) return std::nullopt;
     const EventPruner victims(m_connection, total, limit);
     s_log.info(" Found ", victims.rows().size(), " events to be deleted, totalling ",
                victims.freed(), " bytes");
-    if (victims.rows().empty()) return false;
-    replaceByOverflowEvent(victims);
-    return true;
+    if (victims.rows().empty()) return std::nullopt;
+    return replaceByOverflowEvent(victims) ? Before::Committed : Before::Failed;
 }
 
-void EventTable::replaceByOverflowEvent(const EventPruner& victims) {
+bool EventTable::replaceByOverflowEvent(const EventPruner& victims) {
     const std::string deletion = deletionOf("Events", victims.rows());
     const JsonObject event = victims.overflowEvent();
     s_log.info(" Adding new event: ", event);
@@ -300,32 +329,39 @@ void EventTable::replaceByOverflowEvent(const EventPruner& victims) {
         insertion(oldest.cycle, oldest.kernelTime, EventPruner::overflowType(), data);
     SqlConnection::Transaction pruning(m_connection, "BEGIN IMMEDIATE TRANSACTION",
                                        [this] { forgetSize(); });
-    if (!pruning.hasBegun()) return;
-    if (!pruning.execute(deletion, "SQL error (delete events): ")) return;
-    if (!pruning.execute(overflow, "SQL error (insert overflow event): ")) return;
+    if (!pruning.hasBegun()) return false;
+    if (!pruning.execute(deletion, "SQL error (delete events): ")) return false;
+    if (!pruning.execute(overflow, "SQL error (insert overflow event): ")) return false;
     s_log.info("Completing pruning transaction ...");
-    if (!pruning.commit()) return;
-    m_shared.failed = false;
+    if (!pruning.commit()) return false;
+    clearFailure();
     m_shared.totalSize +=
         static_cast<std::int32_t>(static_cast<long>(data.length()) + 1 - victims.freed());
     EventSet::rowsWerePruned(victims.rows());
+    return true;
 }
 
-void EventTable::trimCycles() {
-    pruneSessionBasedTable("TimeOffsets");
-    pruneSessionBasedTable("OpTimes");
+void EventTable::trimCycles(Before before) {
+    trim("TimeOffsets", before);
+    trim("OpTimes", before);
 }
 
 void EventTable::pruneSessionBasedTable(const std::string& table) {
-    const Guard lock = lockFor("pruneSessionBasedTable");
-    const std::string deletion =
-        deletionOf(table, EventPruner::rowsOfForgottenCycles(m_connection, table));
-    const std::string failureText = "SQL error (delete from " + table + "): ";
-    SqlConnection::Transaction trim(m_connection, "BEGIN EXCLUSIVE TRANSACTION",
-                                    [this] { forgetSize(); });
-    if (!trim.hasBegun()) return;
-    if (!trim.execute(deletion, failureText.c_str()) || !trim.commit()) return;
-    m_shared.failed = false;
+    trim(table, Before::Failed);
+}
+
+void EventTable::trim(const std::string& table, Before before) {
+    const Turn lock = lockFor("pruneSessionBasedTable");
+    const auto rows = EventPruner::rowsOfForgottenCycles(m_connection, table);
+    if (!rows.empty()) {
+        const std::string failureText = "SQL error (delete from " + table + "): ";
+        SqlConnection::Transaction trim(m_connection, "BEGIN EXCLUSIVE TRANSACTION",
+                                        [this] { forgetSize(); });
+        if (!trim.hasBegun()) return;
+        if (!trim.execute(deletionOf(table, rows), failureText.c_str()) || !trim.commit()) return;
+    }
+    // Nothing to delete proves nothing of the store by itself: what was committed before does.
+    if (!rows.empty() || before == Before::Committed) clearFailure();
     s_log.info("Records in ", table, " deleted successfully");
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -11,10 +11,10 @@
 #include <cstdint>
 
 #include "Cycle.h"
+#include "EventPruner.h"
 #include "EventSet.h"
 #include "PrunerThreads.h"
 
-class EventPruner;
 class SqlConnection;
 
 /// The rows of the Events table on one connection: insert, batches, the total size, deletion,
@@ -40,6 +40,22 @@ class EventTable {
         std::recursive_mutex& lock;            ///< the prune lock
         std::atomic<std::int32_t>& totalSize;  ///< bytes of events; -1: unknown, to be recounted
         std::atomic<bool>& failed;             ///< the error flag
+        /// Called at the beginning of each operation with the lock held: opens the connection where
+        /// it should be open and is not. Empty: the connection is as it is.
+        std::function<void()> makeReady = {};
+        /// While it is set, success does not clear the error flag; null: it always does.
+        const std::atomic<bool>* mustBeReported = nullptr;
+    };
+
+    /// One operation's turn at the store: holds the lock, and made the store ready.
+    class Turn {
+      public:
+        Turn(std::recursive_mutex& lock, const std::function<void()>& makeReady) : m_lock(lock) {
+            if (makeReady) makeReady();
+        }
+
+      private:
+        const std::lock_guard<std::recursive_mutex> m_lock;
     };
 
     static constexpr std::size_t kMostEventsOfABatch = 256;
@@ -55,6 +71,10 @@ class EventTable {
     long addEvent(NewEvent event);
     /// Stores events from the front of `events` in one transaction, as `DB::addEvents` says.
     long addEvents(const std::vector<NewEvent>& events, std::size_t& taken);
+    /// As `DB::addOverflowEvent` says.
+    bool addOverflowEvent(const EventPruner::Range& range);
+    /// As `DB::works` says.
+    bool works();
     /// Opens a cursor: over all events, or over those of the oldest cycle.
     EventSet getEvents(bool oneCycleOnly);
     /// Deletes the marked rows of `set`, then trims the per-cycle tables.
@@ -78,33 +98,41 @@ class EventTable {
   private:
     friend struct EventTablePeer;
 
-    using Guard = std::lock_guard<std::recursive_mutex>;
+    /// What became of an event.
+    enum class Outcome {
+        Stored,
+        Refused,  ///< for a reason of its own
+        NotNow,   ///< the store fails, and may work later
+    };
+    /// What became of the events that a trim follows.
+    enum class Before { Committed, Failed };
 
     /// Writes the verbose line "Take lock for <operation>", then takes the prune lock.
-    Guard lockFor(const char* operation) const;
+    Turn lockFor(const char* operation) const;
+    Turn turn() const { return Turn(m_shared.lock, m_shared.makeReady); }
 
-    long storeEvent(const NewEvent& event);
+    Outcome storeEvent(const NewEvent& event, long& total);
     void startPrunerAbove(long total);  // without the lock
-    void trimCycles();
+    void trimCycles(Before before);
+    void trim(const std::string& table, Before before);
 
     // Everything below is called with the lock held.
-    bool insertEvent(const NewEvent& event);
-    bool refuseQuotedEvent(const std::string& statement);
+    Outcome insertEvent(const NewEvent& event);
+    bool isMissing();
+    void refuseQuotedEvent(const std::string& statement);
     bool storeInOneTransaction(const std::vector<NewEvent>& events, bool ahead, std::size_t& taken,
                                long& total);
-    void storeSingly(const std::vector<NewEvent>& events, std::size_t count, long& total);
-    bool batchCanWait();
+    void storeSingly(const std::vector<NewEvent>& events, std::size_t& taken, long& total);
     long sizeThatEndsABatch(bool ahead);
     long recountedSize();
     void forgetSize();
+    void clearFailure();
 
-    bool replaceOldestEvents(long limit);
-    void replaceByOverflowEvent(const EventPruner& victims);
+    std::optional<Before> replaceOldestEvents(long limit);
+    bool replaceByOverflowEvent(const EventPruner& victims);
 
     SqlConnection& m_connection;
     const Shared m_shared;
-    /// When another process's lock began to hold batches up; none while they pass.
-    std::optional<std::chrono::steady_clock::time_point> m_busySince;
     std::int32_t m_pruneThreshold = 131072;  ///< bytes of events above which an insert prunes
     std::int32_t m_pruneTarget = 94208;      ///< bytes of events that pruning leaves
     PrunerThreads m_pruners;                 ///< gone first: they use what is above

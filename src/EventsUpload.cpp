@@ -8,18 +8,17 @@
 #include "LocationInfo.h"
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
-#include "UploadConditions.h"
 #include "UploadLog.h"
 #include "UploadSchedule.h"
 #include "UtcTimeMs.h"
 
-#include <algorithm>
 #include <mutex>
 #include <string>
 
 namespace {
 
 constexpr std::int64_t kRetrySeconds = UploadSchedule::kRetryMs / 1000;
+constexpr const char* kDeletionFailed = "Deleting the sent events failed";
 
 const ClassLog& s_log = UploadLog::log;
 
@@ -42,23 +41,48 @@ bool EventsUpload::failedLessThanAMinuteAgo(std::int64_t now) const {
 int EventsUpload::upload() {
     s_log.info("uploadEvents request");
     const Config config;
-    if (!UploadConditions::areMet(config, m_reports)) return 0;
+    const UploadConditions::Verdict verdict = m_conditions.check(config);
+    if (verdict == UploadConditions::Verdict::AskAgain) m_schedule.requestEventsUpload();
+    if (verdict == UploadConditions::Verdict::AskLater) {
+        m_schedule.requestEventsUpload(UploadSchedule::kRetryMs);
+    }
+    if (verdict != UploadConditions::Verdict::Met) return 0;
     const std::int64_t now = UploadConditions::nowSeconds();
-    if (now == 0 || failedLessThanAMinuteAgo(now)) return 0;
+    if (now == 0 || failedLessThanAMinuteAgo(now) || !noSentEventIsLeft(now)) return 0;
 
-    LocationInfo::getLocation();  // may use the network: not under the store's lock
+    askForLocation();
     AwsWrapper::EventsPacket packet(config->GetMaxSize());
     const DB::EventSet events = packStoredEvents(packet);
     if (packet.IsEmpty()) return 0;
     s_log.info("Try to send packet");
-    if (!packet.Send()) return recordFailedSend(now, "Event upload failed");
-    m_lastFailureTime = 0;
+    if (!packet.Send()) return recordFailedSend("Event upload failed");
+    m_sent = events;
+    return deleteSentEvents() ? scheduleAfterSend() : recordFailedSend(kDeletionFailed);
+}
+
+/// May use the network, and so comes before the store is locked. One that stays unknown must not
+/// hold up each packet of a backlog.
+void EventsUpload::askForLocation() {
+    if (!m_locationUnknown.isOver()) return;
+    if (LocationInfo::getLocation() == nullptr) m_locationUnknown.begin();
+}
+
+bool EventsUpload::deleteSentEvents() {
     s_log.info("Delete marked events from database");
-    if (!m_store.deleteMarkedEvents(events)) {
-        // Or the same packet would go out for ever.
-        return recordFailedSend(now, "Deleting the sent events failed");
-    }
-    return scheduleAfterSend();
+    if (!m_store.deleteMarkedEvents(*m_sent)) return false;
+    m_sent.reset();
+    m_lastFailureTime = 0;
+    return true;
+}
+
+/// Tries to delete what an earlier upload sent, should that have failed then; not within a minute.
+/// @return whether everything that the store has may be sent
+bool EventsUpload::noSentEventIsLeft(std::int64_t now) {
+    if (!m_sent) return true;
+    if (failedLessThanAMinuteAgo(now)) return false;
+    if (deleteSentEvents()) return true;
+    recordFailedSend(kDeletionFailed);
+    return false;
 }
 
 /// Fills the packet with the oldest events. Holds the store's lock, so that pruning deletes no row
@@ -81,9 +105,12 @@ DB::EventSet EventsUpload::packStoredEvents(AwsWrapper::EventsPacket& packet) {
     return events;
 }
 
-int EventsUpload::recordFailedSend(std::int64_t now, const char* reason) {
+/// Dated at its end: a send that was given up after two minutes must not be tried again at once.
+int EventsUpload::recordFailedSend(const char* reason) {
     s_log.error(reason, ", will try later in ", kRetrySeconds, " seconds");
-    m_lastFailureTime = now;
+    m_lastFailureTime = UploadConditions::nowSeconds();
+    // The line promises a try: a time check may find no event of age, or be put off by another.
+    m_schedule.requestEventsUpload(UploadSchedule::kRetryMs);
     m_schedule.requestEventsTimeCheck(UploadSchedule::kRetryMs);
     return 0;
 }
@@ -108,7 +135,7 @@ int EventsUpload::checkTimes() {
     const std::int64_t maxDelay = config->GetMaxDelay();  // seconds
     if (maxDelay < 1) return 0;
     const std::int64_t now = UploadConditions::nowSeconds();
-    if (now == 0) return 0;
+    if (now == 0 || !noSentEventIsLeft(now)) return 0;
     std::string oldest = m_store.getOldestEvent();
     if (oldest.empty()) {
         m_schedule.requestEventsTimeCheck(UploadSchedule::delayOfSeconds(maxDelay));
@@ -116,10 +143,9 @@ int EventsUpload::checkTimes() {
     }
     const std::int64_t time = EventTimeRework::reworkEventTime(oldest, false) / 1000;
     const std::int64_t age = now - time;
-    if (time != 0 && age < maxDelay) {
-        // An event from the future must not put the check off for longer than the age rule.
-        const std::int64_t rest = maxDelay - std::max<std::int64_t>(age, 0);
-        m_schedule.requestEventsTimeCheck(UploadSchedule::delayOfSeconds(rest));
+    // One dated ahead counts as due: waiting for its age could put off all others for years.
+    if (time != 0 && age >= 0 && age < maxDelay) {
+        m_schedule.requestEventsTimeCheck(UploadSchedule::delayOfSeconds(maxDelay - age));
         return 0;
     }
     if (upload() != 0) return 1;

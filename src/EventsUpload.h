@@ -1,9 +1,13 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <optional>
 
 #include "DB.h"
+#include "Pause.h"
+#include "UploadConditions.h"
 
 class DatabaseReports;
 class UploadSchedule;
@@ -16,11 +20,12 @@ class EventsPacket;
 ///
 /// Belongs to the upload side, which lends it the store, the schedule and the reports. For the
 /// upload thread, without locks held; it takes the store's lock while it packs, and has none while
-/// it sends. After a failure nothing is sent for a minute.
+/// it sends. After a failure nothing is sent for a minute. What was accepted is never sent again:
+/// where its rows could not be deleted, it packs nothing until they are.
 class EventsUpload {
   public:
     EventsUpload(DB& store, UploadSchedule& schedule, DatabaseReports& reports)
-        : m_store(store), m_schedule(schedule), m_reports(reports) {}
+        : m_store(store), m_schedule(schedule), m_conditions(store, reports) {}
     EventsUpload(const EventsUpload&) = delete;
     EventsUpload& operator=(const EventsUpload&) = delete;
 
@@ -37,12 +42,17 @@ class EventsUpload {
     friend struct EventsUploadPeer;
 
     bool failedLessThanAMinuteAgo(std::int64_t now) const;
+    void askForLocation();
     DB::EventSet packStoredEvents(AwsWrapper::EventsPacket& packet);
-    int recordFailedSend(std::int64_t now, const char* reason);
+    bool deleteSentEvents();
+    bool noSentEventIsLeft(std::int64_t now);
+    int recordFailedSend(const char* reason);
     int scheduleAfterSend();
 
     DB& m_store;
     UploadSchedule& m_schedule;
-    DatabaseReports& m_reports;
-    std::atomic<std::int64_t> m_lastFailureTime{0};  ///< UTC seconds; 0: the last send succeeded
+    UploadConditions m_conditions;
+    Pause m_locationUnknown{std::chrono::minutes(1)};  ///< until it is asked for again
+    std::optional<DB::EventSet> m_sent;                ///< accepted, and not deleted yet
+    std::atomic<std::int64_t> m_lastFailureTime{0};    ///< UTC seconds; 0: the last send succeeded
 };

@@ -3,33 +3,39 @@
 #include "AwsWrapperImpl.h"
 #include "Config.h"
 #include "DatabaseReports.h"
+#include "Descriptor.h"
 #include "JsonObject.h"
 #include "KernelTime.h"
-#include "UploadConditions.h"
 #include "UploadLog.h"
 #include "UploadSchedule.h"
 
-#include <fstream>
+#include <algorithm>
+#include <chrono>
+#include <iterator>
 #include <set>
-#include <string>
+
+#include <cstdint>
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr std::int64_t kRetrySeconds = 60;  ///< after a failure
+constexpr long kRetryMs = UploadSchedule::kRetryMs;  ///< after a failure
+constexpr std::int64_t kRetrySeconds = kRetryMs / 1000;
 /// Kernel milliseconds stay below this (3 years of uptime), UTC milliseconds above it (since 1973).
 constexpr std::int64_t kFirstUtcMs = 100000000000;
 
 const ClassLog& s_log = UploadLog::log;
 
-/// Asked what it is first: opening a pipe would wait for a writer.
+/// Opened without waiting, as a pipe would for its writer; asked what it is where no other file can
+/// take its place any more.
 bool isReadableFile(const std::string& path) {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat facts = {};
-    if (::stat(path.c_str(), &facts) != 0 || !S_ISREG(facts.st_mode)) return false;
-    return static_cast<bool>(std::ifstream(path));
+    return file.isOpen() && ::fstat(file.get(), &facts) == 0 && S_ISREG(facts.st_mode);
 }
 
 /// How long a file that failed still has to wait; 0 when it is due. The last failure is dated in
@@ -53,47 +59,102 @@ struct FilesUpload::Pass {
 
 int FilesUpload::run() {
     s_log.info("uploadFiles request");
-    const Config config;
-    if (!UploadConditions::areMet(config, m_reports)) return 0;
-    if (UploadConditions::nowSeconds() == 0) return 0;
+    if (!mayStart()) return 0;
+    forgetOldFailures();
     Pass pass;
     while (handleNext(pass)) {
     }
     return pass.handledAny ? 1 : 0;
 }
 
+bool FilesUpload::mayStart() {
+    const UploadConditions::Verdict verdict = m_conditions.check(Config());
+    if (verdict == UploadConditions::Verdict::AskAgain) m_schedule.requestFilesUpload();
+    if (verdict == UploadConditions::Verdict::AskLater) {
+        m_schedule.requestFilesUpload(kRetryMs);
+    }
+    return verdict == UploadConditions::Verdict::Met && UploadConditions::nowSeconds() != 0;
+}
+
+void FilesUpload::forgetOldFailures() {
+    for (auto attempt = m_attempts.begin(); attempt != m_attempts.end();) {
+        const bool old = !attempt->second.done && attempt->second.beforeNext.isOver();
+        attempt = old ? m_attempts.erase(attempt) : std::next(attempt);
+    }
+}
+
 /// Handles the file whose last failure is oldest. @return whether the pass goes on
 bool FilesUpload::handleNext(Pass& pass) {
     const std::unique_ptr<DB::PendingUpload> file = m_store.getFirstUpload();
-    if (file == nullptr) return false;
-    if (!pass.seen.insert(file->id).second) {
-        m_schedule.requestFilesUpload(UploadSchedule::kRetryMs);
+    if (file == nullptr) {
+        // None, or none that could be read.
+        if (pass.seen.empty() && !m_store.works()) m_schedule.requestFilesUpload(kRetryMs);
         return false;
     }
-    const std::int64_t wait = secondsUntilRetry(*file);
-    if (wait > 0) {
-        m_schedule.requestFilesUpload(UploadSchedule::delayOfSeconds(wait));
+    if (!pass.seen.insert(file->id).second) {
+        m_schedule.requestFilesUpload(kRetryMs);
+        return false;
+    }
+    const long delay = delayBefore(*file);
+    if (delay > 0) {
+        m_schedule.requestFilesUpload(delay);
         return false;
     }
     handle(*file, pass);
     return true;
 }
 
+/// Milliseconds that the file has to wait, by its record and by what is remembered of it.
+long FilesUpload::delayBefore(const DB::PendingUpload& file) const {
+    const long byRecord = UploadSchedule::delayOfSeconds(secondsUntilRetry(file));
+    const auto known = m_attempts.find(file.id);
+    return known == m_attempts.end() ? byRecord
+                                     : std::max(byRecord, known->second.beforeNext.left());
+}
+
+bool FilesUpload::isDone(const DB::PendingUpload& file) const {
+    const auto known = m_attempts.find(file.id);
+    return known != m_attempts.end() && known->second.done && known->second.url == file.url;
+}
+
 void FilesUpload::handle(const DB::PendingUpload& file, Pass& pass) {
+    if (isDone(file)) {
+        if (remove(file)) pass.handledAny = true;
+        return;
+    }
     s_log.info("Trying upload of \"", file.url, "\" ", file.id, " (retries=", file.retries, ")");
     if (!isReadableFile(file.url)) {
-        m_store.removeUpload(file.id);
+        remove(file);
         s_log.info("File \"", file.url, "\" is invalid, removing ", file.id, " from DB");
         pass.handledAny = true;
     } else if (upload(file)) {
         pass.handledAny = true;
     } else {
-        m_store.retryUpload(file.id);
+        recordAttempt(file, false);
     }
 }
 
-/// @return whether the file is in the cloud, and its record gone. A bucket that one file names
-/// stays in force for the later ones that name none.
+/// @return whether the record is gone
+bool FilesUpload::remove(const DB::PendingUpload& file) {
+    if (!m_store.removeUpload(file.id)) {
+        recordAttempt(file, true);
+        return false;
+    }
+    m_attempts.erase(file.id);
+    return true;
+}
+
+/// Counts it in the store too, which puts the file after the others, should that work.
+void FilesUpload::recordAttempt(const DB::PendingUpload& file, bool done) {
+    m_store.retryUpload(file.id);
+    Attempt attempt{file.url, done, Pause(std::chrono::milliseconds(kRetryMs))};
+    attempt.beforeNext.begin();
+    m_attempts.insert_or_assign(file.id, attempt);
+    m_schedule.requestFilesUpload(kRetryMs);
+}
+
+/// @return whether the file is in the cloud. A bucket that one file names stays in force for the
+/// later ones that name none.
 bool FilesUpload::upload(const DB::PendingUpload& file) {
     const JsonObject metadata = file.info.empty() ? JsonObject() : JsonObject::parse(file.info);
     std::string objectName = file.id;
@@ -104,9 +165,10 @@ bool FilesUpload::upload(const DB::PendingUpload& file) {
         m_cloud.SetBucketName(metadata.optString("bucketname", defaultBucket));
     }
     if (!m_cloud.UploadFile(objectName, file.url)) return false;
-    m_store.removeUpload(file.id);
+    remove(file);
     if (!metadata.isNull() && ::unlink(file.url.c_str()) != 0) {
-        s_log.error("Cannot delete ", file.url, ": ", ClassLog::errnoText(errno));
+        s_log.error("Cannot delete ", ClassLog::foreign(file.url), ": ",
+                    ClassLog::errnoText(errno));
     }
     return true;
 }

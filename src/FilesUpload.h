@@ -1,9 +1,12 @@
 #pragma once
 
-#include <cstdint>
+#include <map>
 #include <memory>
+#include <string>
 
 #include "DB.h"
+#include "Pause.h"
+#include "UploadConditions.h"
 
 class AwsWrapperImpl;
 class DatabaseReports;
@@ -13,12 +16,14 @@ class UploadSchedule;
 /// that whose last failure is oldest first.
 ///
 /// Belongs to the upload side, which lends it the store, the schedule, the cloud client and the
-/// reports; it keeps nothing between two passes. For the upload thread, without locks held.
+/// reports. Between two passes it remembers what the store could not be told: a file that failed is
+/// not tried again within a minute, and of one that is in the cloud only the record is removed, as
+/// long as that fails. For the upload thread, without locks held.
 class FilesUpload {
   public:
     FilesUpload(DB& store, UploadSchedule& schedule, AwsWrapperImpl& cloud,
                 DatabaseReports& reports)
-        : m_store(store), m_schedule(schedule), m_cloud(cloud), m_reports(reports) {}
+        : m_store(store), m_schedule(schedule), m_cloud(cloud), m_conditions(store, reports) {}
     FilesUpload(const FilesUpload&) = delete;
     FilesUpload& operator=(const FilesUpload&) = delete;
 
@@ -27,14 +32,29 @@ class FilesUpload {
     int run();
 
   private:
-    struct Pass;
+    friend struct FilesUploadPeer;
 
+    struct Pass;
+    /// The last one of a file that is still announced.
+    struct Attempt {
+        std::string url;   ///< of the announcement: another one is another file
+        bool done;         ///< uploaded or invalid: nothing is left to do but to remove the record
+        Pause beforeNext;  ///< until the next one
+    };
+
+    bool mayStart();
+    void forgetOldFailures();
     bool handleNext(Pass& pass);
+    long delayBefore(const DB::PendingUpload& file) const;
+    bool isDone(const DB::PendingUpload& file) const;
     void handle(const DB::PendingUpload& file, Pass& pass);
     bool upload(const DB::PendingUpload& file);
+    bool remove(const DB::PendingUpload& file);
+    void recordAttempt(const DB::PendingUpload& file, bool done);
 
     DB& m_store;
     UploadSchedule& m_schedule;
     AwsWrapperImpl& m_cloud;
-    DatabaseReports& m_reports;
+    UploadConditions m_conditions;
+    std::map<std::string, Attempt> m_attempts;  ///< by the names of the files
 };

@@ -7,24 +7,25 @@
 #include "EventType.h"
 #include "Filename.h"
 #include "KernelTime.h"
+#include "OwnFiles.h"
 #include "PimAppVersion.h"
 #include "ReceivingQueue.h"
+#include "SenderSemaphore.h"
 
 #include <algorithm>
 #include <chrono>
 #include <exception>
 #include <utility>
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 
 #include <cxxabi.h>
-#include <semaphore.h>
 
 std::deque<JsonObject> GatewayImpl::m_Queue;
 std::mutex GatewayImpl::m_QueueMutex;
 std::string GatewayImpl::m_queueName = "/kiv_queue";
+std::chrono::milliseconds GatewayImpl::m_firstReceiverRest(10000);
 std::mutex GatewayImpl::m_latestMutex;
 std::unique_ptr<TimeReference> GatewayImpl::m_latestEvent;
 
@@ -38,6 +39,7 @@ constexpr std::chrono::microseconds kLongestGathering = 20ms;
 constexpr std::chrono::microseconds kGatheringStep = 200us;
 constexpr std::chrono::microseconds kCrowdedRest = 2ms;
 constexpr std::chrono::seconds kInitPatience = 2s;
+constexpr std::chrono::milliseconds kLongestReceiverRest = 300s;
 
 ClassLog s_log("kivGateway:");
 
@@ -53,6 +55,21 @@ class ExitTrace {
     const char* m_text;
 };
 
+/// How long the storing thread rests before it tries a store that fails once more: 200 ms in the
+/// first second, then a second, and after ten seconds five.
+class RetryPace {
+  public:
+    std::chrono::microseconds next() {
+        const std::chrono::microseconds rest = m_rested < 1s ? 200ms : m_rested < 10s ? 1s : 5s;
+        m_rested += rest;
+        return rest;
+    }
+    void reset() { m_rested = 0us; }
+
+  private:
+    std::chrono::microseconds m_rested = 0us;
+};
+
 /// Drops the events that still wait, at the storing thread's end.
 class DiscardAtTheEnd {
   public:
@@ -64,10 +81,6 @@ class DiscardAtTheEnd {
   private:
     WaitingEvents& m_waiting;
 };
-
-void reportFailedSemaphoreCall(const char* what, const std::string& name, int error) {
-    s_log.error(what, name, ": ", ClassLog::errnoText(error));
-}
 
 }  // namespace
 
@@ -82,13 +95,15 @@ GatewayImpl::GatewayImpl() : m_waiting(m_Queue, m_QueueMutex, s_log), m_db(std::
     });
     if (storerError != 0)
         s_log.error("Cannot start the storing thread: ", ClassLog::errnoText(storerError));
-    const int receiverError =
-        m_receiver.start("GatewayThread", [this] { return receive() ? 0 : 1; });
-    if (receiverError != 0)
-        s_log.error("Cannot start the receiving thread: ", ClassLog::errnoText(receiverError));
+    const std::lock_guard<std::mutex> lock(m_receiverMutex);
+    startReceiver();
 }
 
 GatewayImpl::~GatewayImpl() {
+    {
+        const std::lock_guard<std::mutex> lock(m_receiverMutex);
+        m_ending = true;
+    }
     m_receiver.cancel();
     m_receiver.join();
     m_storer.cancel();
@@ -105,11 +120,40 @@ void GatewayImpl::Init(std::string dbPath) {
     s_log.info("Gateway initialized");
 }
 
+// --- the receiving thread -----------------------------------------------------------------------
+
+void GatewayImpl::startReceiver() {
+    m_receiverEnded = false;
+    const int error = m_receiver.start("GatewayThread", [this] {
+        if (receive()) return 0;
+        receiverHasEnded();
+        return 1;
+    });
+    if (error == 0) return;
+    s_log.error("Cannot start the receiving thread: ", ClassLog::errnoText(error));
+    receiverHasEnded();
+}
+
+void GatewayImpl::receiverHasEnded() {
+    m_receiverDue = std::chrono::steady_clock::now() + m_receiverRest;
+    m_receiverRest = std::min(2 * m_receiverRest, kLongestReceiverRest);
+    m_receiverEnded = true;  // last: from now on another thread looks at the two
+}
+
+void GatewayImpl::restartReceiver() {
+    if (!m_receiverEnded || std::chrono::steady_clock::now() < m_receiverDue) return;
+    const std::lock_guard<std::mutex> lock(m_receiverMutex);
+    if (m_ending) return;
+    m_receiver.join();
+    startReceiver();
+}
+
 bool GatewayImpl::receive() {
     ReceivingQueue queue(m_queueName, s_log);
     if (!queue.isOpen()) return false;
     const ExitTrace trace("Gateway thread exited");
     if (!queue.makeRoom()) return false;
+    m_receiverRest = m_firstReceiverRest;
     for (bool first = true;;) {
         try {
             if (nextMessage(queue) < 1) continue;
@@ -119,7 +163,7 @@ bool GatewayImpl::receive() {
             // The senders wait meanwhile, and the events in memory stay few.
             while (m_waiting.isCrowded()) WorkerThread::sleep(kCrowdedRest);
         } catch (const std::exception& error) {  // the unwinding of a cancelled thread passes
-            s_log.error("Message could not be received: ", error.what());
+            s_log.error("Message could not be received: ", ClassLog::foreign(error.what()));
             WorkerThread::sleep(kIdleRest);
         }
     }
@@ -157,7 +201,7 @@ void GatewayImpl::handle(const std::string& message, Handover handover) {
     } catch (const abi::__forced_unwind&) {
         throw;
     } catch (const std::exception& error) {
-        s_log.error("Message could not be handled: ", error.what());
+        s_log.error("Message could not be handled: ", ClassLog::foreign(error.what()));
     } catch (...) {
         s_log.error("Message could not be handled: unknown error");
     }
@@ -183,7 +227,7 @@ std::string GatewayImpl::handleMessage(const std::string& message, Handover hand
         throw;
     } catch (const std::exception& error) {
         // The sender is woken all the same.
-        s_log.error("Event could not be handled: ", error.what());
+        s_log.error("Event could not be handled: ", ClassLog::foreign(error.what()));
     }
     return semaphore;
 }
@@ -195,7 +239,7 @@ void GatewayImpl::handleEvent(JsonObject event, Handover handover) {
         PimAppVersion::updatePimVersion(data.optString("pim-version"),
                                         data.optString("pim-builddate"));
     }
-    if (!Config()->GetTouAccepted()) {
+    if (!Config()->collectionAllowed()) {
         s_log.info("TOU not accepted: will not send event");
         return;
     }
@@ -212,7 +256,8 @@ bool GatewayImpl::takeAnnouncedFile(JsonObject& event) {
         if (url.isString())
             registerFile(event, url.getAsString(), info);
         else
-            s_log.error("oob-url is no string: Ignore the file ", url);
+            s_log.error("oob-url is no string: Ignore the file ",
+                        ClassLog::foreign(url.getStringRep()));
     }
     return !info.isNull();
 }
@@ -224,8 +269,13 @@ void GatewayImpl::registerFile(JsonObject& event, const std::string& url, const 
         id = "oob_" + Singleton<CGlobalInfoImpl>()->getDeviceId() + "_" + random +
              Filename::getFileExt(url);
     }
-    m_db->addFile(id, url, info.isNull() ? "" : info.getStringRep());
     event.set("oob-id", id);
+    if (OwnFiles::contains(url)) {
+        s_log.error("File is the daemon's own: Ignore the file ", ClassLog::foreign(url));
+        return;
+    }
+    if (!m_db->addFile(id, url, info.isNull() ? "" : info.getStringRep()))
+        s_log.error("File could not be registered: ", ClassLog::foreign(url));
     m_upload->ScheduleFilesUpload();
 }
 
@@ -251,25 +301,26 @@ void GatewayImpl::completeAndQueue(JsonObject event, const std::string& typeText
 
 void GatewayImpl::postSemaphore(const std::string& name) {
     s_log.info("Signal semaphore ", name);
-    sem_t* semaphore = ::sem_open(name.c_str(), 0);
-    if (semaphore == SEM_FAILED) {
-        reportFailedSemaphoreCall("Cannot open semaphore ", name, errno);
-        return;
-    }
-    if (::sem_post(semaphore) != 0) reportFailedSemaphoreCall("Cannot post sem ", name, errno);
-    if (::sem_close(semaphore) != 0) reportFailedSemaphoreCall("Cannot close sem ", name, errno);
+    SenderSemaphore(name, s_log).post();
 }
 
 void GatewayImpl::store() {
     const DiscardAtTheEnd discard(m_waiting);
     const ExitTrace trace("Gateway logging thread exited");
+    RetryPace retries;
     for (int idlePolls = 0;;) {
+        restartReceiver();
         std::size_t stored = 0;
         try {
             stored = storeWaitingEvents();
         } catch (const std::exception& error) {  // cancellation is off: no unwinding passes here
-            s_log.error("Events could not be stored: ", error.what());
+            s_log.error("Events could not be stored: ", ClassLog::foreign(error.what()));
         }
+        if (m_waiting.isStoreFailing()) {
+            WorkerThread::sleep(retries.next());
+            continue;
+        }
+        retries.reset();
         idlePolls = stored > 0 ? 0 : std::min(idlePolls + 1, kRestPolls + 1);
         if (idlePolls == kRestPolls) m_db->returnFreeMemory();
         if (stored >= WaitingEvents::kMostOfABatch)
@@ -284,15 +335,20 @@ std::size_t GatewayImpl::storeWaitingEvents() {
     std::size_t stored = 0;
     for (bool more = true; more;) {
         long totalSize = 0;
-        const auto batch = m_waiting.storeBatch([&](const WaitingEvents::Rows& rows) {
+        const auto addEvents = [&](const WaitingEvents::Rows& rows) {
             std::size_t taken = 0;
             totalSize = m_db->addEvents(rows, taken);
             return taken;
+        };
+        const auto batch = m_waiting.storeBatch(addEvents, [this](const EventPruner::Range& lost) {
+            return m_db->addOverflowEvent(lost);
         });
-        if (batch.taken == 0) break;  // nothing waits, or another process reads the store for long
+        // Also when a full store took nothing: only an upload makes room.
+        if (totalSize > 0 && Config()->MinimumSizeReached(totalSize))
+            m_upload->ScheduleEventsUpload();
+        if (batch.taken == 0) break;  // nothing waits, or the store fails
         stored += batch.taken;
         more = batch.more;
-        if (Config()->MinimumSizeReached(totalSize)) m_upload->ScheduleEventsUpload();
     }
     return stored;
 }

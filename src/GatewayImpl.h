@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -30,7 +31,8 @@ class ReceivingQueue;
 /// while a batch is being stored; "GatewayLogThread" stores. Both use the instance that started
 /// them. They can be cancelled only where they wait: in `mq_receive` and in their sleeps. Lock
 /// order: m_logMutex, m_QueueMutex, then `DB::m_PruneLock`. Errors: one line each; a thread that
-/// cannot be started, or a queue that cannot be opened, leaves the rest running.
+/// cannot be started, or a queue that cannot be opened, leaves the rest running. The storing thread
+/// starts a receiving thread that has ended so again, after 10 s, doubling to 300 s.
 class GatewayImpl {
   public:
     GatewayImpl();
@@ -42,7 +44,8 @@ class GatewayImpl {
     /// Opens the store; messages are taken from then on.
     void Init(std::string dbPath);
     /// Handles one message: checks, filters, completes and queues the event, then posts the
-    /// sender's semaphore. Never throws.
+    /// sender's semaphore. Waits for a batch that is being stored, but never for a store that
+    /// fails: its events are kept in memory, at most 512 (`WaitingEvents`). Never throws.
     void Log(std::string message);
 
     /// The moment of the latest accepted event; null when there was none.
@@ -59,6 +62,9 @@ class GatewayImpl {
 
     using Handover = WaitingEvents::Handover;
 
+    void startReceiver();
+    void receiverHasEnded();  ///< by itself, or it could not be started: it is to be started again
+    void restartReceiver();   ///< when it is time
     bool receive();  ///< false when the queue cannot be served; otherwise ends by cancellation
     ssize_t nextMessage(ReceivingQueue& queue);  ///< as `ReceivingQueue::receiveNext` returns
     void waitForInit();
@@ -86,10 +92,19 @@ class GatewayImpl {
     std::mutex m_initMutex;  ///< guards the wait for Init
     std::condition_variable m_initDone;
     std::unique_ptr<DB> m_db;
+
+    std::mutex m_receiverMutex;  ///< guards m_ending, and m_receiver until it is set
+    bool m_ending = false;
+    /// Whether it waits to be started again. The two below are the receiving thread's until then.
+    std::atomic<bool> m_receiverEnded{false};
+    std::chrono::steady_clock::time_point m_receiverDue;
+    std::chrono::milliseconds m_receiverRest = m_firstReceiverRest;
+
     WorkerThread m_receiver;
     WorkerThread m_storer;
 
     static std::string m_queueName;  ///< "/kiv_queue"; not changed while a gateway lives
+    static std::chrono::milliseconds m_firstReceiverRest;  ///< not changed while a gateway lives
 
     static std::mutex m_latestMutex;  ///< guards m_latestEvent
     static std::unique_ptr<TimeReference> m_latestEvent;

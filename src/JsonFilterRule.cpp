@@ -133,7 +133,8 @@ bool JsonFilterRule::evalOperatorExpr(const JsonObject& value, Operator op,
 
 bool JsonFilterRule::evalAndOperator(const JsonObject& value, const JsonObject& operand) const {
     if (!operand.isArray()) {
-        s_log.error("evalAndOperator rhs not an array: ", operand);
+        s_log.error("evalAndOperator rhs not an array: ",
+                    ClassLog::foreign(operand.getStringRep()));
         return false;
     }
     for (JsonArrayIterator element(operand); element; ++element) {
@@ -165,14 +166,15 @@ bool JsonFilterRule::evalRegexOperator(const JsonObject& value, const JsonObject
         return RegexCache::matches(pattern, value.getStringRep());
     } catch (const std::regex_error& error) {
         s_log.error("Caught exception: ", error.what(), " (code ", static_cast<int>(error.code()),
-                    ") on regexp ", pattern);
+                    ") on regexp ", ClassLog::foreign(pattern));
         return false;
     }
 }
 
 int JsonFilterRule::compareValues(const JsonObject& a, const JsonObject& b) const {
     if (!a.isNumber() || !b.isNumber()) {
-        s_log.error("compareValues types no numbers: ", a, " ", b);
+        s_log.error("compareValues types no numbers: ", ClassLog::foreign(a.getStringRep()), " ",
+                    ClassLog::foreign(b.getStringRep()));
         return 0;
     }
     return compareNumbers(a, b);

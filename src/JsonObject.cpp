@@ -1,5 +1,7 @@
 #include "JsonObject.h"
 
+#include "RegularFile.h"
+
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -58,7 +60,9 @@ JsonObject JsonObject::parse(const std::string& text, std::size_t flags) {
 }
 
 JsonObject JsonObject::loadFile(const std::string& path, std::size_t flags) {
-    return adopt(json_load_file(path.c_str(), flags, nullptr));
+    const RegularFile file(path);
+    if (!file.isRead()) return JsonObject();
+    return adopt(json_loadb(file.text().data(), file.text().size(), flags, nullptr));
 }
 
 JsonObject JsonObject::createInteger(long long value) {

@@ -26,7 +26,8 @@ class JsonObject {
     static JsonObject share(json_t* value);
     /// `json_loads` of the whole text (RFC 8259); a null handle when it does not parse.
     static JsonObject parse(const std::string& text, std::size_t flags = 0);
-    /// `json_load_file`; a null handle when the file is missing or does not parse.
+    /// The text of a file as `json_load_file` parses it; a null handle when the file is missing,
+    /// is not a regular file of at most 1 MiB, or does not parse. Never waits for a pipe.
     static JsonObject loadFile(const std::string& path, std::size_t flags = 0);
     static JsonObject createInteger(long long value);
     static JsonObject createObject();

@@ -7,10 +7,16 @@
 #include "Services.h"
 #include "WorkerThread.h"
 
+#include <algorithm>
 #include <chrono>
+#include <exception>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 #include <utility>
+
+#include <cmath>
+#include <cstddef>
 
 #include <stdlib.h>
 
@@ -18,6 +24,7 @@ std::mutex LocationInfo::m_mutex;
 std::shared_ptr<LocationInfo> LocationInfo::mInfo;
 std::string LocationInfo::m_DbPath;
 std::string LocationInfo::PROVIDER = Services::geolocationUrl();
+RetryPause LocationInfo::m_pause;
 
 namespace {
 
@@ -27,6 +34,7 @@ constexpr double kUnknownDegrees = 999.99;
 constexpr double kMaxLatitude = 90;
 constexpr double kMaxLongitude = 180;
 constexpr std::chrono::seconds kStoreRetryDelay(1);
+constexpr std::size_t kMostCharacters = 128;  ///< of each text
 
 double degreesWithin(double limit, double value) {
     const bool valid = value >= -limit && value <= limit;  // false for NaN
@@ -49,22 +57,61 @@ struct Coordinates {
     double lng = kUnknownDegrees;
 };
 
+/// The store's rows cannot hold what is not a number.
+double knownOr999(double degrees) {
+    return std::isnan(degrees) ? kUnknownDegrees : degrees;
+}
+
+bool namesNothing(const JsonObject& answer) {
+    constexpr const char* members[] = {"ip", "city", "region", "country", "loc"};
+    return std::none_of(std::begin(members), std::end(members), [&answer](const char* member) {
+        return !answer.getObject(member).isNull();
+    });
+}
+
+/// Of UTF-8, as JSON texts are.
+std::size_t charactersOf(const std::string& text) {
+    const auto begins = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; };
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), begins));
+}
+
 /// The two numbers of "latitude,longitude"; both unknown when the text is anything else.
 Coordinates parseCoordinates(const std::string& loc) {
     const std::size_t comma = loc.find(',');
     if (comma == std::string::npos || loc.find(',', comma + 1) != std::string::npos) return {};
     try {
         Coordinates parsed;
-        parsed.lat = std::stod(loc.substr(0, comma));
-        parsed.lng = std::stod(loc.substr(comma + 1));
+        parsed.lat = knownOr999(std::stod(loc.substr(0, comma)));
+        parsed.lng = knownOr999(std::stod(loc.substr(comma + 1)));
         return parsed;
     } catch (const std::logic_error& error) {  // not a number, or out of a double's range
-        s_log.error("Invalid loc : ", loc, ": ", error.what());
+        s_log.error("Invalid loc : ", ClassLog::foreign(loc), ": ", error.what());
         return {};
     }
 }
 
 }  // namespace
+
+/// What the service says, and a row of the store, with the degrees as they were received.
+struct LocationInfo::Answer {
+    Coordinates at;
+    std::string ip;
+    std::string city;
+    std::string region;
+    std::string countryCode;
+    bool isEmpty = false;  ///< names none of these
+
+    /// A longer text would leave no room for events in any packet.
+    bool fitsAHeader() const {
+        const auto fits = [](const std::string& text) {
+            return charactersOf(text) <= kMostCharacters;
+        };
+        return fits(ip) && fits(city) && fits(region) && fits(countryCode);
+    }
+    std::shared_ptr<LocationInfo> place() const {
+        return std::make_shared<LocationInfo>(at.lat, at.lng, ip, city, region, countryCode);
+    }
+};
 
 LocationInfo::LocationInfo(double lat, double lng, std::string ip, std::string city,
                            std::string region, std::string countryCode)
@@ -83,11 +130,18 @@ LocationInfo::LocationInfo(double lat, double lng, std::string ip, std::string c
 std::shared_ptr<LocationInfo> LocationInfo::getLocation() {
     if (auto known = currentLocation()) return known;
     if (isGeolocationOff()) return remember(fallbackLocation());
-    const std::shared_ptr<LocationInfo> stored = readStored();
-    const std::shared_ptr<LocationInfo> found = askProvider();
-    if (!found) return stored ? remember(stored) : nullptr;
+    std::shared_ptr<LocationInfo> stored = readStored();
+    if (m_pause.leftMs() > 0) return stored;
+    const std::optional<Answer> answer = askProvider();
+    if (!answer) {
+        m_pause.lengthen();
+        return stored ? remember(stored) : nullptr;
+    }
+    m_pause.forget();
+    if (stored && answer->isEmpty) return remember(stored);
+    const std::shared_ptr<LocationInfo> found = answer->place();
     const LocationInfo nothing(kUnknownDegrees, kUnknownDegrees, "", "", "", "");
-    if (!found->toJSON().equals((stored ? *stored : nothing).toJSON())) storeInBackground(*found);
+    if (!found->toJSON().equals((stored ? *stored : nothing).toJSON())) storeInBackground(*answer);
     return remember(found);
 }
 
@@ -110,40 +164,48 @@ std::shared_ptr<LocationInfo> LocationInfo::remember(std::shared_ptr<LocationInf
 std::shared_ptr<LocationInfo> LocationInfo::readStored() {
     const std::string path = dbPath();
     if (path.empty()) return nullptr;
-    Coordinates at;
-    std::string ip;
-    std::string city;
-    std::string region;
-    std::string countryCode;
     DB db;
     db.open(path, false);
-    if (!db.getLocation(at.lng, at.lat, ip, city, region, countryCode)) return nullptr;
-    return std::make_shared<LocationInfo>(at.lat, at.lng, ip, city, region, countryCode);
-}
-
-std::shared_ptr<LocationInfo> LocationInfo::askProvider() {
-    NetworkHelper request;
-    if (!request.UrlRequest(PROVIDER, false, "")) return nullptr;
-    return fromAnswer(request.data);
-}
-
-std::shared_ptr<LocationInfo> LocationInfo::fromAnswer(const std::string& body) {
-    const JsonObject answer = JsonObject::parse(body);
-    if (!answer.isObject()) {
-        // A captive portal's page, for one, must not replace the stored place.
-        s_log.error("Answer of ", PROVIDER, " is no JSON object: Ignore");
+    Answer row;
+    if (!db.getLocation(row.at.lng, row.at.lat, row.ip, row.city, row.region, row.countryCode) ||
+        !row.fitsAHeader()) {
         return nullptr;
     }
-    const Coordinates at = parseCoordinates(answer.optString("loc"));
-    return std::make_shared<LocationInfo>(at.lat, at.lng, answer.optString("ip"),
-                                          answer.optString("city"), answer.optString("region"),
-                                          answer.optString("country"));
+    return row.place();
 }
 
-void LocationInfo::storeInBackground(const LocationInfo& info) {
-    const int error = WorkerThread::startDetached("LocationInfoStoreThread", [info] {
-        StoreInDB(info.m_lat, info.m_lng, info.m_ip, info.m_city, info.m_region,
-                  info.m_countryCode);
+std::optional<LocationInfo::Answer> LocationInfo::askProvider() {
+    NetworkHelper request;
+    if (!request.UrlRequest(PROVIDER, false, "") || !request.isGoodAnswer()) return std::nullopt;
+    return parseAnswer(request.data);
+}
+
+std::optional<LocationInfo::Answer> LocationInfo::parseAnswer(const std::string& body) {
+    const JsonObject object = JsonObject::parse(body);
+    if (!object.isObject()) {
+        // A captive portal's page, for one, must not replace the stored place.
+        s_log.error("Answer of ", PROVIDER, " is no JSON object: Ignore");
+        return std::nullopt;
+    }
+    Answer answer{Coordinates(),
+                  object.optString("ip"),
+                  object.optString("city"),
+                  object.optString("region"),
+                  object.optString("country"),
+                  namesNothing(object)};
+    if (!answer.fitsAHeader()) {
+        s_log.error("Answer of ", PROVIDER, " has a text above ", kMostCharacters,
+                    " characters: Ignore");
+        return std::nullopt;
+    }
+    answer.at = parseCoordinates(object.optString("loc"));
+    return answer;
+}
+
+void LocationInfo::storeInBackground(const Answer& answer) {
+    const int error = WorkerThread::startDetached("LocationInfoStoreThread", [answer] {
+        StoreInDB(answer.at.lat, answer.at.lng, answer.ip, answer.city, answer.region,
+                  answer.countryCode);
         return 0;
     });
     if (error != 0) s_log.error("Could not start Store thread: ", ClassLog::errnoText(error));
@@ -151,14 +213,24 @@ void LocationInfo::storeInBackground(const LocationInfo& info) {
 
 void LocationInfo::StoreInDB(double lat, double lng, std::string ip, std::string city,
                              std::string region, std::string countryCode) {
+    const Answer answer{{lat, lng}, ip, city, region, countryCode, false};
+    std::string lastTrouble;
     for (;;) {
-        {
-            DB db;
-            db.open(dbPath(), false);
-            if (db.setLocation(lng, lat, ip, city, region, countryCode)) return;
+        try {
+            if (tryToStore(answer)) return;
+        } catch (const std::exception& error) {
+            if (lastTrouble != error.what()) s_log.error("Storing failed: ", error.what());
+            lastTrouble = error.what();
         }
         std::this_thread::sleep_for(kStoreRetryDelay);
     }
+}
+
+bool LocationInfo::tryToStore(const Answer& answer) {
+    DB db;
+    db.open(dbPath(), false);
+    return db.setLocation(answer.at.lng, answer.at.lat, answer.ip, answer.city, answer.region,
+                          answer.countryCode);
 }
 
 JsonObject LocationInfo::toJSON() const {

@@ -2,9 +2,11 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "JsonObject.h"
+#include "RetryPause.h"
 
 /// Where the television is, as far as its public IP address tells. An immutable record; the
 /// location of this run is class-wide, under a mutex of its own, and once found never replaced.
@@ -17,7 +19,8 @@ class LocationInfo {
     /// The location of this run: asks the geolocation service at the first call (network!), falls
     /// back to the stored one, and stores a new one in the background. Null when nothing is known.
     /// With the environment variable "LOC_NETWORK" set to anything but "true": a fixed place,
-    /// nothing asked. On the upload thread, without locks held.
+    /// nothing asked. After a failed request nothing is asked for 10 s, doubling to 300 s. On the
+    /// upload thread, without locks held.
     static std::shared_ptr<LocationInfo> getLocation();
     /// What is known without the network: this run's location, else the fixed place where
     /// geolocation is off, else the stored one, else null.
@@ -29,7 +32,8 @@ class LocationInfo {
     /// Null when neither the code nor the country's name is known.
     static std::shared_ptr<LocationInfo> fromJSON(JsonObject object);
 
-    /// The body of the store thread: tries once a second until the database accepts the row.
+    /// The body of the store thread: tries once a second until the database accepts the row, which
+    /// holds the degrees as they were received.
     static void StoreInDB(double lat, double lng, std::string ip, std::string city,
                           std::string region, std::string countryCode);
 
@@ -44,10 +48,13 @@ class LocationInfo {
     friend struct LocationInfoPeer;
 
     static std::shared_ptr<LocationInfo> currentLocation();
+    struct Answer;
+
     static std::shared_ptr<LocationInfo> readStored();
-    static std::shared_ptr<LocationInfo> askProvider();  ///< null when the request failed
-    static std::shared_ptr<LocationInfo> fromAnswer(const std::string& body);
-    static void storeInBackground(const LocationInfo& info);
+    static std::optional<Answer> askProvider();  ///< nothing when the request failed
+    static std::optional<Answer> parseAnswer(const std::string& body);
+    static bool tryToStore(const Answer& answer);
+    static void storeInBackground(const Answer& answer);
     static std::shared_ptr<LocationInfo> remember(std::shared_ptr<LocationInfo> info);
     static std::string dbPath();
 
@@ -64,4 +71,5 @@ class LocationInfo {
     static std::shared_ptr<LocationInfo> mInfo;
     static std::string m_DbPath;
     static std::string PROVIDER;  ///< set before `main`
+    static RetryPause m_pause;    ///< between failed requests
 };

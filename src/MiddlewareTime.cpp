@@ -161,8 +161,7 @@ void MiddlewareTime::pauseBeforeReopening() {
 }
 
 /// Handles messages until the writers have closed the pipe.
-void MiddlewareTime::watchPipe(const Descriptor& pipe, std::string& buffer,
-                               Previous& previous) const {
+void MiddlewareTime::watchPipe(const Descriptor& pipe, std::string& buffer, Previous& previous) {
     previous.kernelTime = KernelTime::getTimeMonotonicAsInt64();
     for (;;) {
         const ssize_t length = readMessage(pipe, buffer);
@@ -171,12 +170,12 @@ void MiddlewareTime::watchPipe(const Descriptor& pipe, std::string& buffer,
     }
 }
 
-void MiddlewareTime::handleMessage(const std::string& text, Previous& previous) const {
+void MiddlewareTime::handleMessage(const std::string& text, Previous& previous) {
     Previous received;
     try {
         received.time = std::stoll(text, nullptr, 10);
     } catch (const std::logic_error&) {  // not a number, or out of range
-        m_log.error("Invalid MW time : ", text);
+        reportInvalid(text);
         return;
     }
     received.kernelTime = KernelTime::getTimeMonotonicAsInt64();
@@ -187,4 +186,16 @@ void MiddlewareTime::handleMessage(const std::string& text, Previous& previous) 
         m_report(previous.time, received.time);
     }
     previous = received;
+}
+
+/// Anybody may write into the pipe, as often as they like.
+void MiddlewareTime::reportInvalid(const std::string& text) {
+    const std::string shown = ClassLog::foreign(text);
+    const auto leftOut = m_invalidLines.admit(shown);
+    if (!leftOut) return;
+    if (*leftOut == 0) {
+        m_log.error("Invalid MW time : ", shown);
+    } else {
+        m_log.error("Invalid MW time : ", shown, " (", *leftOut, " more left out before)");
+    }
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Descriptor.h"
+#include "LineLimit.h"
 #include "WorkerThread.h"
 
 class ClassLog;
@@ -52,13 +53,15 @@ class MiddlewareTime {
     void makePipe() const;
     Descriptor openPipe() const;
     void pauseBeforeReopening();
-    void watchPipe(const Descriptor& pipe, std::string& buffer, Previous& previous) const;
-    void handleMessage(const std::string& text, Previous& previous) const;
+    void watchPipe(const Descriptor& pipe, std::string& buffer, Previous& previous);
+    void handleMessage(const std::string& text, Previous& previous);
+    void reportInvalid(const std::string& text);
 
     static std::string m_pipePath;  ///< set before a watcher is started
 
     const ClassLog& m_log;
     const Report m_report;
+    LineLimit m_invalidLines;  ///< watcher only
     WorkerThread m_thread;
     std::mutex m_threadMutex;        ///< guards m_thread: start, stop and join
     std::mutex m_wakeMutex;          ///< guards m_stops; a leaf

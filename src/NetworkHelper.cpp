@@ -3,6 +3,7 @@
 #include "BuildInfo.h"
 #include "CGlobalInfoImpl.h"
 #include "CTouImpl.h"
+#include "CertificateClock.h"
 #include "ClassLog.h"
 #include "KernelTime.h"
 #include "PimAppVersion.h"
@@ -11,7 +12,9 @@
 
 #include <algorithm>
 #include <fstream>
+#include <limits>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -20,8 +23,11 @@
 
 #include <strings.h>
 #include <sys/socket.h>
+#include <time.h>
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
 
 namespace {
 
@@ -91,6 +97,50 @@ void initializeCurl() {
     [[maybe_unused]] static const CURLcode done = curl_global_init(CURL_GLOBAL_ALL);
 }
 
+bool isHttps(const std::string& url) {
+    const std::string scheme = "https://";
+    return ::strncasecmp(url.c_str(), scheme.c_str(), scheme.size()) == 0;
+}
+
+/// A host as a URL names it, with its port or with the scheme's.
+struct HostAndPort {
+    HostAndPort(const std::string& domain, bool https) : host(domain), port(https ? "443" : "80") {
+        const std::size_t colon = domain.rfind(':');
+        if (colon == std::string::npos || colon + 1 == domain.size()) return;
+        host = domain.substr(0, colon);
+        port = domain.substr(colon + 1);
+    }
+    std::string host;
+    std::string port;
+};
+
+/// Whether libcurl hands out contexts that are OpenSSL's; others have ones of their own.
+bool usesOpenSsl() {
+    const char* library = curl_version_info(CURLVERSION_NOW)->ssl_version;
+    return library != nullptr && std::string(library).compare(0, 7, "OpenSSL") == 0;
+}
+
+/// In place of OpenSSL's own verification, which it is, but for the moment. Of the calls that set
+/// the moment this one is right on 32-bit ARM even where libcrypto was built with a `time_t` of 32
+/// bits and this file with 64: as the third argument both begin in the same register.
+/// @param moment the clock's UTC seconds; none: no date is held against a certificate
+int verifyAt(X509_STORE_CTX* verification, void* moment) {
+    const auto& now = *static_cast<const std::optional<std::int64_t>*>(moment);
+    if (now) {
+        constexpr std::int64_t latest = std::numeric_limits<time_t>::max();
+        X509_STORE_CTX_set_time(verification, 0, static_cast<time_t>(std::min(*now, latest)));
+    } else {
+        X509_STORE_CTX_set_flags(verification, X509_V_FLAG_NO_CHECK_TIME);
+    }
+    return X509_verify_cert(verification);
+}
+
+/// libcurl's callback with a connection's OpenSSL context.
+CURLcode judgeDates(CURL*, void* context, void* moment) {
+    SSL_CTX_set_cert_verify_callback(static_cast<SSL_CTX*>(context), verifyAt, moment);
+    return CURLE_OK;
+}
+
 bool beginsWith(const std::string& text, const std::string& beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
 }
@@ -101,18 +151,21 @@ struct NetworkHelper::Request {
     explicit Request(std::string where)
         : url(std::move(where)),
           start(KernelTime::getTimeMonotonicAsInt64()),
+          clock(CertificateClock::now()),
           curl(curl_easy_init()) {}
 
     std::int64_t elapsedMs() const { return KernelTime::getTimeMonotonicAsInt64() - start; }
 
     const std::string url;
-    const std::int64_t start;  ///< monotonic ms
+    const std::int64_t start;                 ///< monotonic ms
+    const std::optional<std::int64_t> clock;  ///< what judges certificates: UTC seconds
+    char detail[CURL_ERROR_SIZE] = {};        ///< libcurl's own words on a failure
     TextList headers;
     TextList pinned;  ///< the address to use instead of resolving the name
     CurlHandle curl;  ///< declared after the lists that it uses, so freed before
 };
 
-NetworkHelper::Limits NetworkHelper::m_limits = {30000, 1, 60, 1048576, 65536};
+NetworkHelper::Limits NetworkHelper::m_limits = {30000, 1, 60, 1048576, 65536, 120000};
 std::mutex NetworkHelper::m_NetworkStatusLock;
 bool NetworkHelper::m_NetworkAvailable = false;
 std::int32_t NetworkHelper::m_TimeAtLastNetworkPoll = 0;
@@ -137,19 +190,36 @@ bool NetworkHelper::UrlRequest(std::string url, bool deviceHeaders, std::string 
         return false;
     }
     s_log.info(" Request Server URL: ", request.url, "...");
+    m_waitsForTime = isHttps(request.url) && !request.clock && !m_timeMayBeUnknown;
+    if (m_waitsForTime) {
+        s_log.error(" Request of ", ClassLog::foreign(request.url),
+                    " not made: the time is not known, so no certificate can be judged");
+        return false;
+    }
     if (!apiKey.empty()) appendHeader(request.headers, "x-api-key", apiKey);
     if (deviceHeaders) appendDeviceHeaders(request.headers, GetMac());
     setOptions(request);
-    const CURLcode result = curl_easy_perform(request.curl.get());
+    const auto result = static_cast<CURLcode>(perform(request));
     s_log.always(" Request Server URL ", request.url, " took ", request.elapsedMs(), "ms");
-    if (result == CURLE_OK) return succeed();
+    if (result == CURLE_OK) return succeed(request);
     if (result == CURLE_COULDNT_RESOLVE_HOST) return performWithResolvedAddress(request);
     s_log.error(" Error from server, curl_easy_perform() failed: ", curl_easy_strerror(result));
-    return false;
+    return fail(request);
 }
 
 void NetworkHelper::clearResults() {
     static_cast<url_data&>(*this) = url_data();
+}
+
+/// One transfer within what is left of the time for the whole. @return libcurl's CURLcode
+int NetworkHelper::perform(Request& request) {
+    CURL* curl = request.curl.get();
+    clearResults();
+    const std::int64_t left = std::max<std::int64_t>(m_limits.totalMs - request.elapsedMs(), 1);
+    setOption(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(left));
+    const CURLcode result = curl_easy_perform(curl);
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    return result;
 }
 
 void NetworkHelper::setOptions(Request& request) {
@@ -164,6 +234,7 @@ void NetworkHelper::setOptions(Request& request) {
     if (const char* bundle = std::getenv("CURL_CA_BUNDLE")) {
         setOption(curl, CURLOPT_CAINFO, bundle);
     }
+    setOption(curl, CURLOPT_ERRORBUFFER, request.detail);
     setOption(curl, CURLOPT_NOSIGNAL, 1L);  // no alarms: threads run requests
     setOption(curl, CURLOPT_CONNECTTIMEOUT_MS, m_limits.connectMs);
     setOption(curl, CURLOPT_LOW_SPEED_LIMIT, m_limits.lowSpeed);
@@ -174,35 +245,58 @@ void NetworkHelper::setOptions(Request& request) {
 #else
     setOption(curl, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
 #endif
+#if LIBCURL_VERSION_NUM >= 0x075700
+    setOption(curl, CURLOPT_QUICK_EXIT, 1L);  // waits for no name server after the time-out
+#endif
+    if (isHttps(request.url)) setCertificateOptions(request);
 }
 
-bool NetworkHelper::succeed() const {
+void NetworkHelper::setCertificateOptions(Request& request) {
+    if (!usesOpenSsl()) {
+        s_log.error(" libcurl has another TLS library than OpenSSL: the system clock judges the",
+                    " dates of certificates");
+        return;
+    }
+    setOption(request.curl.get(), CURLOPT_SSL_CTX_FUNCTION, &judgeDates);
+    setOption(request.curl.get(), CURLOPT_SSL_CTX_DATA, &request.clock);
+}
+
+bool NetworkHelper::succeed(const Request& request) const {
     s_log.info(" Got answer from server ", data);
+    if (!isGoodAnswer()) fail(request);
     return true;
+}
+
+/// The line that says what went wrong with which request. @return false
+bool NetworkHelper::fail(const Request& request) const {
+    const std::string detail = ClassLog::foreign(request.detail);
+    s_log.error(" Request of ", ClassLog::foreign(request.url), " failed: HTTP status ", status,
+                detail.empty() ? "" : ", ", detail);
+    return false;
 }
 
 bool NetworkHelper::performWithResolvedAddress(Request& request) {
     const std::string domain = StringExtractBetween(request.url, "//", "/");
     s_log.info("Trying to resolve DOMAIN ", domain);
-    const std::string answer = ShellCommand::ping(domain);
+    const HostAndPort at(domain, beginsWith(request.url, "https://"));
+    const std::string answer = ShellCommand::ping(at.host);
     if (s_log.isVerbose()) std::printf("%sPing got answer: %s\n", s_log.tag(), answer.c_str());
     const std::string ip = StringExtractBetween(answer, "(", ")");
     s_log.info("IP is : ", ip);
     if (ip.empty()) {
         s_log.info("IP is invalid, returning false...");
-        return false;
+        return fail(request);
     }
-    const std::string port = beginsWith(request.url, "https://") ? ":443:" : ":80:";
+    const std::string port = ":" + at.port + ":";
     s_log.info("PORT is : ", port);
 
-    append(request.pinned, domain + port + ip);
+    append(request.pinned, at.host + port + ip);
     setOption(request.curl.get(), CURLOPT_RESOLVE, request.pinned.get());
-    clearResults();
-    const CURLcode result = curl_easy_perform(request.curl.get());
+    const auto result = static_cast<CURLcode>(perform(request));
     s_log.always("Request Server URL ", request.url, " extended to ", request.elapsedMs(), "ms");
-    if (result == CURLE_OK) return succeed();
+    if (result == CURLE_OK) return succeed(request);
     s_log.error(" No answer from server, curl_easy_perform() failed: ", curl_easy_strerror(result));
-    return false;
+    return fail(request);
 }
 
 std::size_t NetworkHelper::dataCallback(char* ptr, std::size_t size, std::size_t nmemb,

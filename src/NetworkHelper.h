@@ -16,21 +16,36 @@ struct url_data {
     std::string third;            ///< cleared with each request, never filled
     std::string date;             ///< value of the response's Date header, "" when there was none
     std::size_t headerBytes = 0;  ///< counted against the limit on headers
+    long status = 0;              ///< HTTP status of the answer; 0 when there was none
 };
 
 /// One HTTP(S) request, and facts about the network.
 ///
 /// Short-lived: made on the stack for one request by one thread. Any number may run at once. The
-/// network status and the MAC address are class-wide, each under a lock of its own. Never looks at
-/// the HTTP status. A silent or endless server ends the request: connect time-out 30 s, below
-/// 1 byte/s for 60 s, body above 1 MiB, headers above 64 KiB. Its commands run in `ShellCommand`.
+/// network status and the MAC address are class-wide, each under a lock of its own. An answer of
+/// any HTTP status is one; its caller asks `isGoodAnswer`. Redirects are not followed. A request
+/// ends after 120 s in all, and before that with a silent or endless server: connect time-out 30 s,
+/// below 1 byte/s for 60 s, body above 1 MiB, headers above 64 KiB. Its commands run in
+/// `ShellCommand`.
+///
+/// The dates of a server's certificate are judged by `CertificateClock` (where libcurl has OpenSSL;
+/// by the system clock elsewhere, with a line). While no clock can be believed an HTTPS request is
+/// not made, but for one that may bring the time: there dates are not held against a certificate.
+/// Name, chain and signature always are.
 class NetworkHelper : public url_data {
   public:
     /// GETs `url`. With `deviceHeaders` sends the device's identification, with a non-empty
     /// `apiKey` the header "x-api-key:". When the name does not resolve, asks `ping` for the
-    /// address and tries once more. @return whether an answer arrived (any status); otherwise one
-    /// line on `cerrdbg`.
+    /// address and tries once more. @return whether an answer arrived (any status); otherwise a
+    /// line on `cerrdbg`. Without a good answer one more, with URL, status and libcurl's own
+    /// detail.
     bool UrlRequest(std::string url, bool deviceHeaders, std::string apiKey);
+    /// The request may be made while the time is not known: its answer may tell it.
+    void allowUnknownTime() { m_timeMayBeUnknown = true; }
+    /// Whether the last request was not made because the time is not known.
+    bool waitsForTime() const { return m_waitsForTime; }
+    /// Whether the server gave what it was asked for: a status of 200 to 299.
+    bool isGoodAnswer() const { return status >= 200 && status <= 299; }
 
     static std::size_t dataCallback(char* ptr, std::size_t size, std::size_t nmemb, url_data* d);
     static std::size_t headerCallback(char* ptr, std::size_t size, std::size_t nmemb, url_data* d);
@@ -59,13 +74,19 @@ class NetworkHelper : public url_data {
         long lowSpeedSeconds;      ///< ... for so long ends
         std::size_t bodyBytes;     ///< of one response
         std::size_t headersBytes;  ///< of one response, all lines together
+        std::int64_t totalMs;      ///< of the whole request, its second try included
     };
 
     void clearResults();
     void setOptions(Request& request);
+    static void setCertificateOptions(Request& request);
+    int perform(Request& request);
     bool performWithResolvedAddress(Request& request);
-    bool succeed() const;
+    bool succeed(const Request& request) const;
+    bool fail(const Request& request) const;
 
+    bool m_timeMayBeUnknown = false;
+    bool m_waitsForTime = false;
     std::function<void()> m_callback;
     bool m_callbackPending = true;
     std::int32_t m_pollIntervalMs = 60000;

@@ -1,6 +1,7 @@
 #include "RegexCache.h"
 
 #include "ClassLog.h"
+#include "PatternShape.h"
 
 #include <list>
 #include <memory>
@@ -15,6 +16,7 @@ const ClassLog s_log("JsonFilterRule: ");  // patterns are those of its rules
 
 constexpr std::size_t kMaxPatternLength = 1024;
 constexpr std::size_t kMaxBacktrackedLength = 512;
+constexpr std::size_t kMaxRepetitions = 2000;
 
 struct Compiled {
     std::regex regex;
@@ -90,19 +92,34 @@ SharedPattern compile(const std::string& pattern) {
     return std::make_shared<const Compiled>(Compiled{std::regex(pattern, ECMAScript), true});
 }
 
-SharedPattern compiled(const std::string& pattern, PatternStore& patterns) {
-    SharedPattern known = patterns.find(pattern);
-    if (known == nullptr) {
-        known = compile(pattern);
-        patterns.keep(pattern, known);
-    }
-    return known;
-}
-
 /// As much of a pattern as an error line needs.
 std::string beginning(const std::string& pattern) {
     constexpr std::size_t enough = 64;
-    return pattern.size() <= enough ? pattern : pattern.substr(0, enough) + "...";
+    return ClassLog::foreign(pattern.substr(0, enough)) + (pattern.size() > enough ? "..." : "");
+}
+
+/// Whether matching ends in a time that one can wait for; a line where it may not.
+bool isBearable(const std::string& pattern) {
+    const PatternShape shape(pattern);
+    if (shape.repetitions() > kMaxRepetitions) {
+        s_log.error("Pattern repeats a part ", shape.repetitions(), " times (limit ",
+                    kMaxRepetitions, "): ", beginning(pattern));
+        return false;
+    }
+    if (shape.hasBackReference() && shape.nestsQuantifiers()) {
+        s_log.error("Pattern has a back-reference and nested quantifiers: ", beginning(pattern));
+        return false;
+    }
+    return true;
+}
+
+/// @return null for a pattern that is refused
+SharedPattern compiled(const std::string& pattern, PatternStore& patterns) {
+    SharedPattern known = patterns.find(pattern);
+    if (known != nullptr || !isBearable(pattern)) return known;
+    known = compile(pattern);
+    patterns.keep(pattern, known);
+    return known;
 }
 
 }  // namespace
@@ -114,6 +131,7 @@ bool RegexCache::matches(const std::string& pattern, const std::string& text) {
         return false;
     }
     const SharedPattern expression = compiled(pattern, store(kMaxPatterns));
+    if (expression == nullptr) return false;
     if (expression->backtracks && text.size() > kMaxBacktrackedLength) {
         s_log.error("Text of ", text.size(), " characters is too long (limit ",
                     kMaxBacktrackedLength,

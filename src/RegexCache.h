@@ -11,7 +11,9 @@
 class RegexCache {
   public:
     /// Whether `text` as a whole matches `pattern`. A pattern longer than 1024 characters, or a
-    /// subject longer than 512 for one with back-references, gives false and an error line.
+    /// subject longer than 512 for one with back-references, gives false and an error line; so does
+    /// a pattern that could take too long: with counted repetitions that multiply to more than
+    /// 2000, or with a back-reference and a quantifier within a quantified group.
     /// @throws std::regex_error when the pattern does not compile or matching gives up
     static bool matches(const std::string& pattern, const std::string& text);
 

@@ -2,28 +2,118 @@
 
 #include "AlarmBlock.h"
 #include "ClassLog.h"
+#include "Descriptor.h"
 
 #include <algorithm>
-#include <memory>
 #include <stdexcept>
+#include <thread>
 
 #include <cctype>
-#include <cstdio>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
 const ClassLog s_log("kivNetwork:");  // the commands are the network's, and so are their lines
 
-struct PipeClose {
-    void operator()(FILE* pipe) const { ::pclose(pipe); }
-};
-using Pipe = std::unique_ptr<FILE, PipeClose>;
+using Clock = std::chrono::steady_clock;
 
-Pipe startCommand(const char* command) {
-    const AlarmUnblock inherited;
-    // "e": what another thread starts meanwhile does not inherit this end of the pipe.
-    return Pipe(::popen(command, "re"));
-}
+constexpr std::size_t kLongestOutput = 1048576;         // bytes
+constexpr std::chrono::milliseconds kLookForTheEnd(5);  // of a command that prints no more
+
+struct FileActions {
+    FileActions() { ::posix_spawn_file_actions_init(&actions); }
+    ~FileActions() { ::posix_spawn_file_actions_destroy(&actions); }
+    FileActions(const FileActions&) = delete;
+    FileActions& operator=(const FileActions&) = delete;
+    posix_spawn_file_actions_t actions;
+};
+
+struct Attributes {
+    Attributes() { ::posix_spawnattr_init(&attributes); }
+    ~Attributes() { ::posix_spawnattr_destroy(&attributes); }
+    Attributes(const Attributes&) = delete;
+    Attributes& operator=(const Attributes&) = delete;
+    posix_spawnattr_t attributes;
+};
+
+/// A shell command in a process group of its own, with the reading end of its standard output. Its
+/// end kills what is left of the group, and leaves no dead process behind.
+class RunningCommand {
+  public:
+    /// @throws std::runtime_error when it cannot be started
+    explicit RunningCommand(const char* command) {
+        if (!start(command)) throw std::runtime_error("popen() failed!");
+    }
+    ~RunningCommand() {
+        if (m_process > 0) killAll();
+    }
+    RunningCommand(const RunningCommand&) = delete;
+    RunningCommand& operator=(const RunningCommand&) = delete;
+
+    /// Appends what it prints. @return false when it has not ended by then, or printed too much
+    bool readAll(std::string& output, Clock::time_point end) const {
+        char piece[4096];
+        while (output.size() <= kLongestOutput && isReadable(end)) {
+            const ssize_t got = ::read(m_output.get(), piece, sizeof piece);
+            if (got == 0) return true;
+            if (got > 0) output.append(piece, static_cast<std::size_t>(got));
+        }
+        return false;
+    }
+
+    /// @return false when it has not ended by then
+    bool waitForEnd(Clock::time_point end) {
+        while (::waitpid(m_process, nullptr, WNOHANG) == 0) {
+            if (Clock::now() >= end) return false;
+            std::this_thread::sleep_for(kLookForTheEnd);
+        }
+        m_process = -1;
+        return true;
+    }
+
+  private:
+    bool start(const char* command) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) return false;
+        m_output = Descriptor(ends[0]);
+        const Descriptor input(ends[1]);
+        FileActions files;
+        Attributes group;
+        ::posix_spawn_file_actions_adddup2(&files.actions, input.get(), STDOUT_FILENO);
+        ::posix_spawnattr_setflags(&group.attributes, POSIX_SPAWN_SETPGROUP);
+        std::string line = command;
+        char shell[] = "sh";
+        char option[] = "-c";
+        char* const words[] = {shell, option, line.data(), nullptr};
+        const AlarmUnblock inherited;
+        return ::posix_spawn(&m_process, "/bin/sh", &files.actions, &group.attributes, words,
+                             environ) == 0;
+    }
+
+    bool isReadable(Clock::time_point end) const {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        if (left.count() <= 0) return false;
+        pollfd wait{m_output.get(), POLLIN, 0};
+        const int ready = ::poll(&wait, 1, static_cast<int>(left.count()));
+        return ready > 0 || (ready < 0 && errno == EINTR && isReadable(end));
+    }
+
+    void killAll() {
+        ::kill(-m_process, SIGKILL);
+        while (::waitpid(m_process, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+
+    pid_t m_process = -1;
+    Descriptor m_output;
+};
 
 /// Whether `host` may stand in a shell command.
 bool isHostName(const std::string& host) {
@@ -36,6 +126,8 @@ bool isHostName(const std::string& host) {
 }
 
 }  // namespace
+
+std::chrono::milliseconds ShellCommand::m_limit(15000);
 
 std::string ShellCommand::ping(const std::string& host) {
     if (!isHostName(host)) return "";
@@ -62,11 +154,13 @@ std::string ShellCommand::outputOf(const std::string& command) {
 }
 
 std::string Exec(const char* command) {
-    const Pipe pipe = startCommand(command);
-    if (pipe == nullptr) throw std::runtime_error("popen() failed!");
+    const Clock::time_point end = Clock::now() + ShellCommand::m_limit;
+    RunningCommand running(command);
     std::string output;
-    char buffer[128];
-    while (std::fgets(buffer, sizeof buffer, pipe.get()) != nullptr) output += buffer;
+    if (!running.readAll(output, end) || !running.waitForEnd(end)) {
+        s_log.error("Command ", ClassLog::foreign(command), " killed: it ran longer than ",
+                    ShellCommand::m_limit.count(), "ms, or printed too much");
+    }
     return output;
 }
 

@@ -1,5 +1,8 @@
 #include "SqlStatement.h"
 
+#include "SqlFiles.h"
+#include "SqlResult.h"
+
 #include <cstddef>
 
 #include <sqlite3.h>
@@ -9,8 +12,11 @@ void SqlStatement::Finalize::operator()(sqlite3_stmt* statement) const {
 }
 
 int SqlStatement::Results::note(int code) {
-    const int primary = code & 0xff;  // without what an extended code adds
-    if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) m_damage = true;
+    if (SqlResult::asksForAnotherConnection(code)) m_stuck = true;
+    if (SqlResult::isDamage(code)) {
+        m_damage = true;
+        if (!m_file.empty()) SqlFiles::noteDamage(m_file);
+    }
     return code;
 }
 
@@ -48,6 +54,12 @@ void SqlStatement::bindNull(int parameter) {
     if (isPrepared()) sqlite3_bind_null(m_statement.get(), parameter);
 }
 
+void SqlStatement::bindColumn(int parameter, const SqlStatement& row, int column) {
+    if (!isPrepared() || !row.isPrepared()) return;
+    sqlite3_bind_value(m_statement.get(), parameter,
+                       sqlite3_column_value(row.m_statement.get(), column));
+}
+
 int SqlStatement::step() {
     return isPrepared() ? noted(sqlite3_step(m_statement.get())) : SQLITE_MISUSE;
 }
@@ -72,6 +84,10 @@ std::string SqlStatement::columnText(int column) const {
     if (text == nullptr) return "";
     const auto bytes = static_cast<std::size_t>(sqlite3_column_bytes(m_statement.get(), column));
     return std::string(reinterpret_cast<const char*>(text), bytes);
+}
+
+int SqlStatement::columnType(int column) const {
+    return isPrepared() ? sqlite3_column_type(m_statement.get(), column) : SQLITE_NULL;
 }
 
 bool SqlStatement::columnIsNull(int column) const {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -16,13 +17,22 @@ class SqlStatement {
     /// Threads as for the connection.
     class Results {
       public:
+        Results() = default;
+        /// @param file what `SqlFiles` learns of damage under; "": nothing
+        explicit Results(std::string file) : m_file(std::move(file)) {}
+
         /// @return `code`
         int note(int code);
         /// Whether a statement found that the file is damaged or is not a database.
         bool foundDamage() const { return m_damage; }
+        /// Whether a statement failed that may work on another connection to the same file.
+        bool askForAnotherConnection() const { return m_stuck; }
+        void askForAnother() { m_stuck = true; }
 
       private:
+        std::string m_file;
         bool m_damage = false;
+        bool m_stuck = false;
     };
 
     SqlStatement() = default;  ///< not prepared
@@ -37,6 +47,8 @@ class SqlStatement {
     void bind(int parameter, double value);
     void bind(int parameter, const std::string& text);  ///< copied
     void bindNull(int parameter);
+    /// Binds the value of a column of `row`, of whatever type.
+    void bindColumn(int parameter, const SqlStatement& row, int column);
 
     /// SQLite's result code: SQLITE_ROW, SQLITE_DONE or an error (SQLITE_MISUSE when not prepared).
     int step();
@@ -45,6 +57,7 @@ class SqlStatement {
     std::int64_t columnInt64(int column) const;
     double columnDouble(int column) const;
     std::string columnText(int column) const;  ///< "" for NULL
+    int columnType(int column) const;          ///< SQLITE_INTEGER and so on, as stored
     bool columnIsNull(int column) const;
 
   private:

@@ -106,6 +106,7 @@ void TimeMgrImpl::openDatabase(const std::string& path) {
     const StoreLock lock(m_mutex);
     m_db = std::make_unique<DB>();
     m_db->open(path, false);
+    m_unstored.clear();
     m_currentSource = TimeSourceInvalid;
 }
 
@@ -139,12 +140,37 @@ std::int64_t TimeMgrImpl::getStartTime(TimeSource source, const TimeReference& r
         return 0;
     }
     const Cycle cycle = ref.cycle();
-    const std::int64_t start = m_db->getStartTime(cycle.bootCount, cycle.standbyCount, source);
+    const std::int64_t inMemory = unstoredStart(source, cycle);
+    const std::int64_t start =
+        inMemory != 0 ? inMemory : m_db->getStartTime(cycle.bootCount, cycle.standbyCount, source);
     s_log.info("getTime ts=", source,       //
                " bc = ", ref.bootCount,     //
                " sc = ", ref.standbyCount,  //
                " utc = ", start);
     return start;
+}
+
+/// What the store did not take of that cycle; 0: nothing. With the locks held.
+std::int64_t TimeMgrImpl::unstoredStart(TimeSource source, const Cycle& cycle) const {
+    const auto found = m_unstored.find(source);
+    return found != m_unstored.end() && found->second.cycle == cycle ? found->second.start : 0;
+}
+
+bool TimeMgrImpl::waitsForTheStore(TimeSource source, const TimeReference& ref) const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return unstoredStart(source, ref.cycle()) != 0;
+}
+
+/// What the store does not take holds in memory: or the time would be asked for again and again.
+/// With the locks held. @return 0 when it is stored
+int TimeMgrImpl::store(TimeSource source, const Cycle& cycle, std::int64_t start) {
+    const int result = m_db->setStartTime(cycle.bootCount, cycle.standbyCount, source, start);
+    if (result != 0) {
+        m_unstored[source] = {cycle, start};
+    } else if (unstoredStart(source, cycle) != 0) {
+        m_unstored.erase(source);
+    }
+    return result;
 }
 
 UtcTimeMs TimeMgrImpl::timeSince(std::int64_t startTime, std::int64_t kernelTime) {
@@ -205,7 +231,7 @@ void TimeMgrImpl::setTime(TimeSource source, const TimeReference& ref, UtcTimeMs
     setClockFrom(source, utc);
 
     const std::int64_t oldTime = getTime(source, ref);
-    if (utc.distanceTo(oldTime) <= kInsignificantMs) {
+    if (utc.distanceTo(oldTime) <= kInsignificantMs && !waitsForTheStore(source, ref)) {
         s_log.info("No significant change in time. Not updating. Old time = ", oldTime,
                    " New time = ", newTime);
         return;
@@ -237,8 +263,7 @@ void TimeMgrImpl::setClockFrom(TimeSource source, UtcTimeMs utc) {
 void TimeMgrImpl::forgetStartTime(TimeSource source, const TimeReference& ref) {
     const StoreLock lock(m_mutex);
     if (m_db == nullptr) return;
-    const Cycle cycle = ref.cycle();
-    m_db->setStartTime(cycle.bootCount, cycle.standbyCount, source, 0);
+    store(source, ref.cycle(), 0);
 }
 
 void TimeMgrImpl::changeTime(TimeSource source, const TimeReference& ref, std::int64_t oldTime,
@@ -250,7 +275,7 @@ void TimeMgrImpl::changeTime(TimeSource source, const TimeReference& ref, std::i
     {
         const StoreLock lock(m_mutex);
         if (m_db == nullptr) return;
-        const int result = m_db->setStartTime(cycle.bootCount, cycle.standbyCount, source, start);
+        const int result = store(source, cycle, start);
         s_log.info("Time changed from ", oldTime, " to ", newTime);
         if (result != 0 || DB::m_dbError) report = m_errorCallback;
     }

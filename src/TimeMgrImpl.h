@@ -4,12 +4,14 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <ostream>
 #include <string>
 
 #include "AppClock.h"
+#include "Cycle.h"
 #include "JsonObject.h"
 #include "MiddlewareTime.h"
 #include "TimeReference.h"
@@ -30,7 +32,7 @@ std::ostream& operator<<(std::ostream& out, TimeSource source);
 /// bring it times, and it decides which it takes. Reached through `Singleton<TimeMgrImpl>`;
 /// inactive until `setDBPath`. All operations from any thread. Lock order: `DB::m_PruneLock`, then
 /// m_mutex. Without a database times are 0 and are not set, with an error line; a start time that
-/// cannot be stored calls the error callback.
+/// cannot be stored calls the error callback, and holds in memory until the store takes one.
 class TimeMgrImpl {
   public:
     TimeMgrImpl();
@@ -83,6 +85,15 @@ class TimeMgrImpl {
 
     class StoreLock;
 
+    /// A start time that the store did not take; 0: none.
+    struct Unstored {
+        Cycle cycle;
+        std::int64_t start = 0;
+    };
+
+    std::int64_t unstoredStart(TimeSource source, const Cycle& cycle) const;
+    bool waitsForTheStore(TimeSource source, const TimeReference& ref) const;
+    int store(TimeSource source, const Cycle& cycle, std::int64_t start);
     void takeMiddlewareTime(long long previousTime, long long newTime);
     bool hasDatabase() const;
     void closeDatabase();
@@ -100,7 +111,9 @@ class TimeMgrImpl {
     std::string m_dbPath;
     std::unique_ptr<DB> m_db;
     std::int32_t m_currentSource = TimeSourceInvalid;
+    std::map<TimeSource, Unstored> m_unstored;
     std::function<void()> m_errorCallback;
-    mutable std::mutex m_mutex;  ///< guards m_db, m_dbPath, m_currentSource, m_errorCallback
+    mutable std::mutex m_mutex;  ///< guards the members above
+
     MiddlewareTime m_middlewareTime;
 };

@@ -7,6 +7,7 @@
 
 #include <errno.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -66,12 +67,21 @@ class SignalSafeLine {
     std::size_t m_length = 0;
 };
 
-void unblockAlarmByDefault() {
+/// A daemon that is killed cannot kill its child: the kernel does it. Where the daemon ended before
+/// the kernel was told, the child has another parent already.
+void dieWith(pid_t parent) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(0);
+}
+
+/// The child's own limit.
+void endByAlarmAfter(unsigned int seconds) {
     ::signal(SIGALRM, SIG_DFL);
     sigset_t alarm;
     ::sigemptyset(&alarm);
     ::sigaddset(&alarm, SIGALRM);
     ::pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+    ::alarm(seconds);
 }
 
 /// The child needs none of the daemon's store, queue and sockets.
@@ -95,22 +105,27 @@ pid_t reap(pid_t child, int& status) {
 
 }  // namespace
 
+unsigned int TimedChild::m_graceSeconds = 5;
+
 bool TimedChild::run(const std::function<bool()>& work, unsigned int limitSeconds) {
     std::cout.flush();  // or the child would write what waits in the buffer once more
+    const pid_t self = ::getpid();
     const pid_t child = ::fork();
     if (child < 0) {
         s_log.error("Fork failed: ", ClassLog::errnoText(errno));
         return false;
     }
-    if (child == 0) runInChild(work);
+    if (child == 0) runInChild(work, self, limitSeconds);
     return waitFor(child, limitSeconds);
 }
 
 /// Leaves without destructors and exit handlers, and never by an exception: the caller's code
 /// belongs to the daemon. 1 means done, so that a child that fails early, with status 0, is never
 /// taken for a success.
-void TimedChild::runInChild(const std::function<bool()>& work) noexcept {
-    unblockAlarmByDefault();
+void TimedChild::runInChild(const std::function<bool()>& work, int parent,
+                            unsigned int limitSeconds) noexcept {
+    dieWith(parent);
+    endByAlarmAfter(limitSeconds + m_graceSeconds);
     closeInheritedDescriptors();
     const bool done = work();
     s_log.info("Child process exits with ", done);

@@ -3,16 +3,22 @@
 #include "ClassLog.h"
 
 #include <algorithm>
+#include <exception>
 #include <optional>
 #include <utility>
 
 #include <cstdio>
+
+#include <cxxabi.h>
 
 using SteadyTime = std::chrono::steady_clock::time_point;
 
 namespace {
 
 constexpr SteadyTime kDueAtOnce{};
+/// Long before the clock's zero, so that items that were due before the set was switched on keep
+/// their order; far enough from the end of its range to reckon with.
+constexpr SteadyTime kEarliest{SteadyTime::duration::min() / 2};
 
 const ClassLog s_log("TimerQueue: ");
 
@@ -25,11 +31,24 @@ SteadyTime dueAfter(long long delayMs) {
     if (delayMs >= duration_cast<milliseconds>(SteadyTime::max() - now).count()) {
         return SteadyTime::max();
     }
-    if (delayMs <= duration_cast<milliseconds>(kDueAtOnce - now).count()) return kDueAtOnce;
+    if (delayMs <= duration_cast<milliseconds>(kEarliest - now).count()) return kEarliest;
     return now + milliseconds(delayMs);
 }
 
 }  // namespace
+
+void TimerQueue::WorkItem::call() {
+    if (!handler) return;
+    try {
+        handler(id == 0, firstArgument, secondArgument);
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (const std::exception& error) {
+        s_log.error("A handler failed: ", error.what());
+    } catch (...) {
+        s_log.error("A handler failed");
+    }
+}
 
 TimerQueue::WorkItem TimerQueue::Items::takeTop() {
     std::pop_heap(c.begin(), c.end(), comp);
@@ -128,12 +147,11 @@ std::optional<SteadyTime> TimerQueue::nextDeadline() {
 void TimerQueue::checkWork() {
     std::unique_lock<std::mutex> lock(m_queueMutex);
     while (!m_items.empty() && std::chrono::steady_clock::now() >= m_items.top().end) {
-        WorkItem item = m_items.takeTop();
-        lock.unlock();
-        if (item.handler) {
-            item.handler(item.id == 0, item.firstArgument, item.secondArgument);
-            item.handler = nullptr;  // what it holds goes without the lock, too
-        }
+        {
+            WorkItem item = m_items.takeTop();
+            lock.unlock();
+            item.call();
+        }  // what its handler holds goes without the lock, too
         lock.lock();
     }
 }

@@ -16,9 +16,9 @@
 /// Handlers run one at a time in the order of their due times, with no lock held: they may add
 /// and cancel items of the same queue. They must be short: a handler posts, it does not work.
 /// `add` and `cancel` may be called from any thread. The destructor calls every pending handler
-/// with `cancelled` true and joins the thread; it must not run on that thread. A thread that cannot
-/// be started gets an error line: then no handler is called before the destructor, which calls them
-/// on its own thread.
+/// with `cancelled` true and joins the thread; it must not run on that thread. A handler that
+/// throws costs an error line and nothing else. A thread that cannot be started gets an error line:
+/// then no handler is called before the destructor, which calls them on its own thread.
 class TimerQueue : private Semaphore {
   public:
     /// handler(cancelled, first argument, second argument)
@@ -41,6 +41,9 @@ class TimerQueue : private Semaphore {
         WorkItem() = default;
         WorkItem(WorkItem&&) = default;
         WorkItem& operator=(WorkItem&&) = default;
+
+        /// Calls the handler, if there is one; throws nothing of its own.
+        void call();
 
         std::chrono::steady_clock::time_point end;
         std::uint64_t id = 0;  ///< 0: cancelled

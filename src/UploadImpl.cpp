@@ -79,7 +79,7 @@ void UploadImpl::handleMsg(int id, long param) {
     } catch (const abi::__forced_unwind&) {
         throw;
     } catch (const std::exception& error) {
-        s_log.error("Message ", id, " failed: ", error.what());
+        s_log.error("Message ", id, " failed: ", ClassLog::foreign(error.what()));
         tryAgain(id);
     } catch (...) {
         s_log.error("Message ", id, " failed");
@@ -93,6 +93,7 @@ void UploadImpl::tryAgain(int id) {
         ScheduleEventsTimeCheck(UploadSchedule::kRecheckMs);
     }
     if (id == UploadFiles) ScheduleFilesUpload(UploadSchedule::kRetryMs);
+    if (id == RefreshConfig) ScheduleRefreshConfig(UploadSchedule::kRetryMs, false);
     if (id == Initialization) ScheduleInitialization(UploadSchedule::kRetryMs);
 }
 

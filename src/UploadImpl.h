@@ -92,7 +92,7 @@ class UploadImpl {
     Singleton<AwsWrapperImpl> m_aws;
     DB m_db;
     UploadSchedule m_schedule;
-    DatabaseReports m_reports{*m_aws};
+    DatabaseReports m_reports{*m_aws, m_schedule};
     EventsUpload m_events{m_db, m_schedule, m_reports};
     FilesUpload m_files{m_db, m_schedule, *m_aws, m_reports};
     std::atomic<bool> m_running{false};

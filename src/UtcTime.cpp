@@ -68,7 +68,7 @@ time_t UtcTime::parseTime(const std::string& text) const {
         const time_t seconds = parseTime(text, form);
         if (seconds != kUnparsed) return seconds;
     }
-    s_log.error("Failed to parse time: ", text);
+    s_log.error("Failed to parse time: ", ClassLog::foreign(text));
     return 0;
 }
 

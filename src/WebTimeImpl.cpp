@@ -18,16 +18,30 @@ ClassLog s_log("kivwebtime: ");
 }  // namespace
 
 std::atomic<std::int64_t> WebTimeImpl::m_WebTime{0};
+RetryPause WebTimeImpl::m_pause;
 
 bool WebTimeImpl::getWebTime() {
-    {
-        const TimeReference now;
-        const Singleton<TimeMgrImpl> timeManager;
-        m_WebTime = timeManager->getTime(TimeSourceWeb, now) / 1000;
+    m_WebTime = knownSeconds();
+    if (m_WebTime != 0) return true;
+    if (m_pause.leftMs() > 0) {
+        s_log.info(" no request for the time within the next ", m_pause.leftMs(), "ms");
+        return false;
     }
-    if (m_WebTime == 0) takeTimeFromServer();
-    // Not read again: the call that obtains the time still says that it was not known.
-    return m_WebTime != 0;
+    takeTimeFromServer();
+    if (knownSeconds() != 0) {
+        m_pause.forget();
+    } else {
+        m_pause.lengthen();
+    }
+    // m_WebTime is not read again: the call that obtains the time still says that it was unknown.
+    return false;
+}
+
+/// UTC of this moment by web time; 0 when unknown.
+std::int64_t WebTimeImpl::knownSeconds() {
+    const TimeReference now;
+    const Singleton<TimeMgrImpl> timeManager;
+    return timeManager->getTime(TimeSourceWeb, now) / 1000;
 }
 
 long long WebTimeImpl::getWebTimeValue() {
@@ -38,7 +52,8 @@ void WebTimeImpl::takeTimeFromServer() {
     s_log.info(" trying to get time from server... ");
     NetworkHelper request;
     const std::string url = ServiceTables::getWebTimeUrl();
-    if (!request.UrlRequest(url, false, ServiceTables::getLambdaKey())) {
+    request.allowUnknownTime();
+    if (!request.UrlRequest(url, false, ServiceTables::getLambdaKey()) || !request.isGoodAnswer()) {
         s_log.error("Time could not be retrieved from server");
     } else if (request.date.empty()) {
         s_log.error("No time received");

@@ -4,14 +4,17 @@
 #include <cstdint>
 #include <string>
 
+#include "RetryPause.h"
+
 /// Obtains the UTC time of the current cycle from a web server's Date header and hands it to the
 /// time manager. It does not judge the time (the time manager does) and does not ask again by
 /// itself. Reached through `Singleton<WebTimeImpl>`; used on the upload thread. A failure leaves
-/// the time unknown, with an error line.
+/// the time unknown, with an error line, and begins a pause: 10 s, doubling to 300 s.
 class WebTimeImpl {
   public:
     /// Makes sure that web time is known for the current cycle: asks the server only while it is
-    /// not. @return whether it was known already; the call that fetches it returns false.
+    /// not, and never within a pause. @return whether it was known already; the call that fetches
+    /// it returns false.
     bool getWebTime();
     /// UTC seconds as last read from the time manager; 0 when unknown.
     long long getWebTimeValue();
@@ -22,6 +25,11 @@ class WebTimeImpl {
     static std::atomic<std::int64_t> m_WebTime;  ///< UTC seconds; 0 when unknown
 
   private:
+    friend struct WebTimeImplPeer;
+
     static void takeTimeFromServer();
     static void setTimeFromDate(const std::string& date);
+    static std::int64_t knownSeconds();
+
+    static RetryPause m_pause;
 };

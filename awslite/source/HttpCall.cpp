@@ -1,8 +1,13 @@
 #include <awslite/HttpCall.h>
 
+#include <awslite/CertificateDates.h>
+#include <awslite/SigV4.h>
+
 #include <algorithm>
+#include <ctime>
 #include <istream>
 #include <memory>
+#include <optional>
 
 #include <string.h>
 #include <strings.h>
@@ -37,6 +42,13 @@ class Easy {
         if (m_refusal == CURLE_OK) m_refusal = curl_easy_setopt(m_handle.get(), option, value);
     }
 
+    /// Without effect where libcurl does not know the option.
+    template <typename Value>
+    void offer(CURLoption option, Value value) {
+        if (m_refusal == CURLE_OK)
+            static_cast<void>(curl_easy_setopt(m_handle.get(), option, value));
+    }
+
     CURLcode perform() const {
         return m_refusal == CURLE_OK ? curl_easy_perform(m_handle.get()) : m_refusal;
     }
@@ -56,6 +68,15 @@ void pay(RateLimiterInterface* limiter, size_t bytes) {
     if (limiter != nullptr && bytes > 0) limiter->ApplyAndPayForCost(static_cast<int64_t>(bytes));
 }
 
+/// When the header line begins with `name`, colon included, its value goes into `value`, without
+/// the blanks around it.
+void takeValue(const std::string& name, const char* line, size_t size, std::string& value) {
+    if (size <= name.size() || ::strncasecmp(line, name.c_str(), name.size()) != 0) return;
+    value.assign(line + name.size(), size - name.size());
+    value.erase(0, value.find_first_not_of(" \t"));
+    value.erase(value.find_last_not_of(" \t\r\n") + 1);
+}
+
 /// What the callbacks of one call work on. When a stream throws, the call fails: the exception
 /// must not pass through libcurl, which is written in C.
 struct Exchange {
@@ -66,16 +87,10 @@ struct Exchange {
     size_t headerBytes = 0;
 
     size_t takeHeader(const char* line, size_t size) {
-        static constexpr char name[] = "x-amzn-errortype:";
-        static constexpr size_t nameSize = sizeof name - 1;
         headerBytes += size;
         if (headerBytes > kMaxHeaderBytes) return 0;
-        if (size > nameSize && ::strncasecmp(line, name, nameSize) == 0) {
-            std::string& type = answer.errorType;
-            type.assign(line + nameSize, size - nameSize);
-            type.erase(0, type.find_first_not_of(" \t"));
-            type.erase(type.find_last_not_of(" \t\r\n") + 1);
-        }
+        takeValue("x-amzn-errortype:", line, size, answer.errorType);
+        takeValue("etag:", line, size, answer.etag);
         return size;
     }
 
@@ -183,6 +198,7 @@ void setAddress(Easy& easy, const std::string& url) {
 void setLimits(Easy& easy, const ClientConfiguration& configuration) {
     easy.set(CURLOPT_NOSIGNAL, 1L);
     easy.set(CURLOPT_CONNECTTIMEOUT_MS, configuration.connectTimeoutMs);
+    easy.set(CURLOPT_TIMEOUT_MS, configuration.httpRequestTimeoutMs);
     if (configuration.requestTimeoutMs > 0) {
         easy.set(CURLOPT_LOW_SPEED_LIMIT, 1L);
         easy.set(CURLOPT_LOW_SPEED_TIME, std::max(configuration.requestTimeoutMs / 1000, 1L));
@@ -192,6 +208,20 @@ void setLimits(Easy& easy, const ClientConfiguration& configuration) {
 void setTrust(Easy& easy, const ClientConfiguration& configuration) {
     if (!configuration.caPath.empty()) easy.set(CURLOPT_CAPATH, configuration.caPath.c_str());
     if (!configuration.caFile.empty()) easy.set(CURLOPT_CAINFO, configuration.caFile.c_str());
+}
+
+/// A certificate that is not valid yet, or no longer, by a system clock that is wrong is as good as
+/// any where the request clock knows better. `moment` is needed until the transfer is over.
+void setMoment(Easy& easy, const std::optional<std::time_t>& moment) {
+    if (!moment.has_value() || !canJudgeCertificates()) return;
+    easy.offer(CURLOPT_SSL_CTX_FUNCTION, judgeCertificatesAt);
+    easy.offer(CURLOPT_SSL_CTX_DATA, &*moment);
+}
+
+std::optional<std::time_t> momentOfRequest() {
+    const auto moment = requestClock();
+    if (!moment.has_value()) return std::nullopt;
+    return std::chrono::system_clock::to_time_t(*moment);
 }
 
 void setMethod(Easy& easy, const HttpRequest& request) {
@@ -227,6 +257,8 @@ CURLcode transfer(Easy& easy, const HttpRequest& request, Exchange& exchange) {
     setAddress(easy, request.scheme + "://" + request.host + request.path);
     setLimits(easy, exchange.configuration);
     setTrust(easy, exchange.configuration);
+    const auto moment = momentOfRequest();
+    setMoment(easy, moment);
     setMethod(easy, request);
     setCallbacks(easy, exchange);
     easy.set(CURLOPT_HTTPHEADER, headers.get());

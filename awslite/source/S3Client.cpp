@@ -5,6 +5,8 @@
 
 #include <aws/core/utils/memory/stl/AWSStringStream.h>
 
+#include <utility>
+
 namespace Aws {
 namespace S3 {
 
@@ -133,7 +135,9 @@ PutObjectOutcome S3Client::PutObject(const Model::PutObjectRequest& request) con
     }
     const HttpAnswer answer = Awslite::performRequest(http, m_configuration);
     if (!answer.succeeded()) return PutObjectOutcome(Awslite::xmlError(answer, answer.body));
-    return PutObjectOutcome(PutObjectResult());
+    PutObjectResult result;
+    result.SetETag(answer.etag);
+    return PutObjectOutcome(std::move(result));
 }
 
 GetObjectOutcome S3Client::GetObject(const Model::GetObjectRequest& request) const {

@@ -1,4 +1,5 @@
 #include "awslite_support.h"
+#include "support/NetworkHooks.h"
 #include "support/TempDir.h"
 
 #include <filesystem>
@@ -144,6 +145,22 @@ TEST_F(AwsliteTransfer, StoresAnObjectAsTheServiceWantsIt) {
               "content-type: text/plain\n"
               "x-amz-content-sha256: UNSIGNED-PAYLOAD\n"
               "Expect: 100-continue\n");
+}
+
+/// The answer's ETag is handed out as it came, in any case of the header's name; "" without one.
+TEST_F(AwsliteTransfer, HandsOutTheETagOfAStoredObject) {
+    for (const char* name : {"ETag", "etag", "ETAG"}) {
+        Response named = answer(200, "");
+        named.headers = {{name, "\"d41d8cd9\" "}, {"X-ETag", "other"}};
+        const ScriptedHttpServer server(always(named), Transport::Tls);
+        const auto outcome = s3(configurationFor(server.url())).PutObject(putRequest("b"));
+        ASSERT_TRUE(outcome.IsSuccess());
+        EXPECT_EQ(outcome.GetResult().GetETag(), "\"d41d8cd9\"");
+    }
+    const ScriptedHttpServer server(always(answer(200, "<html>welcome</html>")), Transport::Tls);
+    const auto outcome = s3(configurationFor(server.url())).PutObject(putRequest("b"));
+    ASSERT_TRUE(outcome.IsSuccess());
+    EXPECT_EQ(outcome.GetResult().GetETag(), "");
 }
 
 /// An empty object, or a request without a body, is put with length 0 and without asking.
@@ -475,6 +492,25 @@ TEST_F(AwsliteTransfer, LetsASlowTransferGoOnBeyondTheRequestTimeout) {
     EXPECT_EQ(body, "0123456789");
 }
 
+/// A call is over after its limit, also while the answer trickles in and never stalls.
+TEST_F(AwsliteTransfer, EndsATricklingAnswerAtTheLimitOfTheCall) {
+    Response slow = answer(200, std::string(100, '1'));
+    slow.dripMs = 100;
+    const ScriptedHttpServer server(always(slow), Transport::Tls);
+    auto configuration = configurationFor(server.url());
+    configuration.httpRequestTimeoutMs = 1000;
+    const auto start = steady_clock::now();
+
+    const auto put = firehose(configuration).PutRecord(recordRequest());
+    const auto got = s3(configuration).GetObject(getRequest());
+    const auto took = steady_clock::now() - start;
+
+    EXPECT_EQ(put.GetError().GetMessage(), "curlCode: 28, Timeout was reached");
+    EXPECT_EQ(got.GetError().GetMessage(), "curlCode: 28, Timeout was reached");
+    EXPECT_GE(took, milliseconds(1990));
+    EXPECT_LT(took, milliseconds(6000));
+}
+
 /// Each call makes one attempt, whatever the retry strategy says.
 TEST_F(AwsliteTransfer, MakesOneAttemptWhateverTheRetryStrategySays) {
     const ScriptedHttpServer server(always(answer(503, "")), Transport::Tls);
@@ -524,6 +560,69 @@ TEST_F(AwsliteTransfer, FindsNothingInADirectoryWithoutHashedNames) {
 
     EXPECT_FALSE(firehose(configuration).PutRecord(recordRequest()).IsSuccess());
     EXPECT_TRUE(server.requests().empty());
+}
+
+constexpr std::int64_t kSecondsOf2014 = 1400000000;
+constexpr std::int64_t kSecondsOf2100 = 4110000000;
+
+ScriptedHttpServer::Certificate validFrom(const char* notBefore, const char* notAfter) {
+    ScriptedHttpServer::Certificate certificate;
+    certificate.notBefore = notBefore;
+    certificate.notAfter = notAfter;
+    return certificate;
+}
+
+/// Whether a put to a server with this certificate arrives.
+bool isTaken(const ScriptedHttpServer::Certificate& certificate) {
+    const ScriptedHttpServer server(always(answer(200, kStored)), certificate);
+    const auto outcome = firehose(configurationFor(server.url())).PutRecord(recordRequest());
+    if (outcome.IsSuccess()) return true;
+    EXPECT_EQ(outcome.GetError().GetMessage(),
+              "curlCode: 60, SSL peer certificate or SSH remote key was not OK");
+    EXPECT_TRUE(server.requests().empty());
+    return false;
+}
+
+/// The dates of a server's certificate are judged by the request clock where one is set.
+TEST_F(AwsliteTransfer, JudgesTheDatesOfACertificateByTheRequestClock) {
+    const auto of2014 = validFrom("20140101000000Z", "20150101000000Z");
+    const auto of2100 = validFrom("21000101000000Z", "21010101000000Z");
+    {
+        const RequestClockAt clock(kSecondsOf2014);
+        EXPECT_TRUE(isTaken(of2014));
+        EXPECT_FALSE(isTaken(of2100));
+    }
+    const RequestClockAt clock(kSecondsOf2100);
+    EXPECT_FALSE(isTaken(of2014));
+    EXPECT_TRUE(isTaken(of2100));
+}
+
+/// Without a request clock the system clock judges.
+TEST_F(AwsliteTransfer, JudgesByTheSystemClockWithoutARequestClock) {
+    EXPECT_FALSE(isTaken(validFrom("20140101000000Z", "20150101000000Z")));
+    EXPECT_FALSE(isTaken(validFrom("21000101000000Z", "21010101000000Z")));
+    EXPECT_TRUE(isTaken(validFrom("20140101000000Z", "21010101000000Z")));
+}
+
+/// The request clock judges dates alone: chain and host name count as ever.
+TEST_F(AwsliteTransfer, ExcusesNeitherAnotherCaNorAnotherHostByTheRequestClock) {
+    const RequestClockAt clock(kSecondsOf2014);
+    ScriptedHttpServer::Certificate certificate;
+    EXPECT_TRUE(isTaken(certificate));
+    certificate.trusted = false;
+    EXPECT_FALSE(isTaken(certificate));
+    certificate.trusted = true;
+    certificate.host = "other.example";
+    EXPECT_FALSE(isTaken(certificate));
+}
+
+/// Where libcurl does not hand out its TLS context, the system clock judges, and calls go on.
+TEST_F(AwsliteTransfer, JudgesByTheSystemClockWhereLibcurlHandsOutNoContext) {
+    NetworkHooks hooks;
+    hooks.refuse(CURLOPT_SSL_CTX_FUNCTION);
+    const RequestClockAt clock(kSecondsOf2014);
+    EXPECT_FALSE(isTaken(validFrom("20140101000000Z", "20150101000000Z")));
+    EXPECT_TRUE(isTaken(ScriptedHttpServer::Certificate()));
 }
 
 // ---- Rate limits -------------------------------------------------------------------------

@@ -2,7 +2,9 @@
 """Messages and files that nobody should write, and a network that answers rubbish everywhere."""
 import json
 import os
+import pathlib
 import random
+import resource
 import unittest
 
 from harness import WholeProgramTest, wait_until
@@ -89,6 +91,61 @@ class QueueTest(WholeProgramTest):
         self.device.post_raw(b'{"event-type": "usage.epg", "syncsem": "/nobody.waits"}')
         self.device.wait_for_error(
             "kivGateway:Cannot open semaphore /nobody.waits: No such file or directory")
+
+    #: What stands in a semaphore's place may be anything: it gets a line and ends nothing.
+    def test_what_is_not_a_semaphore_gets_a_line_and_ends_nothing(self):
+        self.start_with_consent()
+        stem = f"kive2e-{os.getpid()}-"
+        makers = {
+            "empty": lambda path: path.write_bytes(b""),
+            "short": lambda path: path.write_bytes(b"\0" * 15),
+            "long": lambda path: path.write_bytes(b"\0" * 4096),
+            "garbage": lambda path: path.write_bytes(b"\xab" * 32),
+            "zeroes": lambda path: path.write_bytes(b"\0" * 32),
+            "directory": lambda path: path.mkdir(),
+            "pipe": os.mkfifo,
+            "link": lambda path: path.symlink_to("/etc/hostname"),
+        }
+        for name, make in makers.items():
+            path = pathlib.Path("/dev/shm/sem." + stem + name)
+            make(path)
+            self.addCleanup(path.rmdir if name == "directory" else path.unlink)
+            self.device.post_raw(json.dumps({"event-type": "usage.epg",
+                                             "syncsem": "/" + stem + name}).encode())
+            self.device.wait_for_error(f"kivGateway:Cannot open semaphore /{stem}{name}: ")
+        self.assert_takes_events()
+
+    #: A daemon that may have no queue at its start takes events once it may.
+    def test_daemon_that_may_have_no_queue_takes_events_once_it_may(self):
+        most = resource.getrlimit(resource.RLIMIT_MSGQUEUE)[1]
+        self.device.launcher = ["prlimit", f"--msgqueue=0:{most if most >= 0 else 'unlimited'}", *self.device.launcher]
+        self.device.start(ready=False)
+        self.device.wait_for_error("kivGateway:mq_open failed : Too many open files")
+        self.device.wait_for_config()
+        resource.prlimit(self.device.process.pid, resource.RLIMIT_MSGQUEUE, (most, most))
+        wait_until(self.device.queue_exists, "the message queue")
+        self.assert_takes_events()
+
+    #: The daemon's own files are not announced by anybody, under no name.
+    def test_own_files_of_the_daemon_cannot_be_announced(self):
+        self.start_with_consent()
+        self.device.send("pim.start", {"pim-version": "1", "pim-builddate": "2"})
+        folder = self.device.folder
+        (folder / "harmless.log").symlink_to(folder / "Config")
+        os.link(folder / "Config", folder / "second.log")
+        names = ["Db", "Config", "dbuuid.json", "pimversion.json", "current_tou.txt", "GlobalInfo",
+                 "BootInfo", "harmless.log", "second.log", "Db-wal", "x/../Config"]
+        for count, name in enumerate(names, start=1):
+            self.device.post_raw(json.dumps({
+                "event-type": "usage.epg", "oob-url": f"{folder}/{name}",
+                "data": {"oob-info": {"unique-id": name}}}).encode())
+            self.device.wait_for_error(
+                "kivGateway:File is the daemon's own: Ignore the file ", count)
+        self.assertEqual(self.device.query("SELECT COUNT(*) FROM Files"), [(0,)])
+        self.assert_takes_events()
+        self.assertEqual(self.cloud.objects(), {})
+        for name in names[:9]:
+            self.assertTrue((folder / name).exists(), name)
 
 
 class JunkFilesTest(WholeProgramTest):

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """The remote configuration: refresh, expiry, bad answers, the persistent file."""
 import json
+import os
 import random
 import time
 import unittest
@@ -80,24 +81,42 @@ class AnswerTest(WholeProgramTest):
         self.wait_for_events(1, "usage.epg")
         self.assert_configuration_in_force_stays()
 
-    #: Answers that are not a JSON object change nothing and are reported whole.
+    #: Answers that are not a JSON object change nothing and are reported.
     def test_broken_json_is_reported_whole_and_changes_nothing(self):
         self.start_with_old_config("not-json")
         self.device.wait_for_error(
             'kivconfig: Invalid Config JSON object received: {"kiv_tou": tru')
         self.assert_expired_until_next_start()
 
-    #: Answers that are not a JSON object change nothing and are reported whole.
+    #: Answers that are not a JSON object change nothing and are reported.
     def test_json_that_is_no_object_changes_nothing(self):
         self.start_with_old_config({"action": "answer", "body": '["kiv_tou", true]'})
         self.device.wait_for_error(
             'kivconfig: Invalid Config JSON object received: ["kiv_tou", true]')
         self.assert_expired_until_next_start()
 
-    #: Answers that are not a JSON object change nothing and are reported whole.
+    #: Answers that are not a JSON object change nothing and are reported, cut at 256 characters and
+    #: on one line.
     def test_page_of_a_captive_portal_changes_nothing(self):
+        self.start_with_old_config({"action": "answer", "content-type": "text/html",
+                                    "body": "<html>\n" + "x" * 1000})
+        self.device.wait_for_error("kivconfig: Invalid Config JSON object received: <html>\\x0A"
+                                   + "x" * 249 + "... (1007 bytes)")
+        self.assert_expired_until_next_start()
+
+    #: An answer with a status of 400 or more that is not an error answer changes nothing, and the log
+    #: names URL and status.
+    def test_status_of_400_or_more_changes_nothing(self):
         self.start_with_old_config("server-error")
-        self.device.wait_for_error("kivconfig: Invalid Config JSON object received: <html>")
+        self.device.wait_for_error("kivNetwork: Request of https://localhost:18443/prod/config/"
+                                   "TV-E2E-1 failed: HTTP status 500")
+        self.device.wait_for_error("kivconfig: Config could not be retrieved from server")
+        self.assert_expired_until_next_start()
+
+    #: An object without a member of a configuration changes nothing.
+    def test_object_that_is_no_configuration_changes_nothing(self):
+        self.start_with_old_config({"action": "answer", "body": "{}"})
+        self.device.wait_for_error("kivconfig: Invalid Config JSON object received: {}")
         self.assert_expired_until_next_start()
 
     #: Answers above 1 MiB, headers above 64 KiB, cut and reset connections change nothing.
@@ -161,6 +180,27 @@ class PersistentFileTest(WholeProgramTest):
                 ("firehose_stream", "kiv-eventsrc-stream-test"),
                 ("s3_endpoint", "https://localhost:18443"),
                 ("s3_bucket", "norvane-ddump/kiv-test"), ("Last-Modified", ""), ("UTC-Time", 0)])
+            self.device.stop()
+
+    #: A stored configuration that is dated ahead counts as expired: the server is asked.
+    def test_configuration_dated_ahead_is_asked_for_anew(self):
+        self.device.write_config(age_s=-8 * 31557600, version="old")
+        self.device.start()
+        self.device.wait_for_config(version="1.0")
+        self.assertLess(abs(self.device.config()["UTC-Time"] - time.time()), 10)
+
+    #: Device files and the configuration that are pipes hold nobody at the start.
+    def test_pipe_in_the_place_of_a_file_holds_nobody(self):
+        for run, names in enumerate((("Config", "BootInfo", "dbuuid.json", "pimversion.json"),
+                                     ("GlobalInfo",))):
+            for name in names:
+                path = self.device.folder / name
+                path.unlink(missing_ok=True)
+                os.mkfifo(path)
+            self.device.start(ready=False)
+            self.device.wait_for_output("CKivApp: Options summary:")
+            self.device.wait_for_error("CKivApp: Cannot read bootinfo file BootInfo")
+            self.assertEqual(self.device.errors_beginning("CKivApp: Cannot read globalinfo"), run)
             self.device.stop()
 
     #: An answer is mirrored whole with the time of its arrival.

@@ -73,6 +73,75 @@ class ConsentTest(WholeProgramTest):
         self.assertEqual(len([event for event in self.device.stored_events()
                               if event["event-type"] == "usage.epg"]), 1)
 
+    #: A user's no holds at once at the next start, whatever a stored configuration says.
+    def test_users_no_holds_at_the_next_start_whatever_a_stored_configuration_says(self):
+        self.cloud.misbehave(config="reset")  # the stored one stays in force
+        self.device.write_config(**self.configuration)
+        for boot, text in enumerate(("CUL-TOU 1 FALSE", "CUL-TOU 1 true", "CUL-TOU", ""), start=1):
+            self.device.write_consent(text)
+            self.device.write_boot(boot, 1)
+            self.device.start("-v")
+            self.device.wait_for_output("TOU: tou version=1")
+            self.device.send("usage.epg", LONG)
+            self.device.wait_for_output("TOU not accepted: will not send event")
+            self.assertTrue(self.device.config()["kiv_tou"])
+            self.assertEqual(self.device.query("SELECT COUNT(*) FROM Events"), [(0,)])
+            self.device.stop()
+        self.assertEqual(self.cloud.requests("firehose"), [])
+
+    #: A user's no holds at once at the next start: what was stored before does not leave.
+    def test_users_no_keeps_stored_events_from_leaving(self):
+        self.cloud.misbehave(firehose="refuse")
+        self.start_with_consent()
+        self.device.send("usage.epg", LONG)
+        self.device.wait_for_error("kivUpload: Event upload failed")
+        self.device.stop()
+        stored = len(self.device.stored_events())
+        refused = len(self.cloud.requests("firehose"))
+        self.cloud.misbehave(firehose=None)
+        self.device.write_consent("CUL-TOU 1 FALSE")
+        self.device.start("-v")
+        self.device.wait_for_output("TOU: tou version=1")
+        self.device.wait_for_output("uploadEvents request")
+        self.device.send("usage.epg", LONG)
+        self.assertEqual(len(self.cloud.requests("firehose")), refused)
+        self.assertEqual(len(self.device.stored_events()), stored)
+
+    #: A version that the server demands and the user has not accepted is a no at the next start.
+    def test_mandatory_new_version_is_a_no_at_the_next_start(self):
+        self.cloud.misbehave(config="reset")
+        self.device.write_config(**self.configuration)
+        (self.device.folder / "tou_server_answer.txt").write_text(
+            '{"version": 2, "url": "https://terms/2", "mandatory": true}')
+        self.device.start("-v")
+        self.device.wait_for_output("TOU: tou version=1")
+        self.device.send("usage.epg", LONG)
+        self.device.wait_for_output("TOU not accepted: will not send event")
+        self.assertEqual(self.device.query("SELECT COUNT(*) FROM Events"), [(0,)])
+        self.device.stop()
+        self.device.write_consent("CUL-TOU 2 TRUE")
+        self.device.start("-v")
+        self.device.send("usage.epg", LONG)
+        wait_until(lambda: self.device.alive() and self.cloud.events("usage.epg"), "an upload")
+
+    #: Where there is no answer of the user a stored configuration's word holds.
+    def test_without_an_answer_of_the_user_the_servers_word_holds(self):
+        os.unlink(self.device.folder / "current_tou.txt")
+        self.device.write_config(**self.configuration)
+        self.device.start()
+        self.device.send("usage.epg", LONG)
+        self.wait_for_events(1, "usage.epg")
+
+    #: A pipe in the place of the user's answer holds nobody, and is a no.
+    def test_pipe_in_the_place_of_the_users_answer_is_a_no(self):
+        os.unlink(self.device.folder / "current_tou.txt")
+        os.mkfifo(self.device.folder / "current_tou.txt")
+        self.device.write_config(**self.configuration)
+        self.device.start("-v")
+        self.device.send("usage.epg", LONG)
+        self.device.wait_for_output("TOU not accepted: will not send event")
+        self.assertEqual(self.device.query("SELECT COUNT(*) FROM Events"), [(0,)])
+
     #: Without the user's answer no configuration is fetched; a malformed answer is not an
     #: acceptance.
     def test_no_configuration_is_fetched_without_the_users_answer(self):

@@ -50,7 +50,7 @@ class FullDatabaseTest(WholeProgramTest):
         self.start_with_consent()
         wait_until(lambda: self.device.query("SELECT COUNT(*) FROM TimeOffsets") == [(1,)]
                    and self.cloud.requests("tou"), "the end of the start-up")
-        self.cloud.misbehave(firehose="refuse")
+        self.cloud.misbehave(firehose={"action": "refuse", "count": 1})
         self.device.send("usage.epg", {"number": -1, "text": "x" * 100})
         self.device.wait_for_error("kivUpload: Event upload failed")
         self.fill()
@@ -65,7 +65,6 @@ class FullDatabaseTest(WholeProgramTest):
         self.assertEqual(key, f"kiv-test/E2E/kivApp_databasefull_{DEVICE}_{date}.log")
         self.assertEqual(content, self.listing)
 
-        self.cloud.misbehave(firehose=None)
         self.device.send("usage.epg", {"number": 98, "text": "x" * 5000})
         error, = self.wait_for_events(1, "db.error")
         self.assertEqual((error["eventid"], error["error-msg"]), (215, "database or disk is full"))
@@ -88,12 +87,72 @@ class FullDatabaseTest(WholeProgramTest):
 
 
 class UnusableDatabaseTest(WholeProgramTest):
+    def settle(self):
+        """Everything into the one file, as after a clean end."""
+        with contextlib.closing(sqlite3.connect(self.device.database)) as store:
+            store.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+
+    #: A page of zeros costs the events that stood on it; the file is put aside and the rest stays.
+    def test_damaged_page_costs_what_stood_on_it(self):
+        self.start_with_consent()
+        self.cloud.misbehave(firehose="refuse")
+        for number in range(100):
+            self.device.send("usage.epg", {"number": number, "text": "x" * 300}, sync=number == 99)
+        wait_until(lambda: len(self.device.stored_events()) == 100, "all events")
+        token = self.device.db_token()
+        self.device.stop()
+        self.settle()
+        with open(self.device.database, "r+b") as file:
+            file.seek(20 * 4096)
+            file.write(bytes(4096))
+        self.device.start()
+        self.device.wait_for_error("kivDB: Damaged database replaced, carried over: ")
+        self.device.send("usage.epg", {"number": 100})
+        def numbers():
+            return [event["data"]["number"] for event in self.device.stored_events()
+                    if event["event-type"] == "usage.epg"]
+        stored = wait_until(lambda: 100 in numbers() and numbers(), "the next event")
+        self.assertGreater(len(stored), 80)
+        self.assertEqual(self.device.integrity(), "ok")
+        self.assertEqual(self.device.db_token(), token)
+        self.assertTrue(self.device.database.with_name("Db.damaged").exists())
+
+    #: Another process that reads for long delays nothing.
+    def test_reader_delays_nothing(self):
+        self.start_with_consent()
+        self.device.send("usage.epg", {"number": 0, "text": "x" * 100})
+        self.wait_for_events(1, "usage.epg")
+        with contextlib.closing(sqlite3.connect(self.device.database)) as reader:
+            reader.execute("BEGIN")
+            reader.execute("SELECT COUNT(*) FROM Events").fetchall()
+            for number in range(1, 4):
+                self.device.send("usage.epg", {"number": number, "text": "x" * 100})
+                self.wait_for_events(number + 1, "usage.epg")
+        self.assertNotIn("database is locked", self.device.err())
+
+    #: A writer that holds its lock for seconds costs no event.
+    def test_writer_that_holds_its_lock_costs_no_event(self):
+        self.start_with_consent()
+        wait_until(lambda: self.device.query("SELECT COUNT(*) FROM TimeOffsets") == [(1,)],
+                   "the end of the start-up")
+        with contextlib.closing(sqlite3.connect(self.device.database, timeout=10)) as writer:
+            writer.isolation_level = None
+            writer.execute("BEGIN IMMEDIATE")
+            for number in range(50):
+                self.device.send("usage.epg", {"number": number}, sync=False)
+            self.device.wait_for_error("kivDB: SQL error (begin transaction): database is locked")
+            writer.execute("ROLLBACK")
+        self.wait_for_events(50, "usage.epg")
+        self.assertEqual([event["number"] for event in self.cloud.events("usage.epg")],
+                         list(range(50)))
+
     #: A file that is not a database is made anew with a new identity.
     def test_file_that_is_no_database_is_made_anew_with_a_new_identity(self):
         self.start_with_consent()
         tokens = {self.device.db_token()}
         for boot, junk in enumerate((b"no database" * 1000, os.urandom(8192)), start=2):
             self.device.stop()
+            self.settle()
             self.device.database.write_bytes(junk)
             self.restart(boot, 1)
             self.device.send("usage.epg", {"text": "x" * 100})

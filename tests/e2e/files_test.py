@@ -1,12 +1,21 @@
 #!/usr/bin/python3
 """Announced files on their road to the object service."""
 import os
+import pathlib
 import sqlite3
 import unittest
 
 from harness import WholeProgramTest, kernel_ms, wait_until
 
 BUCKET = "norvane-ddump"
+
+
+def is_running(process):
+    try:
+        status = pathlib.Path(f"/proc/{process}/stat").read_text()
+    except (FileNotFoundError, ProcessLookupError):
+        return False
+    return status.rpartition(")")[2].split()[0] not in "XZ"
 
 
 class FilesTest(WholeProgramTest):
@@ -146,6 +155,36 @@ class FilesTest(WholeProgramTest):
         self.make_failures_old()
         self.device.start()
         self.assertEqual(self.wait_for_objects(1), {(BUCKET, "kiv-test/first"): b"1"})
+        self.wait_for_no_files()
+
+    #: The child that sends a file ends with the daemon, however that ends.
+    def test_killed_daemon_leaves_no_child(self):
+        self.start_with_consent()
+        self.cloud.misbehave(s3="hang")
+        self.announce(self.file("one", b"1"), {"unique-id": "first"})
+        wait_until(lambda: self.cloud.requests("s3"), "the transfer")
+        child, = self.device.children()
+        self.assertTrue(is_running(child))
+        self.device.kill()
+        wait_until(lambda: not is_running(child), "the child's end", limit_s=5)
+
+    #: A file counts as sent only when the object service names it by an ETag.
+    def test_answers_that_are_none_of_the_object_service_keep_the_file(self):
+        self.start_with_consent()
+        for number, body in enumerate(("", "<html>Please log in</html>"), start=1):
+            self.cloud.misbehave(s3={"action": "answer", "status": 200, "body": body,
+                                     "content-type": "text/html"})
+            self.announce(self.file(f"file{number}"), {"unique-id": f"id{number}"})
+            wait_until(lambda number=number: self.device.query(
+                "SELECT COUNT(*) FROM Files WHERE retries=1") == [(number,)], "the failed attempt")
+        self.assertEqual(self.device.err_lines().count(
+            "kivAWSWrapper: The answer has no ETag: the file counts as not sent"), 2)
+        self.device.stop()
+        self.cloud.misbehave(s3=None)
+        self.make_failures_old()
+        self.device.start()
+        self.assertEqual(self.wait_for_objects(2), {(BUCKET, "kiv-test/id1"): b"content",
+                                                    (BUCKET, "kiv-test/id2"): b"content"})
         self.wait_for_no_files()
 
     def make_failures_old(self):

@@ -8,7 +8,7 @@ import time
 import unittest
 
 from harness import (PIPE, WholeProgramTest, forget_system_wide_names, kernel_ms,
-                     wait_until)
+                     utc_ms, wait_until)
 
 LONG = {"text": "x" * 100}
 NO_DATE = {"action": "date", "value": None}
@@ -51,6 +51,21 @@ class TimeTest(WholeProgramTest):
         return {row[:3]: row[3] for row in self.device.query(
             "SELECT bootCount,standbyCount,source,startTime FROM TimeOffsets")}
 
+    def nudge_until(self, condition, what):
+        """Posts an event every second, as a set in use: each asks for an upload, and so for the
+        time. Returns how many it were."""
+        posted = 0
+        def nudged():
+            nonlocal posted
+            if condition():
+                return True
+            self.device.send("usage.epg", LONG)
+            posted += 1
+            time.sleep(1)
+            return condition()
+        wait_until(nudged, what, 60)
+        return posted
+
     @staticmethod
     def utc_now_ms():
         return time.time_ns() // 1000000
@@ -67,22 +82,21 @@ class TimeTest(WholeProgramTest):
         self.assertEqual(stat.S_IFMT(os.stat(PIPE).st_mode), stat.S_IFIFO)
         self.device.send("usage.epg", {"number": 1, **LONG})
         self.device.wait_for_stored(2)  # with the start event
-        wait_until(lambda: len(self.cloud.requests("time")) >= 2, "another request for the time")
-        asked = len(self.cloud.requests("time"))
         ahead = self.utc_now_ms() + HOUR_MS  # a clock that is an hour wrong
         base = kernel_ms()
         self.tell(str(ahead))
         system = self.wait_for_start(0, ahead - base, 2000)
+        tried = self.device.out().count("uploadEvents request")
         self.device.send("usage.epg", {"number": 2, **LONG})
-        wait_until(lambda: len(self.cloud.requests("time")) > asked, "another request for the time")
+        self.device.wait_for_output("uploadEvents request", tried + 1)
+        self.device.wait_for_stored(3)
         self.assertEqual(self.cloud.requests("firehose"), [])  # system time is not enough
 
         self.cloud.misbehave(time=None)
-        self.device.wait_for_stored(3)
-        self.device.send("usage.epg", {"number": 3, **LONG})  # gets the time
+        posted = self.nudge_until(lambda: (1, 1, 1) in self.starts(), "web time")
         web = self.wait_for_start(1, self.utc_now_ms() - kernel_ms(), 3000)
         self.device.send("usage.epg", {"number": 4, **LONG})
-        self.wait_for_events(5)
+        self.wait_for_events(posted + 4)
         for block in self.cloud.blocks():
             self.assertEqual(block["times"], [{"src": "system", "utc": system},
                                               {"src": "web", "utc": web}])
@@ -91,6 +105,32 @@ class TimeTest(WholeProgramTest):
         signed = self.cloud.requests("firehose")[0]["headers"]["x-amz-date"]
         self.assertLessEqual(abs(calendar.timegm(time.strptime(signed, "%Y%m%dT%H%M%SZ"))
                                  - time.time()), 5)
+
+    #: After a failed request for the time the next follows no sooner than 10 s, then 20 s, however
+    #: often it is wanted.
+    def test_failed_requests_for_the_time_are_followed_by_pauses(self):
+        self.start_without_web_time()
+        self.nudge_until(lambda: len(self.cloud.requests("time")) >= 3, "three requests")
+        times = [utc_ms(entry["time"]) for entry in self.cloud.requests("time")]
+        pauses = [later - earlier for earlier, later in zip(times, times[1:])]
+        self.assertGreaterEqual(pauses[0], 9900, pauses)
+        self.assertGreaterEqual(pauses[1], 19900, pauses)
+
+    #: The same junk on the pipe gets one line in 10 s, with a count later, and long junk is cut.
+    def test_same_junk_on_the_pipe_gets_one_line_in_10_seconds(self):
+        self.start_without_web_time()
+        pipe = os.open(PIPE, os.O_WRONLY)
+        for _ in range(2000):
+            os.write(pipe, b"\x1b[31m" + b"x" * 1019)
+        self.device.wait_for_error("TimeMgr: Invalid MW time : ")
+        base = self.utc_now_ms()
+        os.write(pipe, b" " * 1024)
+        os.write(pipe, str(base).encode())
+        os.close(pipe)
+        wait_until(lambda: (1, 1, 0) in self.starts(), "system time")
+        lines = [line for line in self.device.err_lines() if "Invalid MW time" in line]
+        self.assertLessEqual(len(lines), 10)
+        self.assertIn("TimeMgr: Invalid MW time : \\x1B[31m" + "x" * 251 + "... (1024 bytes)", lines)
 
     #: Once the web knows the time the pipe is no longer read.
     def test_pipe_is_no_longer_read_once_the_web_knows_the_time(self):

@@ -4,11 +4,14 @@
 
 #include "AwsWrapperImpl.h"
 
-/// The time limit of the upload child, and the file of the test mode.
+/// The time limit of the upload child, the place of the SDK's log, and the file of the test mode.
 struct AwsWrapperImplPeer {
     static void setUploadLimit(unsigned int seconds) {
         AwsWrapperImpl::m_uploadLimitSeconds = seconds;
     }
     static unsigned int uploadLimit() { return AwsWrapperImpl::m_uploadLimitSeconds; }
+    static bool mayWriteSdkLog(const std::string& directory) {
+        return AwsWrapperImpl::mayWriteSdkLog(directory.c_str());
+    }
     static const std::string& testModeFile() { return AwsWrapperImpl::m_TestModeFile; }
 };

@@ -11,6 +11,7 @@ struct CTouImplPeer {
         tou.m_accepted = accepted;
         tou.m_version = version;
         tou.m_fileExists = true;
+        tou.m_refused = !accepted;
     }
     static void setDirectory(CTouImpl& tou, const std::string& directory) {
         tou.m_directory = directory;

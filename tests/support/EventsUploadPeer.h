@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "EventsUpload.h"
+#include "support/UploadConditionsPeer.h"
 
 /// When the last send failed.
 struct EventsUploadPeer {
@@ -11,5 +12,10 @@ struct EventsUploadPeer {
     }
     static void setLastFailureTime(EventsUpload& events, std::int64_t utcSeconds) {
         events.m_lastFailureTime = utcSeconds;
+    }
+    static void letAMinutePass(EventsUpload& events) {
+        UploadConditionsPeer::letAMinutePass(events.m_conditions);
+        PausePeer::complete(events.m_locationUnknown);
+        if (events.m_lastFailureTime != 0) events.m_lastFailureTime -= 60;
     }
 };

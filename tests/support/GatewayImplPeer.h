@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <mutex>
 #include <string>
@@ -31,6 +32,18 @@ struct GatewayImplPeer {
     /// Stored events that are not freed yet.
     static std::size_t storedInMemory(const GatewayImpl& gateway) {
         return WaitingEventsPeer::storedInMemory(gateway.m_waiting);
+    }
+
+    /// Before the receiving thread of the gateways made from now on is started again.
+    static void setFirstReceiverRest(std::chrono::milliseconds rest) {
+        GatewayImpl::m_firstReceiverRest = rest;
+    }
+    static std::chrono::milliseconds firstReceiverRest() {
+        return GatewayImpl::m_firstReceiverRest;
+    }
+    /// Before the receiving thread is started again, should it end now.
+    static std::chrono::milliseconds receiverRest(const GatewayImpl& gateway) {
+        return gateway.m_receiverRest;
     }
 
     /// Waits for the receiving thread to end by itself. @return its exit value

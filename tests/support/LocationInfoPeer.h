@@ -17,12 +17,15 @@ struct LocationInfoPeer {
         const std::lock_guard<std::mutex> lock(LocationInfo::m_mutex);
         LocationInfo::mInfo.reset();
         LocationInfo::m_DbPath.clear();
+        LocationInfo::m_pause.forget();
     }
     /// Another run with the same database.
     static void beginNewRun() {
         const std::lock_guard<std::mutex> lock(LocationInfo::m_mutex);
         LocationInfo::mInfo.reset();
+        LocationInfo::m_pause.forget();
     }
+    static RetryPause& pause() { return LocationInfo::m_pause; }
     static std::string dbPath() { return LocationInfo::dbPath(); }
     static std::shared_ptr<LocationInfo> current() {
         const std::lock_guard<std::mutex> lock(LocationInfo::m_mutex);

@@ -30,8 +30,8 @@ struct MiddlewareTimePeer {
     /// Taken in the middle of stopping the watcher.
     static std::mutex& wakeMutex(MiddlewareTime& watch) { return watch.m_wakeMutex; }
 
-    static void handleMessage(const MiddlewareTime& watch, const std::string& text,
-                              Previous& previous) {
+    static void handleMessage(MiddlewareTime& watch, const std::string& text, Previous& previous) {
         watch.handleMessage(text, previous);
     }
+    static LineLimit& invalidLines(MiddlewareTime& watch) { return watch.m_invalidLines; }
 };

@@ -9,12 +9,12 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <netinet/in.h>
+#include <spawn.h>
 #include <sys/socket.h>
 
 #include <gtest/gtest.h>
@@ -25,7 +25,7 @@ namespace {
 struct Wishes {
     bool active = false;
     bool failEasyInit = false;
-    bool failPopen = false;
+    bool failCommands = false;
     std::set<CURLoption> refused;
     std::map<CURLoption, std::function<void()>> actions;
     std::map<int, int> ports;
@@ -93,9 +93,9 @@ void NetworkHooks::failEasyInit() {
     wishes().failEasyInit = true;
 }
 
-void NetworkHooks::failPopen() {
+void NetworkHooks::failCommands() {
     const std::lock_guard<std::mutex> lock(wishesLock);
-    wishes().failPopen = true;
+    wishes().failCommands = true;
 }
 
 void NetworkHooks::refuse(CURLoption option) {
@@ -146,16 +146,17 @@ CURL* curl_easy_init(void) {
     return init();
 }
 
-FILE* popen(const char* command, const char* mode) {
+int posix_spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* files,
+                const posix_spawnattr_t* attributes, char* const words[],
+                char* const environment[]) {
     {
         const std::lock_guard<std::mutex> lock(wishesLock);
-        if (wishes().failPopen) {
-            errno = EMFILE;
-            return nullptr;
+        if (wishes().failCommands) {
+            return EAGAIN;
         }
     }
-    static const auto start = original<FILE* (*)(const char*, const char*)>("popen");
-    return start(command, mode);
+    static const auto start = original<decltype(&posix_spawn)>("posix_spawn");
+    return start(process, path, files, attributes, words, environment);
 }
 
 #undef curl_easy_setopt

@@ -17,8 +17,8 @@ class NetworkHooks {
 
     /// `curl_easy_init` gives no handle.
     void failEasyInit();
-    /// `popen` starts nothing.
-    void failPopen();
+    /// `posix_spawn` starts nothing.
+    void failCommands();
     /// `curl_easy_setopt` refuses `option` with CURLE_UNKNOWN_OPTION.
     void refuse(CURLoption option);
     /// `action` runs whenever `option` is set, on the thread that sets it, without a lock held.

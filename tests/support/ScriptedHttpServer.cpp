@@ -74,18 +74,24 @@ void addExtension(X509* certificate, X509* issuer, int nid, const char* value) {
             "add a certificate extension");
 }
 
-/// A certificate without extensions and signature, valid from yesterday on for ten years.
-Certificate bareCertificate(const char* commonName, long serial, EVP_PKEY* key) {
-    constexpr long day = 24L * 60 * 60;
+using Wishes = ScriptedHttpServer::Certificate;
+
+/// A certificate without extensions and signature.
+Certificate bareCertificate(const std::string& commonName, long serial, EVP_PKEY* key,
+                            const Wishes& wishes = Wishes()) {
     Certificate certificate(X509_new());
     require(certificate != nullptr, "make a certificate");
     X509_set_version(certificate.get(), X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), serial);
-    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -day);
-    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 3650 * day);
+    require(ASN1_TIME_set_string_X509(X509_getm_notBefore(certificate.get()),
+                                      wishes.notBefore.c_str()) == 1 &&
+                ASN1_TIME_set_string_X509(X509_getm_notAfter(certificate.get()),
+                                          wishes.notAfter.c_str()) == 1,
+            "date a certificate");
     X509_set_pubkey(certificate.get(), key);
     X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate.get()), "CN", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>(commonName), -1, -1, 0);
+                               reinterpret_cast<const unsigned char*>(commonName.c_str()), -1, -1,
+                               0);
     return certificate;
 }
 
@@ -108,12 +114,14 @@ class Authority {
 
     std::string file() const { return m_directory.file("ca.pem"); }
 
-    Certificate certify(EVP_PKEY* key) const {
-        Certificate certificate = bareCertificate("localhost", 2, key);
+    Certificate certify(EVP_PKEY* key, const Wishes& wishes) const {
+        Certificate certificate = bareCertificate(wishes.host, 2, key, wishes);
         X509_set_issuer_name(certificate.get(), X509_get_subject_name(m_certificate.get()));
         X509* issuer = m_certificate.get();
         addExtension(certificate.get(), issuer, NID_basic_constraints, "critical,CA:FALSE");
-        addExtension(certificate.get(), issuer, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
+        const std::string names =
+            "DNS:" + wishes.host + (wishes.host == Wishes().host ? ",IP:127.0.0.1" : "");
+        addExtension(certificate.get(), issuer, NID_subject_alt_name, names.c_str());
         addExtension(certificate.get(), issuer, NID_ext_key_usage, "serverAuth");
         addExtension(certificate.get(), issuer, NID_authority_key_identifier, "keyid");
         sign(certificate.get());
@@ -137,14 +145,13 @@ class Authority {
     Certificate m_certificate;
 };
 
-/// The process's two authorities and the certificate of its servers. A forked child that leaves
+/// The process's two authorities and the key of its servers. A forked child that leaves
 /// through exit() must not remove the parent's files, so the owner is freed by the maker only.
 struct Authorities {
     Authorities() {
         trusted = std::make_unique<Authority>("kiv test CA");
         other = std::make_unique<Authority>("kiv other test CA");
         serverKey = makeKey();
-        serverCertificate = trusted->certify(serverKey.get());
     }
     ~Authorities() {
         if (::getpid() == m_maker) return;
@@ -157,7 +164,6 @@ struct Authorities {
     std::unique_ptr<Authority> trusted;
     std::unique_ptr<Authority> other;
     Key serverKey;
-    Certificate serverCertificate;
 
   private:
     pid_t m_maker = ::getpid();
@@ -168,11 +174,13 @@ const Authorities& authorities() {
     return made;
 }
 
-std::unique_ptr<SSL_CTX, OpenSslFree> makeServerContext() {
+std::unique_ptr<SSL_CTX, OpenSslFree> makeServerContext(const Wishes& wishes) {
     std::unique_ptr<SSL_CTX, OpenSslFree> context(SSL_CTX_new(TLS_server_method()));
     require(context != nullptr, "make a TLS context");
     SSL_CTX_set_num_tickets(context.get(), 0);
-    require(SSL_CTX_use_certificate(context.get(), authorities().serverCertificate.get()) == 1 &&
+    const Authority& issuer = wishes.trusted ? *authorities().trusted : *authorities().other;
+    const Certificate certificate = issuer.certify(authorities().serverKey.get(), wishes);
+    require(SSL_CTX_use_certificate(context.get(), certificate.get()) == 1 &&
                 SSL_CTX_use_PrivateKey(context.get(), authorities().serverKey.get()) == 1,
             "use the server's certificate");
     return context;
@@ -429,11 +437,11 @@ class SignalsBlocked {
 // ---- The server --------------------------------------------------------------------------
 
 struct ScriptedHttpServer::State {
-    State(Script theScript, Transport transport)
+    State(Script theScript, Transport transport, const Wishes& certificate)
         : script(std::move(theScript)),
           listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
           stopEvent(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        if (transport == Transport::Tls) context = makeServerContext();
+        if (transport == Transport::Tls) context = makeServerContext(certificate);
         require(listener.get() >= 0 && stopEvent.get() >= 0, "open its descriptors");
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -541,7 +549,10 @@ bool ScriptedHttpServer::Request::hasHeader(const std::string& name) const {
 }
 
 ScriptedHttpServer::ScriptedHttpServer(Script script, Transport transport)
-    : m_state(std::make_unique<State>(std::move(script), transport)) {}
+    : m_state(std::make_unique<State>(std::move(script), transport, Certificate())) {}
+
+ScriptedHttpServer::ScriptedHttpServer(Script script, const Certificate& certificate)
+    : m_state(std::make_unique<State>(std::move(script), Transport::Tls, certificate)) {}
 
 ScriptedHttpServer::~ScriptedHttpServer() = default;
 

@@ -10,9 +10,9 @@
 /// is handed to the test's script, which says what to answer or how to misbehave. One request a
 /// connection; connections are served at the same time, each on a thread of its own.
 ///
-/// With TLS the server presents a certificate for "localhost" and 127.0.0.1 signed by a CA made
-/// once a process; `caFile` names the CA's PEM file (in a hashed directory of its own, so that it
-/// serves as CA path too).
+/// With TLS the server presents a certificate for "localhost" and 127.0.0.1, valid at any moment,
+/// signed by a CA made once a process; `caFile` names the CA's PEM file (in a hashed directory of
+/// its own, so that it serves as CA path too).
 class ScriptedHttpServer {
   public:
     struct Request {
@@ -41,7 +41,16 @@ class ScriptedHttpServer {
     using Script = std::function<Response(const Request&)>;
     enum class Transport { Plain, Tls };
 
+    /// What a TLS server shows; moments in UTC. Valid at any moment, unless a test says otherwise.
+    struct Certificate {
+        std::string notBefore = "19500101000000Z";
+        std::string notAfter = "21991231235959Z";
+        std::string host = "localhost";  ///< 127.0.0.1 besides, when it is this one
+        bool trusted = true;             ///< signed by the CA of `caFile`, not of `otherCaFile`
+    };
+
     explicit ScriptedHttpServer(Script script, Transport transport = Transport::Plain);
+    ScriptedHttpServer(Script script, const Certificate& certificate);  ///< over TLS
     ~ScriptedHttpServer();  ///< ends all connections and joins all threads
     ScriptedHttpServer(const ScriptedHttpServer&) = delete;
     ScriptedHttpServer& operator=(const ScriptedHttpServer&) = delete;

@@ -8,6 +8,7 @@
 #include <sqlite3.h>
 
 #include "DB.h"
+#include "SqlFiles.h"
 #include "support/DBPeer.h"
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
@@ -86,9 +87,27 @@ class StoreTest : public KivTest {
         return rows("SELECT data FROM Events ORDER BY bootCount,standbyCount,kernelTime");
     }
 
+    /// Gives each per-cycle table a cycle to trim.
+    void addForgottenCycles() {
+        aside(
+            "INSERT INTO TimeOffsets VALUES(7,0,0,1,0),(8,0,0,1,0);"
+            "INSERT INTO OpTimes VALUES(7,0,1),(8,0,1)");
+    }
+    /// From now on the store has a rollback journal, as where there can be no log.
+    void useRollbackJournal() {
+        onStore("PRAGMA journal_mode=DELETE");
+        SqlFiles::noteThatWalIsRefused(path);
+    }
+    /// Makes a trigger; the store's own connection runs it, which its settings forbid otherwise.
+    void makeTrigger(const std::string& sql) {
+        DBPeer::allowTriggers(*db);
+        aside(sql);
+    }
+
     /// From now on every COMMIT on the store's connection that follows a change of `table` fails,
     /// and leaves its transaction open.
     void breakCommitsAfter(const std::string& change) {
+        DBPeer::allowTriggers(*db);
         onStore(
             "PRAGMA foreign_keys=ON;"
             "CREATE TABLE Parent(id INTEGER PRIMARY KEY);"

@@ -8,6 +8,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <mutex>
+
 // Defined here, not in the header: only programs that use them get the calls below.
 std::atomic<int> SystemCallFaults::getAttributesError{0};
 std::atomic<int> SystemCallFaults::closeQueueError{0};
@@ -22,7 +24,32 @@ std::atomic<int> SystemCallFaults::sleeps{0};
 std::atomic<int> SystemCallFaults::sleepsBelowAMillisecond{0};
 std::atomic<int> SystemCallFaults::heapTrims{0};
 
+namespace {
+
+constexpr std::size_t kMostSleeps = 1000;
+
+std::mutex s_sleepsMutex;  // guards s_sleepsAsked
+std::vector<unsigned int> s_sleepsAsked;
+
+void rememberSleep(unsigned int microseconds) {
+    const std::lock_guard<std::mutex> lock(s_sleepsMutex);
+    if (s_sleepsAsked.size() < kMostSleeps) s_sleepsAsked.push_back(microseconds);
+}
+
+}  // namespace
+
+std::vector<unsigned int> SystemCallFaults::sleepsAsked() {
+    const std::lock_guard<std::mutex> lock(s_sleepsMutex);
+    return s_sleepsAsked;
+}
+
+void SystemCallFaults::forgetSleeps() {
+    const std::lock_guard<std::mutex> lock(s_sleepsMutex);
+    s_sleepsAsked.clear();
+}
+
 void SystemCallFaults::clear() {
+    forgetSleeps();
     getAttributesError = 0;
     closeQueueError = 0;
     closeSemaphoreError = 0;
@@ -89,6 +116,7 @@ int usleep(useconds_t microseconds) {
     if (microseconds > SystemCallFaults::longestSleep)
         SystemCallFaults::longestSleep = microseconds;
     ++SystemCallFaults::sleeps;
+    rememberSleep(microseconds);
     if (microseconds < 1000) ++SystemCallFaults::sleepsBelowAMillisecond;
     const timespec step = {0, 1000000};
     if (SystemCallFaults::holdSleeps) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <vector>
 
 /// What the calls of message queues, semaphores and sleeping do while a test says so: they fail
 /// with an error number, hold, or are short. Everything else goes to the C library.
@@ -17,6 +18,10 @@ struct SystemCallFaults {
     static std::atomic<int> sleeps;                 ///< how many were asked for
     static std::atomic<int> sleepsBelowAMillisecond;
     static std::atomic<int> heapTrims;  ///< how often free memory went back to the system
+
+    /// The sleeps asked for since they were forgotten, microseconds each.
+    static std::vector<unsigned int> sleepsAsked();
+    static void forgetSleeps();
 
     static void clear();
 };

@@ -38,6 +38,10 @@ struct UploadImplPeer {
     static void setLastFailureTime(UploadImpl& upload, std::int64_t utcSeconds) {
         EventsUploadPeer::setLastFailureTime(upload.m_events, utcSeconds);
     }
+    static void letAMinutePass(UploadImpl& upload) {
+        EventsUploadPeer::letAMinutePass(upload.m_events);
+        DatabaseReportsPeer::letAMinutePass(upload.m_reports);
+    }
     static bool fullDBFileSent(UploadImpl& upload) {
         return DatabaseReportsPeer::fullFileSent(upload.m_reports);
     }

@@ -48,7 +48,7 @@ class UploadRooms : public UploadWork {
     Singleton<AwsWrapperImpl> cloudClient;
     DB store;
     UploadSchedule asked;
-    DatabaseReports reports{*cloudClient};
+    DatabaseReports reports{*cloudClient, asked};
     EventsUpload events{store, asked, reports};
     FilesUpload files{store, asked, *cloudClient, reports};
 };

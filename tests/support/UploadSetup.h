@@ -104,6 +104,7 @@ class UploadSetup : public KivTest {
     static Response accept(const Request& request) {
         Response response;
         if (request.method == "POST") response.body = R"({"RecordId": "r1"})";
+        if (request.method == "PUT") response.headers = {{"ETag", "\"e1\""}};
         return response;
     }
 

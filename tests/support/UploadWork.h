@@ -10,6 +10,7 @@
 #include "UploadSchedule.h"
 #include "support/CTouImplPeer.h"
 #include "support/CredentialsPeer.h"
+#include "support/DBPeer.h"
 #include "support/NetworkHelperPeer.h"
 #include "support/TaggedLines.h"
 #include "support/UploadSchedulePeer.h"
@@ -88,6 +89,17 @@ class UploadWork : public UploadSetup {
             },
             &result, nullptr);
         return result;
+    }
+
+    /// A store connection of another process that keeps everybody else from writing. The upload
+    /// side's own does not wait for it.
+    std::shared_ptr<sqlite3> lockStore() {
+        sqlite3_busy_timeout(DBPeer::connection(db()), 0);
+        sqlite3* raw = nullptr;
+        sqlite3_open(database.c_str(), &raw);
+        std::shared_ptr<sqlite3> connection(raw, &sqlite3_close);
+        EXPECT_EQ(sqlite3_exec(raw, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+        return connection;
     }
 
     std::string storedEvents() const { return query("SELECT COUNT(*) FROM Events"); }

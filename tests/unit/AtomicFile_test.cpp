@@ -1,11 +1,13 @@
 #include "AtomicFile.h"
 
 #include "support/DiskFaults.h"
+#include "support/SmallDisk.h"
 #include "support/TempDir.h"
 
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -244,18 +246,91 @@ TEST(AtomicFile, DoesNotWriteThroughALinkInTheTemporarysPlace) {
     EXPECT_FALSE(fs::is_symlink(dir.file("config")));
 }
 
-/// Without a temporary file, or where the rename is refused, the text is written in place.
-TEST(AtomicFile, WritesInPlaceWhereNoTemporaryFileCanBeMade) {
+/// Where the directory takes no new files, or the rename is refused, the text is written in place.
+TEST(AtomicFile, WritesInPlaceWhereTheDirectoryTakesNoNewFiles) {
     const TempDir dir;
     const std::string path = dir.write("config", "a longer old text");
     const ino_t before = inodeOf(path);
-    fs::create_directory(dir.file(".config.new"));
+    fs::permissions(dir.path(), fs::perms(0555));
+    fs::permissions(path, fs::perms(0666));
+    const uid_t self = ::geteuid();
+    if (self == 0) {
+        ASSERT_EQ(::seteuid(65534), 0);
+    }
 
     DiskWatch disk;
-    EXPECT_EQ(AtomicFile::replace(path, "new"), "");
+    const std::string problem = AtomicFile::replace(path, "new");
+    ASSERT_EQ(::seteuid(self), 0);
+    EXPECT_EQ(problem, "");
     EXPECT_EQ(dir.read("config"), "new");
     EXPECT_EQ(inodeOf(path), before);
     EXPECT_EQ(disk.calls, Names{"sync file"});
+    fs::permissions(dir.path(), fs::perms(0755));
+}
+
+/// What keeps a temporary file from being made, and is not the directory's refusal, leaves the old
+/// text.
+TEST(AtomicFile, KeepsTheOldTextWhereTheTemporarysNameIsTaken) {
+    const TempDir dir;
+    const std::string path = dir.write("config", "old");
+    fs::create_directory(dir.file(".config.new"));
+    EXPECT_EQ(AtomicFile::replace(path, "new"),
+              "cannot make " + dir.file(".config.new") + ": File exists");
+    EXPECT_EQ(dir.read("config"), "old");
+}
+
+/// What keeps a temporary file from being made, and is not the directory's refusal, leaves the old
+/// text.
+TEST(AtomicFile, KeepsTheOldTextWhereThereIsNoInode) {
+    const TempDir dir;
+    const SmallDisk disk(dir.file("disk"), "size=16k,nr_inodes=6");
+    if (!disk.isThere()) GTEST_SKIP() << "no right to mount";
+    const std::string path = disk.file("config");
+    std::ofstream(path) << "old";
+    disk.fillNames();
+    EXPECT_EQ(AtomicFile::replace(path, "new"),
+              "cannot make " + disk.file(".config.new") + ": No space left on device");
+    EXPECT_EQ(TempDir::readFile(path), "old");
+}
+
+/// A disk without room leaves the old text, and no temporary file.
+TEST(AtomicFile, KeepsTheOldTextWhereThereIsNoRoom) {
+    const TempDir dir;
+    const SmallDisk disk(dir.file("disk"), "size=16k");
+    if (!disk.isThere()) GTEST_SKIP() << "no right to mount";
+    const std::string path = disk.file("config");
+    std::ofstream(path) << "old";
+    disk.fill();
+    EXPECT_EQ(AtomicFile::replace(path, std::string(8192, 'n')),
+              "cannot write " + disk.file(".config.new") + ": No space left on device");
+    EXPECT_EQ(TempDir::readFile(path), "old");
+    EXPECT_EQ(namesIn(dir.file("disk")), (Names{"config", "filler"}));
+}
+
+/// A disk without room leaves the old text, and no temporary file.
+TEST(AtomicFile, KeepsTheOldTextWhereTheRenameFindsNoRoom) {
+    for (const int error : {ENOSPC, EDQUOT, EIO}) {
+        const TempDir dir;
+        const std::string path = dir.write("config", "old");
+        DiskWatch disk;
+        disk.renameError = error;
+        EXPECT_EQ(AtomicFile::replace(path, "new").rfind("cannot rename ", 0), 0u) << error;
+        EXPECT_EQ(dir.read("config"), "old") << error;
+        EXPECT_EQ(namesIn(dir.path()), Names{"config"});
+    }
+}
+
+/// A new file has the mode that the umask leaves of 0644; an existing one keeps its own.
+TEST(AtomicFile, TakesTheUmaskIntoAccount) {
+    const TempDir dir;
+    const mode_t before = ::umask(027);
+    dir.write("old", "old");
+    fs::permissions(dir.file("old"), fs::perms(0664));
+    EXPECT_EQ(AtomicFile::replace(dir.file("new"), "text"), "");
+    EXPECT_EQ(AtomicFile::replace(dir.file("old"), "text"), "");
+    ::umask(before);
+    EXPECT_EQ(modeOf(dir.file("new")), 0640U);
+    EXPECT_EQ(modeOf(dir.file("old")), 0664U);
 }
 
 /// Without a temporary file, or where the rename is refused, the text is written in place.

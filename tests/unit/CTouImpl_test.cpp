@@ -1,5 +1,6 @@
 #include "CTouImpl.h"
 
+#include "ClassLog.h"
 #include "JsonObject.h"
 #include "Singleton.h"
 #include "support/CTouImplPeer.h"
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include <errno.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -110,7 +112,7 @@ TEST_F(CTouImplTest, HasNoConsentWithoutAFile) {
 /// Fewer than three words, or no file: "TOU file wrong format: " and the text.
 TEST_F(CTouImplTest, RefusesAFileOfFewerThanThreeWords) {
     for (const char* text : {"", "CUL-TOU", "CUL-TOU 2", "  \n"}) {
-        EXPECT_EQ(load(text), std::string("TOU:TOU file wrong format: ") + text + "\n");
+        EXPECT_EQ(load(text), "TOU:TOU file wrong format: " + ClassLog::foreign(text) + "\n");
         expectConsent(false, 0);
         EXPECT_TRUE(CTouImplPeer::fileExists(m_tou));
     }
@@ -222,6 +224,54 @@ TEST_F(CTouImplTest, WritesALineWhenTheAnswerCannotBeDeleted) {
     fs::create_directory(m_directory.file(kServerAnswer));
     const std::string line = "TOU:File " + m_directory.file(kServerAnswer) + " cannot be deleted: ";
     EXPECT_EQ(load("CUL-TOU 2 TRUE").substr(0, line.size()), line);
+    expectConsent(true, 2);
+}
+
+/// The user has said no when something is there in the place of the answer that accepts nothing, or
+/// not the version that waits; without a file nobody has said anything.
+TEST_F(CTouImplTest, TellsWhetherTheUserHasSaidNo) {
+    EXPECT_FALSE(m_tou.refused());
+    const OutputCapture quiet;
+    m_tou.Load(directory());
+    EXPECT_FALSE(m_tou.refused()) << "no file";
+    for (const char* text :
+         {"CUL-TOU 2 FALSE", "CUL-TOU 2 true", "CUL-TOU 0 TRUE", "tou 2 TRUE", "CUL-TOU", ""}) {
+        load(text);
+        EXPECT_TRUE(m_tou.refused()) << text;
+    }
+    load("CUL-TOU 2 TRUE");
+    EXPECT_FALSE(m_tou.refused());
+    writeServerAnswer(R"({"version":3})");
+    load("CUL-TOU 2 TRUE");
+    EXPECT_TRUE(m_tou.refused()) << "a newer version waits";
+    load("CUL-TOU 3 TRUE");
+    EXPECT_FALSE(m_tou.refused());
+    fs::remove(m_directory.file(kConsent));
+    m_tou.Load(directory());
+    EXPECT_FALSE(m_tou.refused()) << "no file any more";
+}
+
+/// What is not a file of at most 1 MiB holds nobody: it counts as one that cannot be opened, and as
+/// a no, until there is one.
+TEST_F(CTouImplTest, WaitsForNoPipeInThePlaceOfItsFiles) {
+    const std::string path = m_directory.file(kConsent);
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(m_directory.file(kServerAnswer).c_str(), 0600), 0);
+    const OutputCapture quiet;
+    m_tou.Load(directory());
+    EXPECT_FALSE(CTouImplPeer::fileExists(m_tou));
+    EXPECT_TRUE(m_tou.refused());
+    fs::remove(path);
+    fs::create_directory(path);
+    EXPECT_FALSE(m_tou.ReLoad());
+    EXPECT_TRUE(m_tou.refused());
+    fs::remove(path);
+    m_directory.write(kConsent, "CUL-TOU 2 TRUE " + std::string(1048576, 'x'));
+    EXPECT_FALSE(m_tou.ReLoad());
+    EXPECT_TRUE(m_tou.refused());
+    m_directory.write(kConsent, "CUL-TOU 2 TRUE");
+    EXPECT_TRUE(m_tou.ReLoad());
+    EXPECT_FALSE(m_tou.refused());
     expectConsent(true, 2);
 }
 
@@ -441,7 +491,7 @@ TEST_F(CTouImplRefreshTest, FailsWhenTheRequestFails) {
     const Outcome outcome = refresh("");
     EXPECT_FALSE(outcome.result);
     EXPECT_EQ(outcome.err.find("kivNetwork: Error from server, "), 0U);
-    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1);
+    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 2);
     expectNothingWritten();
 }
 
@@ -452,7 +502,20 @@ TEST_F(CTouImplRefreshTest, FailsOnAnAnswerThatIsNoJson) {
     EXPECT_EQ(outcome.err, "TOU:ToU server answer is no JSON: <html>\n");
     const std::string page(1000, 'x');
     EXPECT_EQ(refresh(page).err,
-              "TOU:ToU server answer is no JSON: " + std::string(200, 'x') + "...\n");
+              "TOU:ToU server answer is no JSON: " + std::string(256, 'x') + "... (1000 bytes)\n");
+    expectNothingWritten();
+}
+
+/// An answer with an HTTP status other than 200 to 299 is false and writes no file; its refusal is
+/// told all the same.
+TEST_F(CTouImplRefreshTest, FailsOnABadHttpStatus) {
+    for (const int status : {302, 400, 404, 503}) {
+        m_answer.status = status;
+        EXPECT_FALSE(refresh(R"({"version":4,"url":"u"})").result) << status;
+        const Outcome outcome = refresh(R"({"errorMessage":"no\nkey","version":4,"url":"u"})");
+        EXPECT_FALSE(outcome.result) << status;
+        EXPECT_NE(outcome.err.find("\nTOU:ToU server error: no\\x0Akey\n"), std::string::npos);
+    }
     expectNothingWritten();
 }
 

@@ -279,4 +279,21 @@ TEST_F(ConfigDocumentTest, StampsAnAnswerWithTimeAndDate) {
     EXPECT_EQ(doc.dumpAsString(), R"({"UTC-Time": 1551950000, "a": 1, "Last-Modified": "a date"})");
 }
 
+/// An object with at least one member of a configuration is one; the version alone, other objects
+/// and everything else are not.
+TEST(ConfigDocumentAnswerTest, AConfigurationHasAMemberOfOne) {
+    for (const char* text :
+         {R"({"kiv_tou": false})", R"({"expiry_tou": 1})", R"({"event-filter": {}})",
+          R"({"file-filter": null})", R"({"upload_events": 5, "x": 1})",
+          R"({"firehose_endpoint": ""})", R"({"firehose_stream": ""})", R"({"s3_endpoint": ""})",
+          R"({"s3_bucket": ""})", R"({"credentials": {}})", R"({"UTC-Time": 5})",
+          R"({"Last-Modified": ""})"}) {
+        EXPECT_TRUE(ConfigDocument::isConfiguration(JsonObject::parse(text))) << text;
+    }
+    for (const char* text : {"{}", R"({"version": "1.0"})", R"({"login": "here"})",
+                             R"({"x": {"kiv_tou": true}})", "[]", R"(["kiv_tou"])", "kiv_tou"}) {
+        EXPECT_FALSE(ConfigDocument::isConfiguration(JsonObject::parse(text))) << text;
+    }
+}
+
 }  // namespace

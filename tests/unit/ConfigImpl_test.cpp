@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <cstdio>
+#include <ctime>
 
 #include <errno.h>
 #include <sys/stat.h>
@@ -37,6 +38,7 @@
 #include "support/TempDir.h"
 #include "support/TimeMgrImplPeer.h"
 #include "support/WaitUntil.h"
+#include "support/WallClock.h"
 
 namespace {
 
@@ -404,6 +406,46 @@ TEST_F(ConfigImplTest, IsExpiredWhileItIsNotValid) {
     EXPECT_TRUE(m_config->configIsExpired());
 }
 
+/// A configuration that is dated ahead of a known time is expired, and the next check is asked for
+/// in 600000 ms.
+TEST_F(ConfigImplTest, IsExpiredWhenItIsDatedAhead) {
+    setNow(kNow);
+    for (const char* text : {R"({"expiry_tou": 600, "UTC-Time": 1551951000})",
+                             R"({"expiry_tou": 9223372036854775807, "UTC-Time": 1802414000})",
+                             R"({"expiry_tou": 600, "UTC-Time": 9223372036854775807})"}) {
+        m_asked.clear();
+        parse(text);
+        EXPECT_TRUE(m_config->configIsExpired()) << text;
+        EXPECT_TRUE(m_config->isDownloadRequired()) << text;
+        m_config->scheduleExpiryCheck();
+        EXPECT_THAT(m_asked, ElementsAre(Asked(600000, true))) << text;
+    }
+}
+
+/// An event may be kept while the server has consent on record and the user has not said no.
+TEST_F(ConfigImplTest, CollectionIsAllowedByTheServerUnlessTheUserHasSaidNo) {
+    const Singleton<CTouImpl> tou;
+    const OutputCapture quiet;
+    const auto allowedWith = [&](const char* answer) {
+        m_dir.write("current_tou.txt", answer);
+        tou->Load(m_dir.path() + "/");
+        return m_config->collectionAllowed();
+    };
+    tou->Load(m_dir.path() + "/");
+    EXPECT_FALSE(m_config->collectionAllowed()) << "neither has spoken";
+    parse(R"({"kiv_tou": true})");
+    EXPECT_TRUE(m_config->collectionAllowed()) << "the server alone";
+    EXPECT_TRUE(allowedWith("CUL-TOU 2 TRUE"));
+    for (const char* no : {"CUL-TOU 2 FALSE", "CUL-TOU 2 true", "CUL-TOU 0 TRUE", "CUL-TOU", ""}) {
+        EXPECT_FALSE(allowedWith(no)) << no;
+    }
+    m_dir.write("tou_server_answer.txt", R"({"version": 3, "url": "u", "mandatory": true})");
+    EXPECT_FALSE(allowedWith("CUL-TOU 2 TRUE")) << "a newer version must be accepted first";
+    EXPECT_TRUE(allowedWith("CUL-TOU 3 TRUE"));
+    parse(R"({"kiv_tou": false})");
+    EXPECT_FALSE(m_config->collectionAllowed());
+}
+
 /// It is expired from "UTC-Time" plus the expiry on, while the time is unknown, and while it is
 /// not valid.
 TEST_F(ConfigImplTest, SurvivesExpiriesOfAnySize) {
@@ -524,6 +566,16 @@ TEST_F(ConfigImplTest, WithoutATimeTheMonotonicClockServesTheRule) {
     EXPECT_THAT(m_asked, ElementsAre(Asked(500000, true), Asked(500000, true)));
     stamp = KernelTime::getTimeMonotonicAsInt64() - 600000;
     EXPECT_FALSE(ConfigImplPeer::attemptIsTooRecent(*m_config, 0));
+}
+
+/// An attempt that seems to lie ahead is judged by the monotonic clock.
+TEST_F(ConfigImplTest, AnAttemptAheadIsJudgedByTheMonotonicClock) {
+    ConfigImplPeer::setLastAttempt(*m_config, kNow + 50);
+    ConfigImplPeer::lastAttemptKernelMs(*m_config) = KernelTime::getTimeMonotonicAsInt64() - 100500;
+    EXPECT_TRUE(ConfigImplPeer::attemptIsTooRecent(*m_config, kNow));
+    EXPECT_THAT(m_asked, ElementsAre(Asked(500000, true)));
+    ConfigImplPeer::lastAttemptKernelMs(*m_config) -= 500000;
+    EXPECT_FALSE(ConfigImplPeer::attemptIsTooRecent(*m_config, kNow));
 }
 
 // --- refreshing ---------------------------------------------------------------------------------
@@ -845,6 +897,106 @@ TEST_F(ConfigRefreshTest, AnHttpErrorWithAMessageIsAnErrorAnswerToo) {
     EXPECT_TRUE(refresh(false));
     EXPECT_FALSE(m_config->GetTouAccepted());
     EXPECT_EQ(m_config->GetUtcTime(), kDateSeconds);
+}
+
+/// An error answer of a server whose clock is a little ahead does not date the configuration ahead.
+TEST_F(ConfigRefreshTest, AnErrorAnswerDoesNotDateTheConfigurationAhead) {
+    setNow(kDateSeconds - 50);  // so near that the known time stays
+    m_answer.body = R"({"errorMessage": "x"})";
+    EXPECT_TRUE(refresh(true));
+    EXPECT_NEAR(m_config->GetUtcTime(), kDateSeconds - 50, 10);
+    EXPECT_FALSE(m_config->configIsExpired());
+    EXPECT_FALSE(refresh(true)) << "too recent";
+    EXPECT_EQ(requests(), 1u);
+}
+
+/// An answer with another HTTP status than 200 to 299 is not a configuration, but for an error
+/// answer of the server.
+TEST_F(ConfigRefreshTest, ABadHttpStatusIsAFailedRequest) {
+    const std::string file = m_dir.read("Config");
+    for (const int status : {302, 400, 404, 500, 503}) {
+        for (const std::string& body : {m_answer.body, std::string("<html>")}) {
+            m_asked.clear();
+            ConfigImplPeer::setLastAttempt(*m_config, 0);
+            ConfigImplPeer::lastAttemptKernelMs(*m_config) = -1;
+            ScriptedHttpServer::Response answer = m_answer;
+            answer.status = status;
+            answer.body = body;
+            std::swap(answer, m_answer);
+            EXPECT_EQ(refreshErrors(false, false),
+                      "kivconfig: Config could not be retrieved from server\n");
+            std::swap(answer, m_answer);
+            EXPECT_EQ(m_dir.read("Config"), file);
+            EXPECT_FALSE(m_config->GetTouAccepted());
+            EXPECT_TRUE(askedOnceFor(600));
+        }
+    }
+    EXPECT_NEAR(static_cast<double>(m_time->getTime()) / 1000, kNow, 60) << "the Date is not taken";
+}
+
+/// An object without any member of a configuration is none.
+TEST_F(ConfigRefreshTest, AnObjectWithoutAKnownMemberIsNoConfiguration) {
+    for (const char* body : {"{}", R"({"version": "1.0"})", R"({"login": "http://portal/"})"}) {
+        m_asked.clear();
+        ConfigImplPeer::setLastAttempt(*m_config, 0);
+        ConfigImplPeer::lastAttemptKernelMs(*m_config) = -1;
+        m_config->saveAndParseConfig(JsonObject::parse(kDocument));
+        const std::string file = m_dir.read("Config");
+        m_answer.body = body;
+        EXPECT_EQ(refreshErrors(true, false),
+                  std::string("kivconfig: Invalid Config JSON object received: ") + body + "\n");
+        EXPECT_EQ(m_dir.read("Config"), file);
+        EXPECT_TRUE(m_config->GetTouAccepted());
+    }
+}
+
+/// Of a long body the line shows the beginning, on one line.
+TEST_F(ConfigRefreshTest, ALongBodyIsShownCut) {
+    m_answer.body = "<html>\n" + std::string(1000000, 'x');
+    EXPECT_EQ(refreshErrors(false, false),
+              "kivconfig: Invalid Config JSON object received: <html>\\x0A" +
+                  std::string(249, 'x') + "... (1000007 bytes)\n");
+}
+
+/// A server's date that 32 bits cannot hold gets a line, and changes no time.
+TEST_F(ConfigRefreshTest, ADateOutside32BitsGetsALine) {
+    m_answer.headers = {{"Date", "Mon, 01 Jan 2110 00:00:00 GMT"}};
+    OutputCapture capture;
+    EXPECT_TRUE(m_config->Refresh(true));
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "UtcTime: Failed to parse time: Mon, 01 Jan 2110 00:00:00 GMT\n");
+    EXPECT_TRUE(isStampedWith(kNow));
+}
+
+/// The request is made while the time is not known, and terms of use that waited for the time are
+/// asked for when the answer has told it.
+TEST_F(ConfigRefreshTest, AsksForTheTermsThatWaitedForTheTime) {
+    ::setenv("CURL_CA_BUNDLE", ScriptedHttpServer::caFile().c_str(), 1);
+    const std::time_t now = std::time(nullptr);
+    char date[64];
+    std::strftime(date, sizeof date, "%a, %d %b %Y %H:%M:%S GMT", std::gmtime(&now));
+    const ScriptedHttpServer secure(
+        [this, &date](const ScriptedHttpServer::Request&) {
+            ScriptedHttpServer::Response answer = m_answer;
+            answer.headers = {{"Date", date}};
+            return answer;
+        },
+        ScriptedHttpServer::Certificate());
+    CredentialsPeer::setConfigUrl(secure.url("/config/"));
+    CredentialsPeer::setTouUrl(secure.url("/tou"));
+    TimeMgrImplPeer::forgetSystemTime();
+    TimeMgrImplPeer::setCurrentSource(*m_time, TimeSourceInvalid);
+    const WallClock clock(5);
+    {
+        const OutputCapture quiet;
+        EXPECT_FALSE(m_tou->Refresh());
+        EXPECT_EQ(secure.requests().size(), 0u);
+        EXPECT_TRUE(m_config->Refresh(true));
+    }
+    ASSERT_EQ(secure.requests().size(), 2u);
+    EXPECT_EQ(secure.requests()[0].target, "/config/set-1");
+    EXPECT_EQ(secure.requests()[1].target, "/tou");
 }
 
 /// An acceptable Date sets web time; another is not stored and leaves the time.

@@ -12,6 +12,7 @@
 #include "DBToken.h"
 #include "SqlStatement.h"
 #include "support/DBTokenPeer.h"
+#include "support/DiskFaults.h"
 #include "support/StoreTest.h"
 #include "support/SystemCallFaults.h"
 #include "support/WaitUntil.h"
@@ -85,6 +86,13 @@ class DBLifecycleTest : public StoreTest {
         while (text.size() < 8192) text += kForeignText;
         dir.write("Db", text);
         return text;
+    }
+
+    /// The line of a damaged file out of which nothing could be read.
+    std::string replacedByNew() const {
+        return "kivDB: Damaged database replaced, carried over: 0 events, 0 files, 0 other rows; "
+               "the old one is " +
+               path + ".damaged\n";
     }
 
     static std::string withoutAddresses(const std::string& text) {
@@ -260,13 +268,14 @@ TEST_F(DBLifecycleTest, OperationsWithoutAConnectionFailAndRecordIt) {
 
 /// A file that is not a database, or corrupt, is replaced where that is allowed.
 TEST_F(DBLifecycleTest, AForeignFileIsReplacedWhenRecreationIsAllowed) {
-    foreignFile();
+    const std::string text = foreignFile();
     DB::m_dbError = true;
     OutputCapture capture;
     db->open(path, true);
     capture.stop();
+    EXPECT_EQ(dir.read("Db.damaged"), text) << "put aside";
     EXPECT_EQ(capture.errWithoutPrefixes(),
-              "kivDB: SQL error (max_page_count): file is not a database\n");
+              "kivDB: SQL error (max_page_count): file is not a database\n" + replacedByNew());
     EXPECT_EQ(schema(), kSchema);
     EXPECT_EQ(value("PRAGMA user_version"), "2");
     EXPECT_FALSE(DB::m_dbError);
@@ -304,28 +313,32 @@ TEST_F(DBLifecycleTest, ACorruptSchemaIsReplacedWhenRecreationIsAllowed) {
     DB again;
     again.open(path, true);
     capture.stop();
-    EXPECT_EQ(capture.errWithoutPrefixes(),
-              "kivDB: SQL error (max_page_count): database disk image is malformed\n");
+    EXPECT_EQ(
+        capture.errWithoutPrefixes(),
+        "kivDB: SQL error (max_page_count): database disk image is malformed\n" + replacedByNew());
     EXPECT_EQ(schema(), kSchema);
 }
 
-/// A file that cannot be deleted gets a line.
-TEST_F(DBLifecycleTest, AForeignFileThatCannotBeDeletedGetsALine) {
-    // Named by its descriptor: such a name can be opened but never unlinked.
-    foreignFile();
-    FILE* const file = ::fopen(path.c_str(), "r+");
-    ASSERT_NE(file, nullptr);
-    const std::string unlinkable = "/proc/self/fd/" + std::to_string(::fileno(file));
+/// A file that cannot be put aside gets a line, and stays.
+TEST_F(DBLifecycleTest, AForeignFileThatCannotBePutAsideGetsALineAndStays) {
+    const std::string text = foreignFile();
     OutputCapture capture;
-    db->open(unlinkable, true);
+    {
+        DiskWatch disk;
+        disk.renameError = ENOSPC;
+        db->open(path, true);
+    }
     capture.stop();
-    ::fclose(file);
     const std::string lines = capture.errWithoutPrefixes();
     EXPECT_EQ(lines.find("kivDB: SQL error (max_page_count): file is not a database\n"
-                         "kivDB: Can't delete database " +
-                         unlinkable + ": "),
+                         "kivDB: Can't replace damaged database " +
+                         path + ": cannot put it aside: No space left on device\n"),
               0u)
         << lines;
+    EXPECT_EQ(dir.read("Db"), text);
+    EXPECT_FALSE(dir.has("Db.new"));
+    EXPECT_FALSE(dir.has("Db.damaged"));
+    EXPECT_FALSE(dir.has("Db.damaged.new"));
 }
 
 /// Every successful open makes the cached size unknown.

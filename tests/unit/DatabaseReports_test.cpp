@@ -17,7 +17,7 @@ using DatabaseReportsTest = UploadRooms;
 
 /// The full report lists "/3rd_rw" by way of "/tmp/dbfullfile.log".
 TEST_F(DatabaseReportsTest, ReportsOnTheDataPartition) {
-    const DatabaseReports another(*cloudClient);
+    const DatabaseReports another(*cloudClient, asked);
     EXPECT_EQ(DatabaseReportsPeer::listedDirectory(another), "/3rd_rw");
     EXPECT_EQ(DatabaseReportsPeer::listingFile(another), "/tmp/dbfullfile.log");
 }
@@ -65,9 +65,24 @@ TEST_F(DatabaseReportsTest, SendsTheFullReportWithTheNextMessageAfterAFailure) {
     EXPECT_FALSE(DatabaseReportsPeer::fullFileSent(reports));
     EXPECT_TRUE(nothingIsScheduled());
     script(accept);
+    DatabaseReportsPeer::letAMinutePass(reports);
     reports.sendFullFile();
     EXPECT_EQ(objects().size(), 2u);
     EXPECT_TRUE(DatabaseReportsPeer::fullFileSent(reports));
+}
+
+/// However often a full store asks, a report that failed is not tried again within a minute.
+TEST_F(DatabaseReportsTest, TriesAFailedFullReportOnceAMinute) {
+    script(refuse);
+    OutputCapture output;
+    EXPECT_EQ(reports.sendFullFile(), 0);
+    EXPECT_EQ(reports.sendFullFile(), 0);
+    EXPECT_EQ(objects().size(), 1u);
+    DatabaseReportsPeer::letAMinutePass(reports);
+    EXPECT_EQ(reports.sendFullFile(), 0);
+    EXPECT_EQ(reports.sendFullFile(), 0);
+    output.stop();
+    EXPECT_EQ(objects().size(), 2u);
 }
 
 /// An old listing is replaced; a link or a pipe in its place is refused with a line.
@@ -170,9 +185,49 @@ TEST_F(DatabaseReportsTest, TriesTheDatabaseErrorEventAgainWithTheNextUpload) {
               "kivUpload: DB Error event upload failed \n");
     EXPECT_FALSE(DatabaseReportsPeer::errorEventSent(reports));
     script(accept);
+    DatabaseReportsPeer::letAMinutePass(reports);
+    DB::m_dbError = true;
     EXPECT_EQ(files.run(), 0);
     EXPECT_EQ(records().size(), 2u);
     EXPECT_TRUE(DatabaseReportsPeer::errorEventSent(reports));
+}
+
+/// A database-error event that failed is owed: it goes a minute later, although the store is in
+/// order again by then.
+TEST_F(DatabaseReportsTest, SendsAnOwedErrorEventWithTheUploadThatItAskedFor) {
+    script(refuse);
+    DB::m_dbError = true;
+    DB::m_DBErrorMessage = "disk I/O error";
+    OutputCapture output;
+    EXPECT_EQ(events.upload(), 0);
+    output.stop();
+    EXPECT_FALSE(DB::m_dbError);
+    EXPECT_TRUE(isDelayed(1, 60000));
+    script(accept);
+    addEvent();
+    EXPECT_NE(events.upload(), 0);
+    EXPECT_EQ(records().size(), 2u) << "the failed one and the packet";
+    DatabaseReportsPeer::letAMinutePass(reports);
+    EXPECT_EQ(events.upload(), 0);
+    EXPECT_EQ(events.upload(), 0);
+    ASSERT_EQ(records().size(), 3u);
+    EXPECT_NE(records()[2].find("disk I/O error"), std::string::npos);
+    EXPECT_TRUE(DatabaseReportsPeer::errorEventSent(reports));
+}
+
+/// A database-error event that failed is not tried again within a minute, however many uploads find
+/// the database in error.
+TEST_F(DatabaseReportsTest, TriesTheDatabaseErrorEventOnceAMinute) {
+    script(refuse);
+    OutputCapture output;
+    reports.sendErrorEvent();
+    reports.sendErrorEvent();
+    EXPECT_EQ(records().size(), 1u);
+    DatabaseReportsPeer::letAMinutePass(reports);
+    reports.sendErrorEvent();
+    reports.sendErrorEvent();
+    output.stop();
+    EXPECT_EQ(records().size(), 2u);
 }
 
 /// The location is asked for once an upload and once a database-error event, without the

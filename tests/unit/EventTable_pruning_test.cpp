@@ -219,6 +219,7 @@ TEST_F(EventTablePruningTest, APrunedOverflowEventHandsItsRangeOn) {
 /// and keeps the events.
 TEST_F(EventTablePruningTest, ALockedDatabaseFailsTheBegin) {
     addMany(3, 50);
+    addForgottenCycles();
     PlainDatabase locker(path);
     locker.run("BEGIN IMMEDIATE");
     OutputCapture capture;
@@ -235,7 +236,7 @@ TEST_F(EventTablePruningTest, ALockedDatabaseFailsTheBegin) {
 /// and keeps the events.
 TEST_F(EventTablePruningTest, AFailedDeleteIsRolledBack) {
     addMany(3, 50);
-    aside(
+    makeTrigger(
         "CREATE TRIGGER Keep BEFORE DELETE ON Events WHEN old.kernelTime=1 "
         "BEGIN SELECT RAISE(FAIL,'kept'); END");
     OutputCapture capture;
@@ -252,7 +253,7 @@ TEST_F(EventTablePruningTest, AFailedDeleteIsRolledBack) {
 /// and keeps the events.
 TEST_F(EventTablePruningTest, AFailedOverflowInsertRollsTheDeleteBack) {
     addMany(3, 50);
-    aside(
+    makeTrigger(
         "CREATE TRIGGER No BEFORE INSERT ON Events WHEN new.type='logging.overflow' "
         "BEGIN SELECT RAISE(FAIL,'no'); END");
     OutputCapture capture;
@@ -268,7 +269,7 @@ TEST_F(EventTablePruningTest, AFailedOverflowInsertRollsTheDeleteBack) {
 /// A database that fills up at the overflow insert keeps the events and calls back.
 TEST_F(EventTablePruningTest, ADatabaseThatFillsUpAtTheOverflowInsertKeepsTheEventsAndCallsBack) {
     addMany(3, 50);
-    aside(
+    makeTrigger(
         "CREATE TRIGGER Fill AFTER INSERT ON Events WHEN new.type='logging.overflow' "
         "BEGIN INSERT INTO Files(id,info) VALUES('big',zeroblob(4000000)); END");
     int calls = 0;
@@ -287,7 +288,9 @@ TEST_F(EventTablePruningTest, ADatabaseThatFillsUpAtTheOverflowInsertKeepsTheEve
 /// A prune whose begin, delete, overflow insert or commit fails gets its line, is rolled back
 /// and keeps the events.
 TEST_F(EventTablePruningTest, ACommitThatAReaderBlocksIsRolledBackAndTheSizeForgotten) {
+    useRollbackJournal();
     addMany(3, 50);
+    addForgottenCycles();
     DB::EventSet reader = db->getEvents(false);
     reader.getNextAndMark();
     OutputCapture capture;
@@ -355,6 +358,7 @@ TEST_F(EventTablePruningTest, ARolledBackPruneLeavesTheMarks) {
     addMany(3, 50);
     DB::EventSet set = db->getEvents(false);
     while (!set.getNextAndMark().empty()) continue;
+    DBPeer::allowTriggers(*db);
     onStore(
         "CREATE TEMP TRIGGER No BEFORE INSERT ON Events WHEN new.type='logging.overflow' "
         "BEGIN SELECT RAISE(FAIL,'no'); END");

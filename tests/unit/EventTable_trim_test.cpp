@@ -128,7 +128,8 @@ TEST_F(EventTableTrimTest, ALockedDatabaseFailsTheBegin) {
 /// A trim that cannot begin, delete or commit gets its line, is recorded and rolled back.
 TEST_F(EventTableTrimTest, AFailedDeleteIsRolledBackAndRecorded) {
     addCycles({"3,0", "4,0"});
-    aside("CREATE TRIGGER Keep BEFORE DELETE ON OpTimes BEGIN SELECT RAISE(FAIL,'kept'); END");
+    makeTrigger(
+        "CREATE TRIGGER Keep BEFORE DELETE ON OpTimes BEGIN SELECT RAISE(FAIL,'kept'); END");
     OutputCapture capture;
     db->pruneSessionBasedTable("OpTimes");
     capture.stop();

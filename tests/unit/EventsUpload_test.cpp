@@ -42,13 +42,16 @@ class EventsUploadTest : public UploadRooms {
 
     std::int64_t nowSeconds() const { return timeManager->getTime() / 1000; }
 
-    /// A store connection of another process that keeps everybody else from writing.
-    std::shared_ptr<sqlite3> lockStore() const {
-        sqlite3* raw = nullptr;
-        sqlite3_open(database.c_str(), &raw);
-        std::shared_ptr<sqlite3> connection(raw, &sqlite3_close);
-        EXPECT_EQ(sqlite3_exec(raw, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
-        return connection;
+    /// Uploads while another process locks the store during the send: accepted, not deleted.
+    void sendWithoutDeleting() {
+        std::shared_ptr<sqlite3> locked;
+        script([&](const Request& request) {
+            locked = lockStore();
+            return accept(request);
+        });
+        const OutputCapture output;
+        EXPECT_EQ(events.upload(), 0);
+        script(accept);
     }
 };
 
@@ -299,7 +302,67 @@ TEST_F(EventsUploadTest, ReportsADatabaseErrorInsteadOfEvents) {
     ASSERT_EQ(records().size(), 1u);
     EXPECT_NE(records()[0].find(kDbErrorType), std::string::npos);
     EXPECT_EQ(storedEvents(), "1");
-    EXPECT_TRUE(nothingIsScheduled());
+    EXPECT_EQ(waiting(), (Messages{{1, 0}}));
+    EXPECT_EQ(UploadSchedulePeer::pendingTimers(asked), 0);
+}
+
+/// A database that was in error and works again is no reason to wait: the next message uploads.
+TEST_F(EventsUploadTest, GoesOnAtOnceWhenTheStoreWorksAgain) {
+    addEvent();
+    DB::m_dbError = true;
+    EXPECT_EQ(events.upload(), 0);
+    EXPECT_FALSE(DB::m_dbError);
+    EXPECT_NE(events.upload(), 0);
+    EXPECT_EQ(storedEvents(), "0");
+}
+
+/// Events that fail for a reason of their own, however many, do not hold up the others.
+TEST_F(EventsUploadTest, IsNotHeldUpByAnErrorThatComesAgainAtOnce) {
+    addEvent();
+    DB::m_dbError = true;
+    EXPECT_EQ(events.upload(), 0);
+    OutputCapture output;
+    db().addEvent(kBoot, kStandby, 1, "it's", "{}");
+    output.stop();
+    EXPECT_TRUE(DB::m_dbError);
+    EXPECT_NE(events.upload(), 0);
+    EXPECT_EQ(storedEvents(), "0");
+}
+
+/// A store that fails is asked again in 60000 ms, and not before, however often an upload is asked
+/// for.
+TEST_F(EventsUploadTest, AsksAStoreThatFailsAgainInAMinute) {
+    addEvent();
+    const std::shared_ptr<sqlite3> locked = lockStore();
+    DB::m_dbError = true;
+    OutputCapture output;
+    EXPECT_EQ(events.upload(), 0);
+    EXPECT_TRUE(DB::m_dbError);
+    EXPECT_TRUE(isDelayed(1, 60000));
+    const std::uint64_t timer = UploadSchedulePeer::timer(asked, 1);
+    EXPECT_EQ(events.upload(), 0);
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivDB: SQL error (begin transaction): database is locked\n")
+        << "asked once";
+    EXPECT_EQ(UploadSchedulePeer::timer(asked, 1), timer) << "put off for ever by requests";
+    EXPECT_EQ(waiting(), Messages{});
+}
+
+/// A store that fails is asked again in 60000 ms, and not before, however often an upload is asked
+/// for.
+TEST_F(EventsUploadTest, GoesOnWhenAStoreThatFailedWorksAMinuteLater) {
+    addEvent();
+    std::shared_ptr<sqlite3> locked = lockStore();
+    DB::m_dbError = true;
+    OutputCapture output;
+    EXPECT_EQ(events.upload(), 0);
+    locked.reset();
+    EventsUploadPeer::letAMinutePass(events);
+    EXPECT_EQ(events.upload(), 0);
+    output.stop();
+    EXPECT_EQ(waiting(), (Messages{{1, 0}}));
+    EXPECT_NE(events.upload(), 0);
 }
 
 /// The store's lock is not held while sending or asking for the location.
@@ -348,6 +411,116 @@ TEST_F(EventsUploadTest, TreatsRowsThatCannotBeDeletedLikeAFailedSend) {
     EXPECT_TRUE(isDelayed(4, 60000));
     EXPECT_EQ(waiting(), Messages{});
     EXPECT_EQ(storedEvents(), "1");
+}
+
+/// What was accepted is never sent again: the next upload deletes it first.
+TEST_F(EventsUploadTest, NeverSendsAgainWhatItCouldNotDelete) {
+    addEvent(2000);
+    sendWithoutDeleting();
+    addEvent(1000);
+    DB::m_dbError = false;
+    EventsUploadPeer::letAMinutePass(events);
+    EXPECT_NE(events.upload(), 0);
+    ASSERT_EQ(records().size(), 2u);
+    ASSERT_EQ(sentEvents().size(), 2u);
+    EXPECT_EQ(sentEvents()[0].optInteger("ts", 0), kernelNow - 2000);
+    EXPECT_EQ(sentEvents()[1].optInteger("ts", 0), kernelNow - 1000);
+    EXPECT_EQ(storedEvents(), "0");
+}
+
+/// As long as the events that were sent cannot be deleted, nothing is packed, and the deletion is
+/// tried once a minute.
+TEST_F(EventsUploadTest, PacksNothingBeforeTheSentEventsAreDeleted) {
+    addEvent(2000);
+    sendWithoutDeleting();
+    addEvent(1000);
+    DB::m_dbError = false;
+    const std::shared_ptr<sqlite3> locked = lockStore();
+    EXPECT_EQ(events.upload(), 0) << "within the minute";
+    EXPECT_EQ(events.checkTimes(), 0) << "within the minute";
+    EXPECT_FALSE(DB::m_dbError) << "nothing was tried";
+    EventsUploadPeer::letAMinutePass(events);
+    OutputCapture output;
+    EXPECT_EQ(events.upload(), 0);
+    DB::m_dbError = false;
+    EXPECT_EQ(events.upload(), 0);
+    output.stop();
+    EXPECT_EQ(taggedLines(output.errWithoutPrefixes(), kTag),
+              "kivUpload: Deleting the sent events failed, will try later in 60 seconds\n");
+    EXPECT_EQ(records().size(), 1u);
+    EXPECT_EQ(storedEvents(), "2");
+    EXPECT_TRUE(isDelayed(1, 60000));
+    EXPECT_TRUE(isDelayed(4, 60000));
+}
+
+/// A time check, too, deletes first what an upload sent and could not delete.
+TEST_F(EventsUploadTest, DeletesTheSentEventsBeforeATimeCheck) {
+    addEvent(3600000);
+    sendWithoutDeleting();
+    EventsUploadPeer::letAMinutePass(events);
+    EXPECT_EQ(events.checkTimes(), 0);
+    EXPECT_EQ(storedEvents(), "0");
+    EXPECT_EQ(records().size(), 1u);
+    EXPECT_TRUE(isDelayed(4, 3600000)) << "as for an empty store";
+    addEvent(3600000);
+    EXPECT_NE(events.checkTimes(), 0);
+    EXPECT_EQ(records().size(), 2u);
+}
+
+/// What was sent is deleted although the consent has been withdrawn meanwhile.
+TEST_F(EventsUploadTest, DeletesTheSentEventsWithoutConsent) {
+    addEvent();
+    sendWithoutDeleting();
+    configure(R"({"kiv_tou": false})");
+    EventsUploadPeer::letAMinutePass(events);
+    EXPECT_EQ(events.checkTimes(), 0);
+    EXPECT_EQ(storedEvents(), "0");
+}
+
+/// The late deletion spares what took the place of a sent event that pruning has removed.
+TEST_F(EventsUploadTest, SparesWhatTookThePlaceOfAPrunedSentEvent) {
+    for (int i = 0; i < 5; ++i) addEvent(5 - i);
+    sendWithoutDeleting();
+    db().pruneAboveSize(0);
+    addEvent();
+    EventsUploadPeer::letAMinutePass(events);
+    DB::m_dbError = false;
+    EXPECT_NE(events.upload(), 0);
+    ASSERT_EQ(records().size(), 2u);
+    EXPECT_EQ(eventsOf(records()[1]).size(), 2u) << "the overflow event and the new one";
+    EXPECT_EQ(storedEvents(), "0");
+}
+
+/// The minute counts from the end of a send, however long that took.
+TEST_F(EventsUploadTest, DatesAFailureAtTheEndOfTheSend) {
+    addEvent();
+    script([&](const Request& request) {
+        const std::int64_t kernel = KernelTime::getTimeMonotonicAsInt64();
+        timeManager->setTime(TimeSourceWeb, TimeReference(kBoot, kStandby, kernel),
+                             kNowMs + 100000);
+        return refuse(request);
+    });
+    OutputCapture output;
+    EXPECT_EQ(events.upload(), 0);
+    EXPECT_EQ(events.upload(), 0);
+    output.stop();
+    EXPECT_EQ(cloud.requests().size(), 1u);
+    EXPECT_NEAR(static_cast<double>(EventsUploadPeer::lastFailureTime(events)),
+                kNowMs / 1000.0 + 100, 5);
+}
+
+/// The line of a failed send tells the time of the next try: one is asked for then, whatever the
+/// time check decides.
+TEST_F(EventsUploadTest, AsksForTheTryThatTheLinePromises) {
+    script(refuse);
+    addEvent();
+    OutputCapture output;
+    EXPECT_EQ(events.upload(), 0);
+    EXPECT_TRUE(isDelayed(1, 60000));
+    EXPECT_EQ(events.checkTimes(), 0) << "the event is not of age";
+    EXPECT_TRUE(isDelayed(4, 3600000));
+    EXPECT_TRUE(isDelayed(1, 60000));
+    output.stop();
 }
 
 /// The store's lock is not held while sending or asking for the location.
@@ -451,6 +624,30 @@ TEST_F(EventsUploadTest, UploadsSilentlyOtherwise) {
     EXPECT_EQ(output.err(), "");
 }
 
+/// A location that stays unknown is asked for once a minute, not for each packet.
+TEST_F(EventsUploadTest, AsksForAnUnknownLocationOnceAMinute) {
+    ::unsetenv("LOC_NETWORK");
+    LocationInfoPeer::setProvider(cloud.url("/json"));
+    script([](const Request& request) {
+        Response response = accept(request);
+        response.closeWithoutAnswer = request.target == "/json";
+        return response;
+    });
+    OutputCapture output;
+    for (int packet = 0; packet < 3; ++packet) {
+        addEvent();
+        EXPECT_NE(events.upload(), 0);
+    }
+    const std::string before = otherRequests();
+    EventsUploadPeer::letAMinutePass(events);
+    LocationInfoPeer::beginNewRun();  // whose own pause is over by then
+    addEvent();
+    EXPECT_NE(events.upload(), 0);
+    output.stop();
+    EXPECT_FALSE(before.empty());
+    EXPECT_EQ(otherRequests(), before + before) << "once before, once after the minute";
+}
+
 // --- time check ---------------------------------------------------------------------------------
 
 /// The time check stops under an expired configuration and with a delay below 1.
@@ -528,9 +725,19 @@ TEST_F(EventsUploadTest, ChecksAgainWhenTheOldestEventComesOfAge) {
 
 /// The next check comes when the oldest event is of age, never later than the maximum delay.
 TEST_F(EventsUploadTest, NeverChecksLaterThanTheMaximumDelay) {
-    addEvent(0, R"(, "utc-time": "4000000000000")");
+    addEvent();
     EXPECT_EQ(events.checkTimes(), 0);
     EXPECT_TRUE(isDelayed(4, 3600000));
+}
+
+/// An oldest event that is dated ahead of now counts as due.
+TEST_F(EventsUploadTest, TakesAnEventFromTheFutureForDue) {
+    for (const char* time : {"4000000000000", "9223372036854775807"}) {
+        addEvent(0, R"(, "utc-time": ")" + std::string(time) + "\"");
+        EXPECT_NE(events.checkTimes(), 0) << time;
+        EXPECT_EQ(storedEvents(), "0") << time;
+        EXPECT_EQ(UploadSchedulePeer::pendingDelay(asked, 4), -1) << time;
+    }
 }
 
 /// The next check comes when the oldest event is of age, never later than the maximum delay.
@@ -560,7 +767,8 @@ TEST_F(EventsUploadTest, UploadsWhenTheTimeOfTheOldestEventIsUnknown) {
     EXPECT_EQ(storedEvents(), "0");
 }
 
-/// An upload that failed in a check is tried again in 300000 ms.
+/// An upload that failed in a check is checked for again in 300000 ms; the try that its line
+/// promises comes before.
 TEST_F(EventsUploadTest, ChecksAgainInFiveMinutesWhenTheUploadFailed) {
     script(refuse);
     addEvent(3600000);
@@ -568,6 +776,7 @@ TEST_F(EventsUploadTest, ChecksAgainInFiveMinutesWhenTheUploadFailed) {
     EXPECT_EQ(events.checkTimes(), 0);
     output.stop();
     EXPECT_TRUE(isDelayed(4, 300000));
+    EXPECT_TRUE(isDelayed(1, 60000));
     EXPECT_TRUE(WaitUntil([&] { return UploadSchedulePeer::pendingTimers(asked) <= 2; }));
     EXPECT_EQ(waiting(), Messages{});
 }

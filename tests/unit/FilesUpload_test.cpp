@@ -1,10 +1,13 @@
 #include "FilesUpload.h"
 
 #include <filesystem>
+#include <functional>
+#include <memory>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/FilesUploadPeer.h"
 #include "support/UploadRooms.h"
 
 namespace {
@@ -21,6 +24,19 @@ class FilesUploadTest : public UploadRooms {
     void failedBefore(const std::string& name, int retries, std::int64_t lastfail) const {
         sql("UPDATE Files SET retries = " + std::to_string(retries) +
             ", lastfail = " + std::to_string(lastfail) + " WHERE id = '" + name + "'");
+    }
+
+    /// A pass in which another process locks the store while a file is sent.
+    int runWithALockedStore(const std::function<Response(const Request&)>& answer) {
+        std::shared_ptr<sqlite3> locked;
+        script([&](const Request& request) {
+            if (locked == nullptr) locked = lockStore();
+            return answer(request);
+        });
+        const OutputCapture output;
+        const int result = files.run();
+        script(accept);
+        return result;
     }
 
     std::string storedFiles() const { return query("SELECT COUNT(*) FROM Files"); }
@@ -192,9 +208,112 @@ TEST_F(FilesUploadTest, GoesOnWithTheNextFileAfterAFailure) {
 /// No name is handled twice in a pass.
 TEST_F(FilesUploadTest, HandlesNoNameTwiceInAPass) {
     announce("log1");
-    sql("CREATE TRIGGER keep BEFORE DELETE ON Files BEGIN SELECT RAISE(IGNORE); END");
+    std::shared_ptr<sqlite3> locked;
+    script([&](const Request& request) {
+        locked = lockStore();  // nothing can be noted of it
+        return accept(request);
+    });
+    OutputCapture output;
     EXPECT_EQ(files.run(), 1);
+    output.stop();
     EXPECT_EQ(objects().size(), 1u);
+    EXPECT_TRUE(isDelayed(2, 60000));
+}
+
+/// A file that is in the cloud is not sent again because its record could not be removed: from then
+/// on only that is tried.
+TEST_F(FilesUploadTest, NeverSendsAgainAFileWhoseRecordStays) {
+    const std::string path = announce("log1", R"({"bucketname": "b1"})");
+    EXPECT_EQ(runWithALockedStore(accept), 1);
+    EXPECT_EQ(storedFiles(), "1");
+    EXPECT_FALSE(std::filesystem::exists(path)) << "it is in the cloud";
+    EXPECT_TRUE(isDelayed(2, 60000));
+    EXPECT_EQ(files.run(), 0) << "within the minute";
+    EXPECT_EQ(storedFiles(), "1");
+    FilesUploadPeer::letAMinutePass(files);
+    UploadLog::log.setVerbose(true);
+    OutputCapture output;
+    EXPECT_EQ(files.run(), 1);
+    output.stop();
+    EXPECT_EQ(output.out().find("Trying upload"), std::string::npos);
+    EXPECT_EQ(storedFiles(), "0");
+    EXPECT_EQ(objects(), (Objects{"/b1/log1"}));
+    EXPECT_EQ(FilesUploadPeer::remembered(files), 0u);
+}
+
+/// A file that is in the cloud is not sent again because its record could not be removed: from then
+/// on only that is tried.
+TEST_F(FilesUploadTest, TriesOnlyTheRemovalHoweverOftenItFails) {
+    announce("log1");
+    runWithALockedStore(accept);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const std::shared_ptr<sqlite3> locked = lockStore();
+        FilesUploadPeer::letAMinutePass(files);
+        const OutputCapture output;
+        EXPECT_EQ(files.run(), 0);
+        EXPECT_TRUE(isDelayed(2, 60000));
+    }
+    EXPECT_EQ(objects().size(), 1u);
+    EXPECT_EQ(storedFiles(), "1");
+}
+
+/// After the removal an announcement of the same name is a new file.
+TEST_F(FilesUploadTest, SendsAFileThatIsAnnouncedAgainAfterTheRemoval) {
+    announce("log1");
+    runWithALockedStore(accept);
+    FilesUploadPeer::letAMinutePass(files);
+    EXPECT_EQ(files.run(), 1);
+    announce("log1");
+    EXPECT_EQ(files.run(), 1);
+    EXPECT_EQ(objects(), (Objects{"/current/Board/log1", "/current/Board/log1"}));
+    EXPECT_EQ(storedFiles(), "0");
+}
+
+/// A record of that name with another path is another file.
+TEST_F(FilesUploadTest, SendsAFileOfTheSameNameFromAnotherPlace) {
+    announce("log1");
+    runWithALockedStore(accept);
+    sql("UPDATE Files SET url = '" + dir.write("other", "another file") + "'");
+    FilesUploadPeer::letAMinutePass(files);
+    EXPECT_EQ(files.run(), 1);
+    ASSERT_EQ(objects().size(), 2u);
+    EXPECT_EQ(cloud.requests()[1].body, "another file");
+}
+
+/// A record that stays does not keep the pass from the other files.
+TEST_F(FilesUploadTest, GoesOnWithTheNextFileAfterARecordThatStays) {
+    announce("log1");
+    runWithALockedStore(accept);
+    announce("log2");
+    sql("UPDATE Files SET retries = 1, lastfail = " + std::to_string(kernelMs() - 70000) +
+        " WHERE id = 'log1'");
+    FilesUploadPeer::letAMinutePass(files);
+    EXPECT_EQ(files.run(), 1);
+    EXPECT_EQ(objects(), (Objects{"/current/Board/log1", "/current/Board/log2"}));
+    EXPECT_EQ(storedFiles(), "0");
+}
+
+/// A failure that the store cannot note is remembered: the file waits its minute all the same.
+TEST_F(FilesUploadTest, WaitsOutTheMinuteOfAFailureThatTheStoreDoesNotKnow) {
+    announce("log1");
+    EXPECT_EQ(runWithALockedStore(refuse), 0);
+    EXPECT_EQ(query("SELECT retries FROM Files"), "0");
+    EXPECT_TRUE(isDelayed(2, 60000));
+    EXPECT_EQ(files.run(), 0);
+    EXPECT_EQ(objects().size(), 1u);
+    EXPECT_TRUE(isDelayed(2, 60000));
+    FilesUploadPeer::letAMinutePass(files);
+    EXPECT_EQ(files.run(), 1);
+    EXPECT_EQ(objects().size(), 2u);
+    EXPECT_EQ(FilesUploadPeer::remembered(files), 0u);
+}
+
+/// A store that cannot be read is asked for files again in a minute.
+TEST_F(FilesUploadTest, AsksAgainInAMinuteWhenTheFilesCannotBeRead) {
+    sql("DROP TABLE Files");
+    const std::shared_ptr<sqlite3> locked = lockStore();
+    const OutputCapture output;
+    EXPECT_EQ(files.run(), 0);
     EXPECT_TRUE(isDelayed(2, 60000));
 }
 
@@ -228,6 +347,27 @@ TEST_F(FilesUploadTest, ReportsADatabaseErrorInsteadOfFiles) {
     EXPECT_EQ(files.run(), 0);
     EXPECT_EQ(records().size(), 1u);
     EXPECT_EQ(objects(), Objects{});
+    EXPECT_EQ(waiting(), (Messages{{2, 0}}));
+    EXPECT_EQ(files.run(), 1) << "the store works";
+    EXPECT_EQ(objects(), (Objects{"/current/Board/log1"}));
+}
+
+/// A store that fails is asked again in 60000 ms, and not before.
+TEST_F(FilesUploadTest, AsksAStoreThatFailsAgainInAMinute) {
+    announce("log1");
+    std::shared_ptr<sqlite3> locked = lockStore();
+    DB::m_dbError = true;
+    OutputCapture output;
+    EXPECT_EQ(files.run(), 0);
+    EXPECT_TRUE(isDelayed(2, 60000));
+    locked.reset();
+    EXPECT_EQ(files.run(), 0) << "within the minute";
+    EXPECT_TRUE(DB::m_dbError);
+    FilesUploadPeer::letAMinutePass(files);
+    EXPECT_EQ(files.run(), 0);
+    output.stop();
+    EXPECT_FALSE(DB::m_dbError);
+    EXPECT_EQ(waiting(), (Messages{{2, 0}}));
 }
 
 /// A file that cannot be deleted gets a line.
@@ -242,6 +382,21 @@ TEST_F(FilesUploadTest, TellsThatAnUploadedFileCannotBeDeleted) {
     output.stop();
     EXPECT_EQ(output.errWithoutPrefixes(),
               "kivUpload: Cannot delete " + path + ": No such file or directory\n");
+}
+
+/// A path is the announcer's text: in an error line it is cut and escaped.
+TEST_F(FilesUploadTest, EscapesThePathInAnErrorLine) {
+    const std::string path = announce("two\nlines", R"({"bucketname": "b1"})");
+    script([&](const Request& request) {
+        ::unlink(path.c_str());
+        return accept(request);
+    });
+    OutputCapture output;
+    EXPECT_EQ(files.run(), 1);
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(), "kivUpload: Cannot delete " +
+                                               dir.file("file-two\\x0Alines") +
+                                               ": No such file or directory\n");
 }
 
 /// Verbose, each file is told, with "is invalid, removing "; otherwise nothing is.

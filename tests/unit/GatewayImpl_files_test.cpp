@@ -1,9 +1,11 @@
 #include "GatewayImpl.h"
 
+#include "OwnFiles.h"
 #include "UploadImpl.h"
 #include "support/GatewaySetup.h"
 #include "support/UploadImplPeer.h"
 
+#include <filesystem>
 #include <regex>
 #include <string>
 #include <vector>
@@ -135,6 +137,32 @@ TEST_F(GatewayImplFilesTest, IgnoresAFileWhoseLocationIsNoText) {
               "kivGateway:oob-url is no string: Ignore the file (json null)\n");
     EXPECT_TRUE(files().empty());
     EXPECT_EQ(storedTypes(), (std::vector<std::string>{"x", "y"}));
+}
+
+/// The daemon's own files are refused with a line, by any name; their event is kept.
+TEST_F(GatewayImplFilesTest, RefusesTheDaemonsOwnFiles) {
+    makeGateway();
+    OwnFiles::addStore(m_db);
+    const std::string link = m_dir.file("li\nk");
+    std::filesystem::create_symlink(m_db, link);
+    EXPECT_EQ(errorsOf(R"({"event-type": "x", "oob-url": ")" + m_db + "\"}"),
+              "kivGateway:File is the daemon's own: Ignore the file " + m_db + "\n");
+    EXPECT_EQ(errorsOf(R"({"event-type": "y", "oob-url": ")" + m_dir.file("li\\nk") + "\"}"),
+              "kivGateway:File is the daemon's own: Ignore the file " + m_dir.file("li\\x0Ak\n"));
+    EXPECT_TRUE(files().empty());
+    EXPECT_TRUE(askedOfUpload().empty());
+    const auto all = stored();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_NE(JsonObject::parse(all[0].data).optString("oob-id"), "");
+}
+
+/// A location that is not a text is shown cut and escaped.
+TEST_F(GatewayImplFilesTest, CutsAndEscapesALocationThatIsNoText) {
+    makeGateway();
+    const std::string text(300, 'x');
+    EXPECT_EQ(errorsOf(R"({"oob-url": [")" + text + "\"]}"),
+              "kivGateway:oob-url is no string: Ignore the file [\"" + std::string(254, 'x') +
+                  "... (304 bytes)\n");
 }
 
 /// A file announced again asks for the upload again.

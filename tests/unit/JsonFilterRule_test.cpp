@@ -381,6 +381,19 @@ TEST_F(JsonFilterRuleTest, WritesALineWhenAndHasNoArray) {
     EXPECT_EQ(errorsOf(R"({"x":{"$and":true}})", R"({"x":4})", false), line + "(true)\n");
 }
 
+/// Values from outside stand cut and escaped in its lines.
+TEST_F(JsonFilterRuleTest, CutsAndEscapesForeignTextInItsLines) {
+    const std::string text(300, 'y');
+    const std::string cut = std::string(256, 'y') + "... (300 bytes)\n";
+    EXPECT_EQ(errorsOf(R"({"x":{"$and":")" + text + R"("}})", R"({"x":4})", false),
+              "JsonFilterRule: evalAndOperator rhs not an array: " + cut);
+    EXPECT_EQ(errorsOf(R"({"x":{"$>":"a\nb"}})", R"({"x":")" + text + R"("})", false),
+              "JsonFilterRule: compareValues types no numbers: " + std::string(256, 'y') +
+                  "... (300 bytes) a\\x0Ab\n");
+    const std::string errors = errorsOf(R"({"x":{"$regex":"(\n"}})", R"({"x":"y"})", false);
+    EXPECT_NE(errors.find(") on regexp (\\x0A\n"), std::string::npos) << errors;
+}
+
 /// "$contains" finds every required element; none required, or not arrays, is false.
 TEST_F(JsonFilterRuleTest, FindsEveryRequiredElement) {
     const std::string rule = R"({"tags":{"$contains":["a","b"]}})";

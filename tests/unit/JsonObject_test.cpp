@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 namespace {
 
 std::size_t references(const JsonObject& value) {
@@ -162,6 +164,11 @@ TEST(JsonObject, LoadsAFile) {
     EXPECT_TRUE(JsonObject::loadFile(dir.file("scalar"), JSON_DECODE_ANY).isInteger());
     EXPECT_TRUE(JsonObject::loadFile(dir.file("missing")).isNull());
     EXPECT_TRUE(JsonObject::loadFile(dir.path()).isNull());
+    ASSERT_EQ(::mkfifo(dir.file("pipe").c_str(), 0600), 0);
+    EXPECT_TRUE(JsonObject::loadFile(dir.file("pipe")).isNull()) << "nobody waits for a writer";
+    EXPECT_TRUE(
+        JsonObject::loadFile(dir.write("long", "[" + std::string(1048576, ' ') + "]")).isNull());
+    EXPECT_TRUE(JsonObject::loadFile(dir.write("zero", std::string("{}\0", 3))).isNull());
     EXPECT_TRUE(JsonObject::loadFile("").isNull());
 }
 

@@ -7,6 +7,7 @@
 #include "support/LocationInfoPeer.h"
 #include "support/NoThreads.h"
 #include "support/OutputCapture.h"
+#include "support/RetryPausePeer.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
@@ -433,16 +434,19 @@ TEST_F(LocationInfoTest, KnowsNoDegreesThatAreNotOnTheGlobe) {
     EXPECT_EQ(locate("50.85,1e300")->getLongitude(), kUnknown);
 }
 
-/// A place that differs is stored for later runs; the stored one starts no thread.
-TEST_F(LocationInfoTest, StoresUnknownDegreesForThoseOutOfRange) {
+/// The store gets the degrees as they were received, but for what is not a number; the next run
+/// reads them as unknown.
+TEST_F(LocationInfoTest, StoresTheDegreesAsTheyWereReceived) {
     answerWith(R"({"city": "Nowhere", "loc": "nan,181"})");
-    LocationInfo::getLocation();
+    EXPECT_EQ(LocationInfo::getLocation()->getLongitude(), kUnknown);
     ASSERT_TRUE(waitForStoredCity("Nowhere"));
     EXPECT_EQ(storedPlace(m_db).lat, kUnknown);
-    EXPECT_EQ(storedPlace(m_db).lng, kUnknown);
+    EXPECT_EQ(storedPlace(m_db).lng, 181);
+    LocationInfoPeer::beginNewRun();
+    EXPECT_EQ(LocationInfo::getKnownLocation()->getLongitude(), kUnknown);
 }
 
-/// Members that are not texts read as empty; any HTTP status will do.
+/// Members that are not texts read as empty.
 TEST_F(LocationInfoTest, ReadsMembersThatAreNoTextsAsEmpty) {
     answerWith(R"({"ip": 1, "city": null, "region": [], "country": {}, "loc": 50.85})");
     EXPECT_EQ(textOf(LocationInfo::getLocation()),
@@ -450,11 +454,57 @@ TEST_F(LocationInfoTest, ReadsMembersThatAreNoTextsAsEmpty) {
               R"("region": "", "country-code": "", "country": "", "continent": ""})");
 }
 
-/// Members that are not texts read as empty; any HTTP status will do.
-TEST_F(LocationInfoTest, TakesAnAnswerWhateverItsHttpStatus) {
-    answerWith(kBrusselsAnswer, 503);
+/// An answer with an HTTP status other than 200 to 299 counts as a failed request.
+TEST_F(LocationInfoTest, TreatsABadHttpStatusAsAFailedRequest) {
+    storeBrussels();
+    for (const int status : {302, 400, 404, 503}) {
+        LocationInfoPeer::beginNewRun();
+        answerWith(R"({"city": "Ghent", "country": "BE", "loc": "51.05,3.72"})", status);
+        OutputCapture quiet;
+        EXPECT_EQ(LocationInfo::getLocation()->toJSON().optString("city"), "Brussels") << status;
+        EXPECT_EQ(requestCount(), 1u);
+    }
+    EXPECT_EQ(storedPlace(m_db).city, "Brussels");
+}
+
+/// A text above 128 characters counts as a failed request, with a line, and in a stored row as
+/// none.
+TEST_F(LocationInfoTest, TreatsALongTextAsAFailedRequest) {
+    std::string longest;
+    for (int i = 0; i < 128; ++i) longest += "\u00e8";
+    for (const char* member : {"ip", "city", "region", "country"}) {
+        LocationInfoPeer::beginNewRun();
+        JsonObject answer = JsonObject::createObject();
+        answer.set(member, longest + "x");
+        answerWith(answer.dumpAsString());
+        OutputCapture capture;
+        EXPECT_EQ(LocationInfo::getLocation(), nullptr) << member;
+        capture.stop();
+        EXPECT_EQ(capture.errWithoutPrefixes(), "LocationInfo:Answer of " +
+                                                    LocationInfoPeer::provider() +
+                                                    " has a text above 128 characters: Ignore\n");
+    }
+    LocationInfoPeer::beginNewRun();
+    JsonObject answer = JsonObject::createObject();
+    answer.set("city", longest);
+    answerWith(answer.dumpAsString());
+    ASSERT_TRUE(LocationInfo::getLocation());
+    ASSERT_TRUE(waitForStoredCity(longest));
+    {
+        DB db;
+        db.open(m_db, false);
+        ASSERT_TRUE(db.setLocation(1, 2, "", std::string(200000, 'x'), "", "BE"));
+    }
+    LocationInfoPeer::beginNewRun();
+    EXPECT_EQ(LocationInfo::getKnownLocation(), nullptr);
+}
+
+/// An answer that names nothing does not take the place of a stored one.
+TEST_F(LocationInfoTest, KeepsTheStoredPlaceWhenTheAnswerNamesNothing) {
+    storeBrussels();
+    answerWith(R"({"error": "log in first"})");
     EXPECT_EQ(LocationInfo::getLocation()->toJSON().optString("city"), "Brussels");
-    EXPECT_TRUE(waitForStoredCity("Brussels"));
+    EXPECT_EQ(storedPlace(m_db).city, "Brussels");
 }
 
 /// An answer that is not an object counts as a failed request.
@@ -491,12 +541,15 @@ TEST_F(LocationInfoTest, KeepsTheStoredPlaceForTheRunWhenTheRequestFails) {
     EXPECT_EQ(requestCount(), 0u);
 }
 
-/// A failed request leaves the stored place for the run, or nothing and asks again.
+/// A failed request leaves the stored place for the run, or nothing and asks again after a pause.
 TEST_F(LocationInfoTest, KnowsNothingAndAsksAgainWhenTheRequestFailsAndNothingIsStored) {
     failRequests();
     EXPECT_EQ(LocationInfo::getLocation(), nullptr);
     EXPECT_EQ(LocationInfoPeer::current(), nullptr);
     answerWith(kBrusselsAnswer);
+    EXPECT_EQ(LocationInfo::getLocation(), nullptr);
+    EXPECT_EQ(requestCount(), 0u) << "within the pause";
+    RetryPausePeer::pass(LocationInfoPeer::pause(), RetryPause::shortestMs);
     ASSERT_TRUE(LocationInfo::getLocation());
     EXPECT_EQ(requestCount(), 1u);
     EXPECT_TRUE(waitForStoredCity("Brussels"));

@@ -26,6 +26,7 @@
 #include "ClassLog.h"
 #include "KernelTime.h"
 #include "support/KivTest.h"
+#include "support/LineLimitPeer.h"
 #include "support/MiddlewareTimePeer.h"
 #include "support/NoThreads.h"
 #include "support/OutputCapture.h"
@@ -195,6 +196,16 @@ TEST_F(MiddlewareMessageTest, SkipsANumberOutOfRangeWithALine) {
     EXPECT_THAT(jumps(), IsEmpty());
 }
 
+/// The same invalid message gets one line in 10 s, and then the count of those left out; control
+/// characters are escaped.
+TEST_F(MiddlewareMessageTest, TellsTheSameInvalidMessageOnceIn10Seconds) {
+    EXPECT_EQ(errorsOf("noon\n"), "Watch: Invalid MW time : noon\\x0A\n");
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(errorsOf("noon\n"), "");
+    LineLimitPeer::pass(MiddlewareTimePeer::invalidLines(*m_watch), LineLimit::spanMs);
+    EXPECT_EQ(errorsOf("noon\n"),
+              "Watch: Invalid MW time : noon\\x0A (100 more left out before)\n");
+}
+
 /// Verbose, each time that arrives is told; otherwise nothing is.
 TEST_F(MiddlewareMessageTest, TellsEachTimeWhenVerbose) {
     m_log.setVerbose(true);
@@ -345,7 +356,7 @@ TEST_F(TimePipeTest, WhatFollows1024BytesIsAMessageOfItsOwn) {
     EXPECT_TRUE(waitForJumpTo(kTime));
     ::close(writer);
     EXPECT_EQ(prefixedLines(capture.err(), "Watch: "),
-              "Watch: Invalid MW time : " + std::string(1024, ' ') + "\n");
+              "Watch: Invalid MW time : " + std::string(256, ' ') + "... (1024 bytes)\n");
 }
 
 /// What is not a number, or out of range, is skipped with "Invalid MW time : ".

@@ -214,7 +214,7 @@ TEST_F(NetworkStatusTest, ItsLinesCarryTheDiagnosticPrefix) {
     OutputCapture capture;
     {
         NetworkHooks hooks;
-        hooks.failPopen();
+        hooks.failCommands();
         m_helper.IsNetworkAvailable(true);
     }
     NetworkHelper().GetDNS(m_directory.write("resolv.conf", "nameserver a\n"));
@@ -240,7 +240,7 @@ TEST_F(NetworkStatusTest, TakesACommandThatDoesNotStartAsNoNetwork) {
     OutputCapture capture;
     {
         NetworkHooks hooks;
-        hooks.failPopen();
+        hooks.failCommands();
         EXPECT_FALSE(m_helper.IsNetworkAvailable(true));
     }
     capture.stop();
@@ -338,7 +338,7 @@ TEST_F(NetworkStatusTest, HasNoMacAddressWhenTheCommandDoesNotStart) {
     OutputCapture capture;
     {
         NetworkHooks hooks;
-        hooks.failPopen();
+        hooks.failCommands();
         EXPECT_EQ(NetworkHelper().GetMac(), "");
     }
     capture.stop();

@@ -1,9 +1,12 @@
 #include "NetworkHelper.h"
 
+#include "AppClock.h"
 #include "CGlobalInfoImpl.h"
 #include "CTouImpl.h"
 #include "PimAppVersion.h"
 #include "Singleton.h"
+#include "UtcTimeMs.h"
+#include "support/AppClockPeer.h"
 #include "support/CTouImplPeer.h"
 #include "support/FakeCommands.h"
 #include "support/KivTest.h"
@@ -13,8 +16,10 @@
 #include "support/ScriptedHttpServer.h"
 #include "support/TaggedLines.h"
 #include "support/TempDir.h"
+#include "support/WallClock.h"
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <regex>
 #include <string>
@@ -22,11 +27,13 @@
 #include <utility>
 #include <vector>
 
+#include <cstdint>
 #include <cstdlib>
 
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <time.h>
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
@@ -35,6 +42,7 @@ namespace {
 
 using Request = ScriptedHttpServer::Request;
 using Response = ScriptedHttpServer::Response;
+using Certificate = ScriptedHttpServer::Certificate;
 using Texts = std::vector<std::string>;
 
 constexpr std::size_t kMaxBody = 1024 * 1024;
@@ -74,6 +82,11 @@ class NetworkHelperTest : public KivTest {
         KivTest::SetUp();
         m_commands.setOutput("ping", "");
         m_commands.setOutput("ifconfig", "");
+        AppClockPeer::forget();
+    }
+    void TearDown() override {
+        AppClockPeer::forget();
+        KivTest::TearDown();
     }
 
     /// Text without prefixes, with the milliseconds of transfers as N.
@@ -86,9 +99,26 @@ class NetworkHelperTest : public KivTest {
         return std::string("kivNetwork: Error from server, curl_easy_perform() failed: ") +
                curl_easy_strerror(code) + "\n";
     }
+    /// The line after it; what libcurl says begins with `detail`.
+    static std::string detailLine(const std::string& url, int status, const std::string& detail) {
+        return "kivNetwork: Request of " + url + " failed: HTTP status " + std::to_string(status) +
+               (detail.empty() ? "" : ", " + detail) + "\n";
+    }
+
+    /// Requests `url`, which fails, and gives what went to the standard error but for the line with
+    /// the detail, which it checks.
+    static std::string errorsOf(const std::string& url, int status = 0) {
+        const std::string errors = allErrorsOf(url);
+        const std::string begin = "kivNetwork: Request of " + url + " failed: HTTP status " +
+                                  std::to_string(status) + ", ";
+        const std::size_t at = errors.find(begin);
+        EXPECT_NE(at, std::string::npos) << errors;
+        EXPECT_EQ(errors.find('\n', at), errors.size() - 1) << errors;
+        return errors.substr(0, at);
+    }
 
     /// Requests `url`, which fails, and gives what went to the standard error.
-    static std::string errorsOf(const std::string& url) {
+    static std::string allErrorsOf(const std::string& url) {
         NetworkHelper helper;
         OutputCapture capture;
         EXPECT_FALSE(helper.UrlRequest(url, false, ""));
@@ -531,7 +561,7 @@ TEST_F(NetworkHelperTest, FailsWhenTheBodyIsCut) {
     Response response = withBody("0123456789");
     response.cutAfterBodyBytes = 4;
     const ScriptedHttpServer server(answering(response));
-    EXPECT_EQ(errorsOf(server.url()), errorLine(CURLE_PARTIAL_FILE));
+    EXPECT_EQ(errorsOf(server.url(), 200), errorLine(CURLE_PARTIAL_FILE));
 }
 
 /// Every request is bounded: connect 30 s, below 1 byte/s for 60 s, no signals, HTTP and HTTPS
@@ -544,7 +574,7 @@ TEST_F(NetworkHelperTest, FailsOnOtherProtocols) {
 /// Other failures: " Error from server, curl_easy_perform() failed: " with the reason, and
 /// false.
 TEST_F(NetworkHelperTest, FailsOnAnEmptyUrl) {
-    EXPECT_EQ(errorsOf(""), errorLine(CURLE_URL_MALFORMAT));
+    EXPECT_EQ(allErrorsOf(""), errorLine(CURLE_URL_MALFORMAT) + detailLine("", 0, ""));
 }
 
 /// A body above 1 MiB and headers above 64 KiB end the request as an error.
@@ -556,7 +586,7 @@ TEST_F(NetworkHelperTest, TakesABodyOfTheLimitAndNoMore) {
     EXPECT_TRUE(helper.UrlRequest(server.url(), false, ""));
     EXPECT_EQ(helper.data.size(), kMaxBody);
     size = kMaxBody + 1;
-    EXPECT_EQ(errorsOf(server.url()), errorLine(CURLE_WRITE_ERROR));
+    EXPECT_EQ(errorsOf(server.url(), 200), errorLine(CURLE_WRITE_ERROR));
 }
 
 /// A body above 1 MiB and headers above 64 KiB end the request as an error.
@@ -564,7 +594,7 @@ TEST_F(NetworkHelperTest, EndsABodyOfNoEnd) {
     Response response = withBody(std::string(4 * kMaxBody, 'b'));
     response.headers = {{"Content-Length", "999999999999"}};
     const ScriptedHttpServer server(answering(response));
-    EXPECT_EQ(errorsOf(server.url()), errorLine(CURLE_WRITE_ERROR));
+    EXPECT_EQ(errorsOf(server.url(), 200), errorLine(CURLE_WRITE_ERROR));
 }
 
 /// A body above 1 MiB and headers above 64 KiB end the request as an error.
@@ -574,7 +604,7 @@ TEST_F(NetworkHelperTest, EndsHeadersOfNoEnd) {
         response.headers.emplace_back("X-Fill-" + std::to_string(i), std::string(1000, 'f'));
     }
     const ScriptedHttpServer server(answering(response));
-    EXPECT_EQ(errorsOf(server.url()), errorLine(CURLE_WRITE_ERROR));
+    EXPECT_EQ(errorsOf(server.url(), 200), errorLine(CURLE_WRITE_ERROR));
 }
 
 /// A body above 1 MiB and headers above 64 KiB end the request as an error.
@@ -597,6 +627,176 @@ TEST_F(NetworkHelperTest, LeavesASilentServer) {
     const ScriptedHttpServer server(answering(response));
     NetworkHelperPeer::limits().lowSpeedSeconds = 1;
     EXPECT_EQ(errorsOf(server.url()), errorLine(CURLE_OPERATION_TIMEDOUT));
+}
+
+// ---- Bounds and certificates ---------------------------------------------------------------
+
+/// A request ends after 120 s in all, however steadily its answer trickles.
+TEST_F(NetworkHelperTest, EndsARequestWhoseAnswerTrickles) {
+    const ScriptedHttpServer server(answering(Response()));
+    {
+        const NetworkHooks hooks;
+        EXPECT_TRUE(NetworkHelper().UrlRequest(server.url(), false, ""));
+        EXPECT_LE(hooks.option(CURLOPT_TIMEOUT_MS).number, 120000);
+        EXPECT_GT(hooks.option(CURLOPT_TIMEOUT_MS).number, 115000);
+    }
+    Response trickle = withBody(std::string(100000, 'b'));
+    trickle.dripMs = 20;
+    const ScriptedHttpServer slow(answering(trickle));
+    NetworkHelperPeer::limits().totalMs = 500;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(errorsOf(slow.url(), 200), errorLine(CURLE_OPERATION_TIMEDOUT));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+/// The HTTP status is told; one other than 200 to 299 gets a line and is not a good answer.
+TEST_F(NetworkHelperTest, TellsTheHttpStatus) {
+    for (const int status : {200, 204, 302, 400, 403, 503}) {
+        Response response;
+        response.status = status;
+        const ScriptedHttpServer server(answering(response));
+        NetworkHelper helper;
+        OutputCapture capture;
+        EXPECT_TRUE(helper.UrlRequest(server.url("/p"), false, ""));
+        capture.stop();
+        EXPECT_EQ(helper.status, status);
+        EXPECT_EQ(helper.isGoodAnswer(), status < 300) << status;
+        EXPECT_EQ(plain(capture.err()),
+                  status < 300 ? "" : detailLine(server.url("/p"), status, ""));
+    }
+    NetworkHelper helper;
+    EXPECT_FALSE(helper.UrlRequest("", false, ""));
+    EXPECT_EQ(helper.status, 0);
+    EXPECT_FALSE(helper.isGoodAnswer());
+}
+
+/// A failed request names its URL and libcurl's own detail: an unknown authority, another name and
+/// a date do not say the same.
+TEST_F(NetworkHelperTest, SaysWhatIsWrongWithACertificate) {
+    ::setenv("CURL_CA_BUNDLE", ScriptedHttpServer::caFile().c_str(), 1);
+    const auto told = [](const Certificate& certificate) {
+        const ScriptedHttpServer server(answering(Response()), certificate);
+        const std::string errors = allErrorsOf(server.url());
+        EXPECT_EQ(server.requests().size(), 0U);
+        return errors.substr(errors.find("HTTP status"));
+    };
+    Certificate other;
+    other.trusted = false;
+    EXPECT_EQ(told(other),
+              "HTTP status 0, SSL certificate problem: unable to get local issuer certificate\n");
+    Certificate name;
+    name.host = "other.example";
+    EXPECT_EQ(told(name),
+              "HTTP status 0, SSL: no alternative certificate subject name matches target host "
+              "name 'localhost'\n");
+    Certificate expired;
+    expired.notAfter = "20200101000000Z";
+    EXPECT_EQ(told(expired), "HTTP status 0, SSL certificate problem: certificate has expired\n");
+    Certificate tooNew;
+    tooNew.notBefore = "20900101000000Z";
+    EXPECT_EQ(told(tooNew),
+              "HTTP status 0, SSL certificate problem: certificate is not yet valid\n");
+}
+
+static std::string asn1Time(std::int64_t utcSeconds) {
+    const time_t seconds = utcSeconds;
+    struct tm fields {};
+    ::gmtime_r(&seconds, &fields);
+    char text[32];
+    ::strftime(text, sizeof text, "%Y%m%d%H%M%SZ", &fields);
+    return text;
+}
+
+/// The application clock judges certificates once it is known, and the system clock no more.
+TEST_F(NetworkHelperTest, JudgesCertificatesByTheApplicationClock) {
+    ::setenv("CURL_CA_BUNDLE", ScriptedHttpServer::caFile().c_str(), 1);
+    const std::int64_t now = ::time(nullptr);
+    constexpr std::int64_t year = 31557600;
+    Certificate ofTheseYears;
+    ofTheseYears.notBefore = asn1Time(now - year / 2);
+    ofTheseYears.notAfter = asn1Time(now + 10 * year);
+    const ScriptedHttpServer server(answering(Response()), ofTheseYears);
+    AppClock::set(UtcTimeMs((now + 12 * year) * 1000));
+    EXPECT_NE(allErrorsOf(server.url()).find("certificate has expired"), std::string::npos);
+    NetworkHelper bringsTheTime;
+    bringsTheTime.allowUnknownTime();
+    EXPECT_FALSE(bringsTheTime.UrlRequest(server.url(), false, ""));
+    AppClock::set(UtcTimeMs((now - year) * 1000));
+    EXPECT_NE(allErrorsOf(server.url()).find("certificate is not yet valid"), std::string::npos);
+    const WallClock wrong(5);
+    AppClock::set(UtcTimeMs(now * 1000));
+    EXPECT_TRUE(NetworkHelper().UrlRequest(server.url(), false, ""));
+    EXPECT_EQ(server.requests().size(), 1U);
+}
+
+/// While no clock can be believed a request that may bring the time is made, whatever the dates of
+/// the certificate; its name, its chain and its signature are judged as ever.
+TEST_F(NetworkHelperTest, HoldsNoDateAgainstACertificateWhileNoClockCanBeBelieved) {
+    ::setenv("CURL_CA_BUNDLE", ScriptedHttpServer::caFile().c_str(), 1);
+    const auto reached = [](const Certificate& certificate) {
+        const ScriptedHttpServer server(answering(Response()), certificate);
+        NetworkHelper helper;
+        helper.allowUnknownTime();
+        OutputCapture quiet;
+        return helper.UrlRequest(server.url(), false, "");
+    };
+    Certificate expired;
+    expired.notAfter = "20200101000000Z";
+    Certificate tooNew;
+    tooNew.notBefore = "20900101000000Z";
+    Certificate name;
+    name.host = "other.example";
+    Certificate authority;
+    authority.trusted = false;
+    for (const std::int64_t start : {INT64_C(5), INT64_C(4417977600)}) {  // 1970, and 2110
+        const ScriptedHttpServer good(answering(Response()), ScriptedHttpServer::Transport::Tls);
+        EXPECT_TRUE(reached(Certificate()));
+        const WallClock clock(start);
+        EXPECT_TRUE(reached(Certificate()));
+        EXPECT_FALSE(reached(name));
+        EXPECT_FALSE(reached(authority));
+    }
+    const WallClock clock(5);
+    EXPECT_TRUE(reached(expired));
+    EXPECT_TRUE(reached(tooNew));
+}
+
+/// Any other HTTPS request waits for the time, with a line; HTTP does not.
+TEST_F(NetworkHelperTest, WaitsForTheTimeWithOtherRequests) {
+    ::setenv("CURL_CA_BUNDLE", ScriptedHttpServer::caFile().c_str(), 1);
+    const ScriptedHttpServer server(answering(Response()), ScriptedHttpServer::Transport::Tls);
+    const ScriptedHttpServer plainServer(answering(Response()));
+    NetworkHelper helper;
+    {
+        const WallClock clock(5);
+        OutputCapture capture;
+        EXPECT_FALSE(helper.UrlRequest(server.url(), false, ""));
+        capture.stop();
+        EXPECT_TRUE(helper.waitsForTime());
+        EXPECT_EQ(plain(capture.err()),
+                  "kivNetwork: Request of " + server.url() +
+                      " not made: the time is not known, so no certificate can be judged\n");
+        EXPECT_EQ(server.requests().size(), 0U);
+        EXPECT_TRUE(NetworkHelper().UrlRequest(plainServer.url(), false, ""));
+    }
+    EXPECT_TRUE(helper.UrlRequest(server.url(), false, ""));
+    EXPECT_FALSE(helper.waitsForTime());
+}
+
+/// Where libcurl takes no judge of its own the option's refusal gets a line, and the system clock
+/// judges.
+TEST_F(NetworkHelperTest, LeavesTheJudgingToTheSystemClockWhereTheOptionIsRefused) {
+    ::setenv("CURL_CA_BUNDLE", ScriptedHttpServer::caFile().c_str(), 1);
+    const ScriptedHttpServer server(answering(Response()), ScriptedHttpServer::Transport::Tls);
+    AppClock::set(UtcTimeMs((::time(nullptr) + INT64_C(378691200)) * 1000));  // in 12 years
+    NetworkHooks hooks;
+    hooks.refuse(CURLOPT_SSL_CTX_FUNCTION);
+    OutputCapture capture;
+    EXPECT_TRUE(NetworkHelper().UrlRequest(server.url(), false, ""));
+    capture.stop();
+    EXPECT_EQ(plain(capture.err()),
+              std::string("kivNetwork: Option 20108 refused, curl_easy_setopt() failed: ") +
+                  curl_easy_strerror(CURLE_UNKNOWN_OPTION) + "\n");
 }
 
 // ---- When the name does not resolve --------------------------------------------------------
@@ -689,7 +889,11 @@ TEST_F(NetworkHelperResolveTest, PinsPort443ForHttps) {
     EXPECT_EQ(hooks.option(CURLOPT_RESOLVE).texts, Texts({m_host + ":443:127.0.0.1"}));
     EXPECT_EQ(plain(capture.err()),
               std::string("kivNetwork: No answer from server, curl_easy_perform() failed: ") +
-                  curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION) + "\n");
+                  curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION) + "\n" +
+                  detailLine("https://" + m_host + "/path", 0,
+                             "SSL: no alternative certificate subject name matches target host "
+                             "name '" +
+                                 m_host + "'"));
 }
 
 /// The results of the request before are cleared, also before the second try.
@@ -743,13 +947,42 @@ TEST_F(NetworkHelperResolveTest, GivesUpWhenPingPrintsNothing) {
                                         "kivNetwork:Ping got answer: \n"
                                         "kivNetwork:IP is : \n"
                                         "kivNetwork:IP is invalid, returning false...\n");
-    EXPECT_EQ(capture.err(), "");
+    EXPECT_EQ(plain(capture.err()), detailLine(m_url, 0, "Could not resolve host: " + m_host));
     EXPECT_FALSE(hooks.wasSet(CURLOPT_RESOLVE));
 }
 
 /// A ping that prints nothing ends the request: "IP is invalid, returning false...".
-TEST_F(NetworkHelperResolveTest, GivesUpSilentlyWhenPingPrintsNothing) {
-    EXPECT_EQ(errorsOf(m_url), "");
+TEST_F(NetworkHelperResolveTest, GivesUpWithTheDetailAloneWhenPingPrintsNothing) {
+    EXPECT_EQ(allErrorsOf(m_url), detailLine(m_url, 0, "Could not resolve host: " + m_host));
+}
+
+/// Ping is asked for the host without its port, and the address is pinned for that port.
+TEST_F(NetworkHelperResolveTest, AsksPingForTheHostWithoutItsPort) {
+    const ScriptedHttpServer server(answering(withBody("found")));
+    m_commands.setOutput("ping", "PING x (127.0.0.1)\n");
+    const std::string port = std::to_string(server.port());
+    const NetworkHooks hooks;
+    NetworkHelper helper;
+    EXPECT_TRUE(helper.UrlRequest("http://" + m_host + ":" + port + "/path", false, ""));
+    EXPECT_EQ(helper.data, "found");
+    EXPECT_EQ(m_commands.calls("ping"), Texts({"-c 1 " + m_host}));
+    EXPECT_EQ(hooks.option(CURLOPT_RESOLVE).texts, Texts({m_host + ":" + port + ":127.0.0.1"}));
+}
+
+/// The second try has what the first has left of the time.
+TEST_F(NetworkHelperResolveTest, LetsTheSecondTryHaveTheRestOfTheTime) {
+    Response silent;
+    silent.hang = true;
+    const ScriptedHttpServer server(answering(silent));
+    m_commands.setOutput("ping", "PING x (127.0.0.1)\n");
+    NetworkHelperPeer::limits().totalMs = 1000;
+    NetworkHooks hooks;
+    hooks.redirectPort(80, server.port());
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(NetworkHelper().UrlRequest(m_url, false, ""));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_LT(hooks.option(CURLOPT_TIMEOUT_MS).number, 1000);
+    EXPECT_GE(hooks.option(CURLOPT_TIMEOUT_MS).number, 1);
 }
 
 /// The shell is handed nothing but a host name.

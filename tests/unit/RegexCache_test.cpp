@@ -95,7 +95,7 @@ TEST_F(RegexCacheTest, RefusesTextsAbove512CharactersForBackReferences) {
     capture.stop();
     EXPECT_EQ(capture.errWithoutPrefixes(),
               "JsonFilterRule: Text of 513 characters is too long (limit 512) for a pattern with "
-              "back-references: (a)\\1*\n");
+              "back-references: (a)\\x5C1*\n");
 }
 
 /// Patterns above 1024 characters do not match and get a line.
@@ -110,6 +110,37 @@ TEST_F(RegexCacheTest, RefusesPatternsAbove1024Characters) {
     EXPECT_FALSE(RegexCachePeer::holds(std::string(1025, 'a')));
 }
 
+/// A back-reference and nested quantifiers in one pattern do not match and get a line: their time
+/// doubles with each character.
+TEST_F(RegexCacheTest, RefusesNestedQuantifiersWithABackReference) {
+    const std::string line =
+        "JsonFilterRule: Pattern has a back-reference and nested quantifiers: ";
+    const auto start = std::chrono::steady_clock::now();
+    OutputCapture capture;
+    EXPECT_FALSE(RegexCache::matches("(a+)+\\1b", std::string(500, 'a')));
+    EXPECT_FALSE(RegexCache::matches("(x)(?:a?b)*\\1", "xx"));
+    EXPECT_TRUE(RegexCache::matches("(a+)\\1b+", "aaaab")) << "none stands within another";
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(), line + "(a+)+\\x5C1b\n" + line + "(x)(?:a?b)*\\x5C1\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_FALSE(RegexCachePeer::holds("(a+)+\\1b"));
+}
+
+/// Counted repetitions that multiply to more than 2000 do not match and get a line.
+TEST_F(RegexCacheTest, RefusesRepetitionsThatMultiplyToMoreThan2000) {
+    const std::string line = "JsonFilterRule: Pattern repeats a part ";
+    OutputCapture capture;
+    EXPECT_TRUE(RegexCache::matches("(?:a{20}){100}", std::string(2000, 'a')));
+    EXPECT_FALSE(RegexCache::matches("(?:a{3}){667}", std::string(2001, 'a')));
+    EXPECT_FALSE(RegexCache::matches("((a?){100}){160}", std::string(8000, 'a')));
+    EXPECT_FALSE(RegexCache::matches("a{4000000000}", "a"));
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              line + "2001 times (limit 2000): (?:a{3}){667}\n" + line +
+                  "16000 times (limit 2000): ((a?){100}){160}\n" + line +
+                  "1000000 times (limit 2000): a{4000000000}\n");
+}
+
 /// Many threads may match at once; every line carries the diagnostic prefix.
 TEST_F(RegexCacheTest, ItsLinesCarryTheDiagnosticPrefix) {
     OutputCapture capture;
@@ -118,7 +149,7 @@ TEST_F(RegexCacheTest, ItsLinesCarryTheDiagnosticPrefix) {
     capture.stop();
     EXPECT_EQ(prefixedLines(capture.err(), "JsonFilterRule: "),
               "JsonFilterRule: Text of 513 characters is too long (limit 512) for a pattern with "
-              "back-references: (a)\\1*\n"
+              "back-references: (a)\\x5C1*\n"
               "JsonFilterRule: Pattern of 1025 characters is too long (limit 1024): " +
                   std::string(64, 'a') + "...\n");
 }

@@ -4,14 +4,17 @@
 #include "support/FakeCommands.h"
 #include "support/NetworkHooks.h"
 #include "support/OutputCapture.h"
+#include "support/ShellCommandPeer.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -23,6 +26,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
@@ -43,6 +47,15 @@ std::vector<int> pipesBeingRead() {
         if ((::fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY) pipes.push_back(fd);
     }
     return pipes;
+}
+
+/// Whether the process is there and has not ended.
+bool isRunning(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string id;
+    std::string name;
+    std::string state;
+    return stat >> id >> name >> state && state != "Z";
 }
 
 /// `Exec` gives the whole standard output and not the standard error.
@@ -85,7 +98,7 @@ TEST(ExecTest, TakesOutputLongerThanItsBuffer) {
 /// `Exec` throws "popen() failed!" and leaves no descriptor open.
 TEST(ExecTest, ThrowsWhenTheCommandDoesNotStart) {
     NetworkHooks hooks;
-    hooks.failPopen();
+    hooks.failCommands();
     try {
         Exec("true");
         FAIL() << "no exception";
@@ -124,6 +137,52 @@ TEST(ExecTest, CommandsStartedMeanwhileDoNotInheritThePipe) {
     EXPECT_EQ(output.get(), "begins\nends");
 }
 
+/// A command that does not end is killed at its limit, with what it started; what it printed is its
+/// output, and no process is left behind.
+TEST(ExecTest, KillsACommandThatDoesNotEnd) {
+    const TempDir directory;
+    const std::string pids = directory.file("pids");
+    const std::string command = "echo begins; sleep 100 & echo $$ $! > '" + pids + "'; wait";
+    const ShellCommandPeer limit(std::chrono::milliseconds(300));
+    OutputCapture capture;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Exec(command.c_str()), "begins\n");
+    capture.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_EQ(capture.errWithoutPrefixes(), "kivNetwork:Command " + command +
+                                                " killed: it ran longer than 300ms, or printed too "
+                                                "much\n");
+    std::istringstream started(directory.read("pids"));
+    int processes = 0;
+    for (pid_t pid = 0; started >> pid; ++processes) {
+        EXPECT_TRUE(WaitUntil([&] { return !isRunning(pid); })) << pid;
+    }
+    EXPECT_EQ(processes, 2);
+}
+
+/// A command that closes its output and does not end is killed too.
+TEST(ExecTest, KillsACommandThatClosesItsOutputAndDoesNotEnd) {
+    const ShellCommandPeer limit(std::chrono::milliseconds(300));
+    OutputCapture quiet;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Exec("echo ends; exec >&-; sleep 100"), "ends\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "no child is left";
+}
+
+/// A command that prints without end is killed at 1 MiB.
+TEST(ExecTest, KillsACommandThatPrintsWithoutEnd) {
+    OutputCapture quiet;
+    const std::string output = Exec("yes");
+    EXPECT_GT(output.size(), 1048576u);
+    EXPECT_LT(output.size(), 1048576u + 8192u);
+}
+
+/// A ping may take 15 s.
+TEST(ExecTest, LetsACommandRunFor15Seconds) {
+    EXPECT_EQ(ShellCommandPeer::limit(), std::chrono::seconds(15));
+}
+
 // --- ping and ifconfig --------------------------------------------------------------------------
 
 using Texts = std::vector<std::string>;
@@ -133,7 +192,7 @@ class ShellCommandTest : public ::testing::Test {
     static std::string errorsOf(const std::function<void()>& action) {
         OutputCapture capture;
         NetworkHooks hooks;
-        hooks.failPopen();
+        hooks.failCommands();
         action();
         capture.stop();
         EXPECT_EQ(capture.out(), "");

@@ -5,8 +5,11 @@
 #include <string>
 #include <vector>
 
+#include <cerrno>
+
 #include <sqlite3.h>
 
+#include "support/StoreFaults.h"
 #include "support/StoreTest.h"
 
 namespace {
@@ -191,6 +194,68 @@ TEST_F(SqlConnectionTest, KnowsWhetherTheLastStatementMetALock) {
     EXPECT_FALSE(connection.metLock());
 }
 
+/// Whether the last executed statement failed for a reason that may pass is known; without an open
+/// file it may.
+TEST_F(SqlConnectionTest, KnowsWhetherTheLastFailureMayPass) {
+    EXPECT_TRUE(connection.failedForNow()) << "nothing is open";
+    openIt();
+    OutputCapture capture;
+    execute("CREATE TABLE T(a)");
+    EXPECT_FALSE(connection.failedForNow());
+    execute("x");
+    EXPECT_FALSE(connection.failedForNow());
+    PlainDatabase locker(path);
+    locker.run("BEGIN IMMEDIATE");
+    execute("INSERT INTO T VALUES(1)");
+    EXPECT_TRUE(connection.failedForNow());
+}
+
+/// It is in use while it has a statement or a transaction.
+TEST_F(SqlConnectionTest, KnowsWhetherItIsInUse) {
+    EXPECT_FALSE(connection.isInUse());
+    openIt();
+    EXPECT_FALSE(connection.isInUse());
+    {
+        const SqlStatement statement = connection.prepare("SELECT 1");
+        EXPECT_TRUE(connection.isInUse());
+    }
+    EXPECT_FALSE(connection.isInUse());
+    execute("BEGIN");
+    EXPECT_TRUE(connection.isInUse());
+}
+
+/// A statement ends where it is told to stop, and runs again afterwards.
+TEST_F(SqlConnectionTest, AStatementEndsWhereItIsToldTo) {
+    const std::string endless =
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n) SELECT MAX(i) FROM n";
+    openIt();
+    int questions = 0;
+    connection.runWhile([&questions] { return ++questions < 5; });
+    EXPECT_EQ(connection.prepare(endless).step(), SQLITE_INTERRUPT);
+    EXPECT_EQ(questions, 5);
+    connection.runWhile(nullptr);
+    EXPECT_EQ(connection.prepare("SELECT 1").step(), SQLITE_ROW);
+}
+
+/// A change is on the disk after a flush, so that a full one is noticed before the commit.
+TEST_F(SqlConnectionTest, AFlushMeetsWhatTheCommitWouldMeet) {
+    EXPECT_EQ(connection.flush(), SQLITE_MISUSE) << "nothing is open";
+    openIt();
+    execute("CREATE TABLE T(a)");
+    execute("BEGIN; INSERT INTO T VALUES(zeroblob(100000))");
+    EXPECT_EQ(connection.flush(), SQLITE_OK);
+    execute("INSERT INTO T VALUES(zeroblob(100000))");
+    StoreFaults faults;
+    faults.failEach(StoreFaults::Call::Write, ENOSPC);
+    EXPECT_NE(connection.flush(), SQLITE_OK);
+}
+
+/// A text longer than any store is refused, whoever wrote it into the file.
+TEST_F(SqlConnectionTest, NoTextIsTooLongForTheMemory) {
+    openIt();
+    EXPECT_EQ(connection.prepare("SELECT zeroblob(5000000)").step(), SQLITE_TOOBIG);
+}
+
 // --- damage ---
 
 /// Each statement tells of a damaged file: executed, prepared or stepped.
@@ -208,7 +273,7 @@ TEST_F(SqlConnectionTest, AStepThatMeetsADamagedPageTellsOfIt) {
 TEST_F(SqlConnectionTest, APreparedStatementTellsOfAFileThatIsNotADatabase) {
     dir.write("Db", std::string(8192, 'x'));
     openIt();
-    EXPECT_FALSE(connection.foundDamage()) << "opening reads nothing";
+    EXPECT_TRUE(connection.foundDamage()) << "the set-up reads the header";
     EXPECT_FALSE(connection.prepare("SELECT a FROM T").isPrepared());
     EXPECT_TRUE(connection.foundDamage());
 }
@@ -323,6 +388,8 @@ TEST_F(SqlTransactionTest, ATransactionThatCannotBeginEndsNothing) {
 
 /// A transaction that SQLite ended by itself counts as ended.
 TEST_F(SqlTransactionTest, ATransactionThatSqliteEndedCountsAsEnded) {
+    sqlite3_db_config(SqlConnectionPeer::handle(connection), SQLITE_DBCONFIG_ENABLE_TRIGGER, 1,
+                      nullptr);
     execute("CREATE TRIGGER No BEFORE INSERT ON T BEGIN SELECT RAISE(ROLLBACK,'all gone'); END");
     OutputCapture capture;
     SqlConnection::Transaction transaction(connection, "BEGIN IMMEDIATE", counting());

@@ -31,6 +31,26 @@ class SqlStatementTest : public ::testing::Test {
     std::unique_ptr<sqlite3, Close> connection;
 };
 
+/// A value goes from one row into another statement as it is, with its type.
+TEST_F(SqlStatementTest, CarriesAValueOverWithItsType) {
+    run("INSERT INTO T VALUES(1, 'text'), (2.5, NULL), (x'00ff', '')");
+    SqlStatement rows(connection.get(), "SELECT a, b FROM T ORDER BY ROWID");
+    const int types[][2] = {
+        {SQLITE_INTEGER, SQLITE_TEXT}, {SQLITE_FLOAT, SQLITE_NULL}, {SQLITE_BLOB, SQLITE_TEXT}};
+    for (const auto& expected : types) {
+        ASSERT_EQ(rows.step(), SQLITE_ROW);
+        SqlStatement copy(connection.get(), "SELECT ?1, ?2");
+        copy.bindColumn(1, rows, 0);
+        copy.bindColumn(2, rows, 1);
+        ASSERT_EQ(copy.step(), SQLITE_ROW);
+        for (int column = 0; column < 2; ++column) {
+            EXPECT_EQ(rows.columnType(column), expected[column]);
+            EXPECT_EQ(copy.columnType(column), expected[column]);
+            EXPECT_EQ(copy.columnText(column), rows.columnText(column));
+        }
+    }
+}
+
 /// Bound values come back unaltered, quotes and NUL characters included.
 TEST_F(SqlStatementTest, ReturnsWhatWasBound) {
     SqlStatement insert(connection.get(), "INSERT INTO T VALUES(?1, ?2)");

@@ -12,6 +12,8 @@
 #include <string>
 #include <thread>
 
+#include <cerrno>
+
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -24,11 +26,14 @@
 #include "support/KivTest.h"
 #include "support/MiddlewareTimePeer.h"
 #include "support/OutputCapture.h"
+#include "support/StoreFaults.h"
 #include "support/TaggedLines.h"
 #include "support/TempDir.h"
 #include "support/TimeMgrImplPeer.h"
 #include "support/TimePipe.h"
 #include "support/WaitUntil.h"
+
+#include <sqlite3.h>
 
 namespace {
 
@@ -102,9 +107,6 @@ class OpenTimeMgrTest : public TimeMgrImplTest {
         m_manager->setDBPath(dbPath());
         m_manager->setAutoUpdateSystemTime(false);
     }
-
-    /// Makes the store unusable under the open connection.
-    void breakStore() const { std::ofstream(dbPath(), std::ios::trunc) << "no database at all"; }
 };
 
 // --- names --------------------------------------------------------------------------------------
@@ -385,11 +387,50 @@ TEST_F(OpenTimeMgrTest, AFailedStoringCallsTheErrorCallbackWithoutALock) {
     });
     m_manager->setTime(TimeSourceWeb, kRef, kTime);
     EXPECT_EQ(calls, 0);
-    breakStore();
+    StoreFaults faults;
+    faults.failEach(StoreFaults::Call::Write, EIO);
     OutputCapture quiet;
     m_manager->setTime(TimeSourceWeb, kRef, kTime + 10 * kMinute);
     quiet.stop();
     EXPECT_EQ(calls, 1);
+}
+
+/// A start time that the store does not take holds in memory, for its cycle and its source, and for
+/// the application clock.
+TEST_F(OpenTimeMgrTest, AStartTimeThatIsNotStoredHoldsInMemory) {
+    const OutputCapture quiet;
+    StoreFaults faults;
+    faults.failEach(StoreFaults::Call::Write, EIO);
+    m_manager->setTime(TimeSourceWeb, kRef, kTime + 10 * kMinute);
+    EXPECT_EQ(m_manager->getTime(TimeSourceWeb, kRef), kTime + 10 * kMinute);
+    EXPECT_EQ(m_manager->getPreferredTimeSource(kRef), TimeSourceWeb);
+    EXPECT_EQ(m_manager->getTime(TimeSourceSystem, kRef), 0);
+    TimeReference other = kRef;
+    other.standbyCount += 1;
+    EXPECT_EQ(m_manager->getTime(TimeSourceWeb, other), 0);
+    EXPECT_EQ(AppClockPeer::asSet().tv_sec, (kTime + 10 * kMinute) / 1000);
+    m_manager->setTime(TimeSourceWeb, kRef, 0);
+    EXPECT_EQ(m_manager->getTime(TimeSourceWeb, kRef), 0) << "forgotten";
+}
+
+/// What holds in memory is stored by the next report, however small the change, once the store
+/// takes it.
+TEST_F(OpenTimeMgrTest, WhatHoldsInMemoryIsStoredByTheNextReport) {
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(dbPath().c_str(), &other), SQLITE_OK);
+    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> owner(other, sqlite3_close);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    OutputCapture capture;
+    m_manager->setTime(TimeSourceWeb, kRef, kTime);
+    capture.stop();
+    EXPECT_NE(capture.err().find("Can't Insert into table TimeOffsets"), std::string::npos);
+    EXPECT_EQ(m_manager->getTime(TimeSourceWeb, kRef), kTime);
+    ASSERT_EQ(sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr), SQLITE_OK);
+    EXPECT_EQ(storedStart(TimeSourceWeb), 0);
+    m_manager->setTime(TimeSourceWeb, kRef, kTime + 1);
+    EXPECT_EQ(storedStart(TimeSourceWeb), kTime + 1 - kRef.kernelTime);
+    m_manager->setTime(TimeSourceWeb, kRef, kTime + 2);
+    EXPECT_EQ(storedStart(TimeSourceWeb), kTime + 1 - kRef.kernelTime) << "no longer in memory";
 }
 
 /// A failed storing, or a store in error, calls the error callback, without a lock.

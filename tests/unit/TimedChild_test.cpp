@@ -8,14 +8,17 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
 #include "support/TempDir.h"
 #include "support/TimedChildPeer.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -36,8 +39,10 @@ class TimedChildTest : public KivTest {
         return child;
     }
 
+    /// Not for ever, so that a child that nobody ends fails its test.
     static bool hang() {
-        for (;;) ::pause();
+        ::sleep(kLimit);
+        return true;
     }
 
     const TempDir dir;
@@ -176,6 +181,77 @@ TEST_F(TimedChildTest, KillsAChildThatHangsAndReapsIt) {
     EXPECT_EQ(lines.substr(lines.find('\n') + 1),
               "kivAWSWrapper: Child did not exit normally: status=9\n");
     EXPECT_FALSE(hasChildren());
+}
+
+/// The child ends by an alarm of its own, a little after the limit, should the daemon's not come.
+TEST_F(TimedChildTest, GivesTheChildAnAlarmOfItsOwnALittleAfterTheLimit) {
+    EXPECT_TRUE(
+        TimedChild::run([] { return ::alarm(0) == kLimit + TimedChildPeer::kGrace; }, kLimit));
+}
+
+/// The child ends by an alarm of its own, a little after the limit, should the daemon's not come.
+TEST_F(TimedChildTest, EndsTheChildByItsOwnAlarmWhenTheDaemonsDoesNotCome) {
+    sigset_t alarm;
+    ::sigemptyset(&alarm);
+    ::sigaddset(&alarm, SIGALRM);
+    sigset_t before;
+    ::pthread_sigmask(SIG_BLOCK, &alarm, &before);  // in the only thread
+    TimedChildPeer::setGrace(1);
+    OutputCapture output;
+    EXPECT_FALSE(TimedChild::run(hang, 1));
+    output.stop();
+    const timespec atOnce = {};
+    ::sigtimedwait(&alarm, nullptr, &atOnce);  // the daemon's, which nobody has taken
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivAWSWrapper: Child did not exit normally: status=14\n");
+    EXPECT_FALSE(hasChildren());
+}
+
+/// No child outlives the daemon, however that ends: the kernel kills it.
+TEST_F(TimedChildTest, LetsNoChildOutliveTheDaemon) {
+    // The child of a killed daemon becomes this process's, which sees how it ends.
+    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    const pid_t daemon = ::fork();
+    if (daemon == 0) {
+        TimedChild::run(
+            [this] {
+                dir.write("child", std::to_string(::getpid()) + "\n");
+                return hang();
+            },
+            kLimit);
+        ::_exit(99);
+    }
+    const auto told = [this] { return dir.has("child") && dir.read("child").back() == '\n'; };
+    ASSERT_TRUE(WaitUntil([&] { return told(); }));
+    const pid_t child = std::stoi(dir.read("child"));
+    ::kill(daemon, SIGKILL);
+    int status = 0;
+    EXPECT_EQ(::waitpid(daemon, &status, 0), daemon);
+    const bool ended = WaitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; });
+    ::prctl(PR_SET_CHILD_SUBREAPER, 0);
+    if (!ended) ::kill(child, SIGKILL);
+    ASSERT_TRUE(ended);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+}
+
+/// No child outlives the daemon, however that ends: one whose daemon is gone before the kernel is
+/// told does not begin.
+TEST_F(TimedChildTest, DoesNotBeginTheWorkOfADaemonThatIsGone) {
+    const pid_t orphan = ::fork();
+    if (orphan == 0) {
+        TimedChildPeer::runInChild(
+            [this] {
+                dir.write("begun", "");
+                return true;
+            },
+            ::getppid() + 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(orphan, &status, 0), orphan);
+    EXPECT_EQ(status, 0) << "a failure";
+    EXPECT_FALSE(dir.has("begun"));
 }
 
 /// After a kill the next child runs, without an alarm left.

@@ -11,7 +11,9 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -319,6 +321,47 @@ TEST(TimerQueue, FarDelaysDoNotOverflow) {
     EXPECT_TRUE(queue.cancel(1));
     ASSERT_TRUE(recorder.waitFor(2));
     EXPECT_EQ(recorder.calls()[1], (Call{true, 1, 0}));
+}
+
+/// Items that were due before the machine was switched on keep their order, too.
+TEST(TimerQueue, KeepsTheOrderOfItemsOverdueByMoreThanTheUptime) {
+    constexpr long long kYear = 365LL * 86400 * 1000;
+    Recorder recorder;
+    TimerQueue queue;
+    Gate gate(queue);
+    Calls expected;
+    for (unsigned int years = 40; years > 0; --years) expected.push_back({false, years, 0});
+    for (const unsigned int start : {1U, 2U, 0U}) {
+        for (unsigned int years = 40; years > 0; --years) {
+            if (years % 3 == start) queue.add(-kYear * years, years, 0, recorder.handler());
+        }
+    }
+    gate.open();
+    ASSERT_TRUE(recorder.waitFor(40));
+    EXPECT_EQ(recorder.calls(), expected);
+}
+
+/// A handler that throws gets a line, and the next ones are called.
+TEST(TimerQueue, SurvivesAHandlerThatThrows) {
+    Recorder recorder;
+    OutputCapture capture;
+    {
+        TimerQueue queue;
+        Gate gate(queue);
+        queue.add(0, 1, 0, [](bool, unsigned int, int) { throw std::runtime_error("no room"); });
+        queue.add(1, 2, 0, [](bool, unsigned int, int) { throw 5; });
+        queue.add(2, 3, 0, recorder.handler());
+        gate.open();
+        ASSERT_TRUE(recorder.waitFor(1));
+        queue.add(kMinutes, 4, 0, [](bool, unsigned int, int) { throw std::bad_alloc(); });
+    }
+    capture.stop();
+    const std::string lines = capture.errWithoutPrefixes();
+    const std::string first =
+        "TimerQueue: A handler failed: no room\nTimerQueue: A handler failed\n"
+        "TimerQueue: A handler failed: ";
+    EXPECT_EQ(lines.substr(0, first.size()), first);
+    EXPECT_EQ(recorder.calls(), (Calls{{false, 3, 0}}));
 }
 
 /// Delays of any size do not overflow; negative ones are due at once.

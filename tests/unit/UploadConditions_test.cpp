@@ -1,12 +1,17 @@
 #include "UploadConditions.h"
 
+#include "support/UploadConditionsPeer.h"
 #include "support/UploadRooms.h"
 
 namespace {
 
 class UploadConditionsTest : public UploadRooms {
   protected:
-    bool met() { return UploadConditions::areMet(config, reports); }
+    using Verdict = UploadConditions::Verdict;
+
+    bool met() { return conditions.check(config) == Verdict::Met; }
+
+    UploadConditions conditions{store, reports};
 };
 
 }  // namespace
@@ -50,6 +55,34 @@ TEST_F(UploadConditionsTest, AreNotMetWithADatabaseInErrorWhichIsReported) {
     EXPECT_FALSE(met());
     EXPECT_EQ(records().size(), 1u);
     EXPECT_TRUE(DatabaseReportsPeer::errorEventSent(reports));
+}
+
+/// A store in error that works is no longer in error, and the next verdict is that of the other
+/// conditions, even if an event has failed meanwhile.
+TEST_F(UploadConditionsTest, AreToBeAskedAgainForAStoreThatWorks) {
+    DB::m_dbError = true;
+    EXPECT_EQ(conditions.check(config), Verdict::AskAgain);
+    EXPECT_FALSE(DB::m_dbError);
+    DB::m_dbError = true;
+    EXPECT_EQ(conditions.check(config), Verdict::Met);
+    EXPECT_EQ(conditions.check(config), Verdict::AskAgain) << "asked again";
+    configure(R"({"kiv_tou": false})");
+    EXPECT_EQ(conditions.check(config), Verdict::NotMet);
+}
+
+/// A store that fails is asked once a minute.
+TEST_F(UploadConditionsTest, AreToBeAskedLaterForAStoreThatFails) {
+    std::shared_ptr<sqlite3> locked = lockStore();
+    DB::m_dbError = true;
+    OutputCapture output;
+    EXPECT_EQ(conditions.check(config), Verdict::AskLater);
+    locked.reset();
+    EXPECT_EQ(conditions.check(config), Verdict::NotMet) << "within the minute";
+    EXPECT_TRUE(DB::m_dbError);
+    UploadConditionsPeer::letAMinutePass(conditions);
+    EXPECT_EQ(conditions.check(config), Verdict::AskAgain);
+    output.stop();
+    EXPECT_FALSE(DB::m_dbError);
 }
 
 /// Now is UTC in seconds by the time manager, 0 when that does not know.

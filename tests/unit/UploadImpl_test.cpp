@@ -179,10 +179,11 @@ TEST_F(UploadImplTest, SurvivesAJobThatThrows) {
     config->RegisterCallback(nullptr);
     EXPECT_EQ(output.errWithoutPrefixes(),
               "kivUpload: Message 3 failed: out of order\nkivUpload: Message 3 failed\n");
+    EXPECT_EQ((UploadImplPeer::pendingDelay(*upload, 3) + 999) / 1000, 60) << "the next try";
 }
 
-/// A job that threw is tried again: events by the time check in 5 minutes, files and the
-/// initialization in one.
+/// A job that threw is tried again: events by the time check in 5 minutes, files, the refresh of
+/// the configuration and the initialization in one.
 TEST_F(UploadImplTest, AsksForTheNextTryOfAJobThatThrew) {
     const auto delayAfter = [this](int job, const std::string& firstLine, int next) {
         UploadImpl::SetVerbose(true);
@@ -193,6 +194,7 @@ TEST_F(UploadImplTest, AsksForTheNextTryOfAJobThatThrew) {
     OutputCapture errors;
     EXPECT_EQ(delayAfter(1, "uploadEvents request", 4), 300);
     EXPECT_EQ(delayAfter(2, "uploadFiles request", 2), 60);
+    EXPECT_EQ(delayAfter(3, "configRefresh request", 3), 60);
     EXPECT_EQ(delayAfter(5, "Initializ", 5), 60);
     upload->ScheduleEventsTimeCheck(1000);
     EXPECT_EQ(delayAfter(4, "eventsTimeCheck request", 4), 300);

@@ -48,10 +48,18 @@ class WaitingEventsTest : public ::testing::Test {
         return types;
     }
 
+    /// Has the store take the next batch; nothing was dropped before.
+    WaitingEvents::Progress storeWith(const WaitingEvents::Store& store) {
+        return m_waiting.storeBatch(store, [](const EventPruner::Range&) {
+            ADD_FAILURE() << "nothing is to be named";
+            return true;
+        });
+    }
+
     /// Stores the next batch whole. @return the types that the store was given
     Types storeBatch() {
         Types given;
-        m_progress = m_waiting.storeBatch([&](const Rows& rows) {
+        m_progress = storeWith([&](const Rows& rows) {
             given = typesOf(rows);
             return rows.size();
         });
@@ -60,7 +68,7 @@ class WaitingEventsTest : public ::testing::Test {
 
     /// Stores the next batch, and does `meanwhile` on another thread before that is done.
     void storeBatchAnd(const std::function<void()>& meanwhile) {
-        m_waiting.storeBatch([&](const Rows& rows) {
+        storeWith([&](const Rows& rows) {
             onAnotherThread(meanwhile);
             return rows.size();
         });
@@ -112,7 +120,7 @@ TEST_F(WaitingEventsTest, WaitsWithTheEventThatMakesABatch) {
     add("first");
     std::atomic<std::size_t> added{0};
     std::thread adder;
-    m_waiting.storeBatch([&](const Rows& rows) {
+    storeWith([&](const Rows& rows) {
         adder = std::thread([&] {
             for (; added < WaitingEvents::kMostOfABatch; ++added)
                 add("later", Handover::MaySetAside);
@@ -132,7 +140,7 @@ TEST_F(WaitingEventsTest, WaitsForTheBatchWhereItIsTold) {
     add("a");
     std::atomic<bool> added{false};
     std::thread adder;
-    m_waiting.storeBatch([&](const Rows& rows) {
+    storeWith([&](const Rows& rows) {
         adder = std::thread([&] {
             add("b", Handover::Wait);
             added = true;
@@ -165,7 +173,7 @@ TEST_F(WaitingEventsTest, MakesTheRowsOfTheEvents) {
     m_waiting.add(JsonObject::parse(full), Handover::Wait);
     m_waiting.add(JsonObject::parse("{}"), Handover::Wait);
     Rows given;
-    m_waiting.storeBatch([&](const Rows& rows) {
+    storeWith([&](const Rows& rows) {
         given = rows;
         return rows.size();
     });
@@ -200,7 +208,7 @@ TEST_F(WaitingEventsTest, StoresABacklogInFullBatches) {
 /// What a batch leaves goes into the next one, alone.
 TEST_F(WaitingEventsTest, StoresTheRestOfABatchAheadOfTheOthers) {
     for (const char* type : {"a", "b", "c"}) add(type);
-    const auto progress = m_waiting.storeBatch([](const Rows&) { return std::size_t{2}; });
+    const auto progress = storeWith([](const Rows&) { return std::size_t{2}; });
     EXPECT_EQ(progress.taken, 2u);
     EXPECT_TRUE(progress.more);
     EXPECT_EQ(m_waiting.size(), 1u);
@@ -212,7 +220,8 @@ TEST_F(WaitingEventsTest, StoresTheRestOfABatchAheadOfTheOthers) {
 /// What the store does not take now, or throws at, stays, and is stored once later.
 TEST_F(WaitingEventsTest, KeepsWhatTheStoreDoesNotTakeNow) {
     add("a");
-    const auto progress = m_waiting.storeBatch([](const Rows&) { return std::size_t{0}; });
+    const OutputCapture capture;
+    const auto progress = storeWith([](const Rows&) { return std::size_t{0}; });
     EXPECT_EQ(progress.taken, 0u);
     EXPECT_FALSE(progress.more) << "not at once";
     EXPECT_EQ(m_waiting.size(), 1u);
@@ -224,9 +233,8 @@ TEST_F(WaitingEventsTest, KeepsWhatTheStoreDoesNotTakeNow) {
 TEST_F(WaitingEventsTest, KeepsWhatTheStoreThrowsAt) {
     add("a");
     add("b");
-    EXPECT_THROW(
-        m_waiting.storeBatch([](const Rows&) -> std::size_t { throw std::runtime_error("no"); }),
-        std::runtime_error);
+    EXPECT_THROW(storeWith([](const Rows&) -> std::size_t { throw std::runtime_error("no"); }),
+                 std::runtime_error);
     EXPECT_EQ(m_waiting.size(), 2u) << "and the lock is free";
     EXPECT_EQ(storeBatch(), (Types{"a", "b"}));
     EXPECT_EQ(storeBatch(), Types{});
@@ -234,7 +242,7 @@ TEST_F(WaitingEventsTest, KeepsWhatTheStoreThrowsAt) {
 
 /// With nothing in the queue the store is not asked.
 TEST_F(WaitingEventsTest, DoesNotAskTheStoreForNothing) {
-    const auto progress = m_waiting.storeBatch([](const Rows&) -> std::size_t {
+    const auto progress = storeWith([](const Rows&) -> std::size_t {
         ADD_FAILURE() << "asked";
         return 0;
     });
@@ -267,7 +275,7 @@ TEST_F(WaitingEventsTest, TellsOfEachEventOnceWhenVerbose) {
     add("a");
     add("b");
     OutputCapture capture;
-    m_waiting.storeBatch([](const Rows&) { return std::size_t{1}; });
+    storeWith([](const Rows&) { return std::size_t{1}; });
     storeBatch();
     capture.stop();
     EXPECT_EQ(capture.out(),
@@ -278,7 +286,7 @@ TEST_F(WaitingEventsTest, TellsOfEachEventOnceWhenVerbose) {
 /// What is discarded is not stored, the rest of a batch neither.
 TEST_F(WaitingEventsTest, DiscardsWhatWaits) {
     for (const char* type : {"a", "b", "c"}) add(type);
-    m_waiting.storeBatch([](const Rows&) { return std::size_t{1}; });
+    storeWith([](const Rows&) { return std::size_t{1}; });
     m_waiting.discard();
     EXPECT_EQ(m_waiting.size(), 0u);
     add("d");

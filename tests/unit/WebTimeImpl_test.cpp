@@ -1,20 +1,25 @@
 #include "WebTimeImpl.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 
+#include "AppClock.h"
 #include "CGlobalInfoImpl.h"
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
 #include "support/CredentialsPeer.h"
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
+#include "support/RetryPausePeer.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TaggedLines.h"
 #include "support/TempDir.h"
 #include "support/TimeMgrImplPeer.h"
+#include "support/WallClock.h"
+#include "support/WebTimeImplPeer.h"
 
 namespace {
 
@@ -126,11 +131,99 @@ TEST_F(WebTimeImplTest, SendsTheKeyAndNoDeviceHeaders) {
     EXPECT_FALSE(request.hasHeader("X-currentTou"));
 }
 
-/// The Date of an error answer will do.
-TEST_F(WebTimeImplTest, TheDateOfAnErrorAnswerWillDo) {
-    m_answer.status = 500;
+/// An answer with an HTTP status other than 200 to 299 counts as a failed request.
+TEST_F(WebTimeImplTest, TheDateOfABadAnswerIsNotTaken) {
+    for (const int status : {302, 400, 403, 500}) {
+        m_answer.status = status;
+        EXPECT_EQ(errors(), "kivwebtime: Time could not be retrieved from server\n");
+        WebTimeImplPeer::pause().forget();
+    }
+    EXPECT_EQ(requests(), 4u);
+    EXPECT_FALSE(getWebTime());
+}
+
+/// After a failed request the next follows no sooner than 10 s, doubling to 300 s; a success ends
+/// that.
+TEST_F(WebTimeImplTest, PausesAfterAFailedRequest) {
+    m_answer.headers.clear();
+    EXPECT_FALSE(getWebTime());
+    std::size_t asked = 1;
+    for (const std::int64_t pause : {10000, 20000, 40000, 80000, 160000, 300000, 300000}) {
+        const std::int64_t left = WebTimeImplPeer::pause().leftMs();
+        EXPECT_LE(left, pause);
+        EXPECT_GT(left, pause - 5000);
+        RetryPausePeer::pass(WebTimeImplPeer::pause(), pause - 5000);
+        EXPECT_FALSE(getWebTime());
+        EXPECT_EQ(requests(), asked) << "within the pause";
+        RetryPausePeer::pass(WebTimeImplPeer::pause(), 5000);
+        EXPECT_FALSE(getWebTime());
+        EXPECT_EQ(requests(), ++asked);
+    }
+    m_answer.headers = {{"Date", kDate}};
+    RetryPausePeer::pass(WebTimeImplPeer::pause(), 300000);
     EXPECT_FALSE(getWebTime());
     EXPECT_TRUE(getWebTime());
+    EXPECT_EQ(WebTimeImplPeer::pause().leftMs(), 0);
+}
+
+/// A time that cannot be now begins the pause too.
+TEST_F(WebTimeImplTest, PausesAfterATimeThatCannotBeNow) {
+    m_answer.headers = {{"Date", "Sun, 31 Jul 2016 23:59:59 GMT"}};
+    EXPECT_FALSE(getWebTime());
+    EXPECT_FALSE(getWebTime());
+    EXPECT_EQ(requests(), 1u);
+}
+
+/// A time that the store does not take is known all the same: one request, and the application
+/// clock is set.
+TEST_F(WebTimeImplTest, ATimeThatCannotBeStoredIsKnownForThisRun) {
+    OutputCapture capture;
+    m_time->setDBPath(m_dir.file("missing/Db"));
+    EXPECT_FALSE(m_webTime->getWebTime());
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(m_webTime->getWebTime());
+    capture.stop();
+    EXPECT_EQ(requests(), 1u);
+    EXPECT_GE(m_webTime->getWebTimeValue(), kDateMs / 1000);
+    const auto now = std::chrono::system_clock::to_time_t(AppClock::now());
+    EXPECT_GE(now, kDateMs / 1000);
+    EXPECT_LT(now, kDateMs / 1000 + 60);
+}
+
+/// A date that 32 bits cannot hold gets a line, and nothing is stored.
+TEST_F(WebTimeImplTest, ADateOutside32BitsGetsALine) {
+    m_answer.headers = {{"Date", "Mon, 01 Jan 2110 00:00:00 GMT"}};
+    OutputCapture capture;
+    EXPECT_FALSE(m_webTime->getWebTime());
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "UtcTime: Failed to parse time: Mon, 01 Jan 2110 00:00:00 GMT\n");
+    EXPECT_EQ(m_time->getTime(TimeSourceWeb, TimeReference()), 0);
+}
+
+/// The request goes out while the time is not known: dates alone are not held against the server's
+/// certificate, but another name, another authority are.
+TEST_F(WebTimeImplTest, AsksAServerWhoseCertificateIsNotValidInTheYearOfTheSet) {
+    ::setenv("CURL_CA_BUNDLE", ScriptedHttpServer::caFile().c_str(), 1);
+    const auto script = [this](const ScriptedHttpServer::Request&) { return m_answer; };
+    for (const std::int64_t start : {INT64_C(5), INT64_C(4417977600)}) {  // 1970, and 2110
+        const WallClock clock(start);
+        for (const bool otherHost : {true, false}) {
+            ScriptedHttpServer::Certificate bad;
+            if (otherHost) bad.host = "other.example";
+            bad.trusted = otherHost;
+            const ScriptedHttpServer wrong(script, bad);
+            CredentialsPeer::setWebTimeUrl(wrong.url("/time"));
+            EXPECT_FALSE(getWebTime());
+            EXPECT_EQ(wrong.requests().size(), 0u);
+            WebTimeImplPeer::pause().forget();
+        }
+        const ScriptedHttpServer right(script, ScriptedHttpServer::Transport::Tls);
+        CredentialsPeer::setWebTimeUrl(right.url("/time"));
+        EXPECT_FALSE(getWebTime());
+        EXPECT_TRUE(getWebTime());
+        m_time->setTime(TimeSourceWeb, TimeReference(), 0);
+        TimeMgrImplPeer::forgetSystemTime();
+    }
 }
 
 /// Verbose, attempt and Date are told, the Date without prefix; otherwise nothing is.
@@ -219,6 +312,7 @@ TEST_F(WebTimeImplTest, ADateThatCannotBeNowIsNotStored) {
         m_answer.headers = {{"Date", date}};
         EXPECT_EQ(errors(), "");
         EXPECT_EQ(m_time->getTime(TimeSourceWeb, TimeReference()), 0) << date;
+        WebTimeImplPeer::pause().forget();
     }
 }
 

@@ -27,6 +27,7 @@ struct HttpAnswer {
     int status = -1;             ///< -1 when no whole answer came
     std::string failure;         ///< "curlCode: ..." when no whole answer came
     std::string errorType;       ///< the header "x-amzn-errortype"
+    std::string etag;            ///< the header "etag", quotes included
     std::string body;            ///< without an `answerStream`; at most 1 MiB
     std::int64_t bodyBytes = 0;  ///< received, wherever they went
 
@@ -45,7 +46,8 @@ void addressRequest(HttpRequest& request, const Aws::Client::ClientConfiguration
 bool headersAreSound(const HttpRequest& request);
 
 /// Sends the request and waits for the answer: one attempt, one connection, no redirects, no
-/// proxy. The rate limiters of the configuration sleep on the calling thread.
+/// proxy. Where a request clock is set it judges the dates of the server's certificates. The rate
+/// limiters of the configuration sleep on the calling thread.
 HttpAnswer performRequest(const HttpRequest& request,
                           const Aws::Client::ClientConfiguration& configuration);
 

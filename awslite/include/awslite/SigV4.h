@@ -5,6 +5,7 @@
 #include <awslite/HttpCall.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 namespace Awslite {
@@ -44,7 +45,9 @@ class SigV4 {
 bool signRequest(HttpRequest& request, const SigV4& signer,
                  const Aws::Auth::AWSCredentials& credentials, bool signPayload);
 
-/// What the function given to `Aws::SetRequestClock` says, else the system clock.
+/// What the function given to `Aws::SetRequestClock` says; none without one.
+std::optional<std::chrono::system_clock::time_point> requestClock();
+/// The same, else the system clock.
 std::chrono::system_clock::time_point requestNow();
 
 }  // namespace Awslite

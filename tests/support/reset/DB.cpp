@@ -1,7 +1,10 @@
 #include <mutex>
 
 #include "DB.h"
+#include "SqlFiles.h"
+#include "support/DBPeer.h"
 #include "support/KivTest.h"
+#include "support/StoreRescuePeer.h"
 
 static const KivTest::Reset resetDB([] {
     const std::lock_guard<std::recursive_mutex> lock(DB::m_PruneLock);
@@ -10,4 +13,7 @@ static const KivTest::Reset resetDB([] {
     DB::m_TotalEventSize = -1;
     DB::m_dbError = false;
     DB::m_DBErrorMessage.clear();
+    DBPeer::forgetDamage();
+    SqlFiles::forgetAll();
+    StoreRescuePeer::forgetAttempts();
 });

@@ -4,5 +4,6 @@
 static const KivTest::Reset resetGateway([] {
     GatewayImpl::SetVerbose(false);
     GatewayImplPeer::setQueueName(GatewayImplPeer::productQueue);
+    GatewayImplPeer::setFirstReceiverRest(std::chrono::seconds(10));
     GatewayImplPeer::forgetEvents();
 });

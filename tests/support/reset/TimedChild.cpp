@@ -1,4 +1,7 @@
-#include "TimedChild.h"
 #include "support/KivTest.h"
+#include "support/TimedChildPeer.h"
 
-static const KivTest::Reset resetTimedChild([] { TimedChild::setVerbose(false); });
+static const KivTest::Reset resetTimedChild([] {
+    TimedChild::setVerbose(false);
+    TimedChildPeer::setGrace(TimedChildPeer::kGrace);
+});

@@ -25,6 +25,8 @@ struct ClientConfiguration {
     /// A stall limit: a transfer below 1 byte/s for that many whole seconds (1 at least) ends;
     /// 0 means none.
     long requestTimeoutMs = 3000;
+    /// The whole call, name resolution and connecting included; 0 means no limit.
+    long httpRequestTimeoutMs = 0;
     /// Bytes received and sent; null means no limit.
     std::shared_ptr<Utils::RateLimits::RateLimiterInterface> readRateLimiter;
     std::shared_ptr<Utils::RateLimits::RateLimiterInterface> writeRateLimiter;

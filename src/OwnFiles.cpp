@@ -1,0 +1,65 @@
+#include "OwnFiles.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <mutex>
+#include <system_error>
+#include <vector>
+
+#include <sys/stat.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Registry {
+    std::mutex mutex;                // guards paths
+    std::vector<std::string> paths;  // absolute
+};
+
+Registry& registry() {
+    static Registry own;
+    return own;
+}
+
+/// The path from the root without links, as far as it exists.
+fs::path plain(const std::string& path) {
+    std::error_code error;
+    fs::path result = fs::weakly_canonical(fs::absolute(path, error), error);
+    return error ? fs::path(path).lexically_normal() : result;
+}
+
+bool isSameFile(const struct stat& facts, const std::string& own) {
+    struct stat of {};
+    return ::stat(own.c_str(), &of) == 0 && of.st_dev == facts.st_dev && of.st_ino == facts.st_ino;
+}
+
+}  // namespace
+
+void OwnFiles::add(const std::string& path) {
+    std::error_code error;
+    const fs::path absolute = fs::absolute(path, error);
+    const std::lock_guard<std::mutex> lock(registry().mutex);
+    registry().paths.push_back(error ? path : absolute.string());
+}
+
+void OwnFiles::addStore(const std::string& path) {
+    for (const char* beside : {"", "-wal", "-shm", "-journal", ".damaged", ".new"})
+        add(path + beside);
+}
+
+bool OwnFiles::contains(const std::string& path) {
+    const fs::path wanted = plain(path);
+    struct stat facts {};
+    const bool exists = ::stat(path.c_str(), &facts) == 0;
+    const std::lock_guard<std::mutex> lock(registry().mutex);
+    const auto& paths = registry().paths;
+    return std::any_of(paths.begin(), paths.end(), [&](const std::string& own) {
+        return (exists && isSameFile(facts, own)) || plain(own) == wanted;
+    });
+}
+
+void OwnFiles::forgetAll() {
+    const std::lock_guard<std::mutex> lock(registry().mutex);
+    registry().paths.clear();
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+/// The daemon's own files, which nobody may have uploaded, and deleted afterwards, by announcing
+/// them: the store, the configuration, the token, the version, the terms of use, the device files.
+///
+/// It knows only what it is told at the start; it opens nothing. Class-wide state under a mutex of
+/// its own; usable from any thread. No errors: what cannot be looked at is known by its path alone.
+class OwnFiles {
+  public:
+    /// @param path need not exist
+    static void add(const std::string& path);
+    /// Adds a database file and what SQLite and the store keep beside it.
+    static void addStore(const std::string& path);
+    /// Whether `path` leads to one of them: by its name, or by any other name or link for it.
+    static bool contains(const std::string& path);
+
+  private:
+    friend struct OwnFilesPeer;
+
+    static void forgetAll();
+};

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+/// What the text of a regular expression (ECMAScript grammar) tells of the time that matching with
+/// it may take.
+///
+/// It does not say whether the pattern compiles: of one that does not, it tells what stands before
+/// the mistake. A short-lived value; reading takes time in proportion to the text.
+class PatternShape {
+  public:
+    explicit PatternShape(const std::string& pattern);
+
+    bool hasBackReference() const { return m_hasBackReference; }
+    /// Whether a quantifier repeats something that holds another quantifier, as in "(a+)*".
+    bool nestsQuantifiers() const { return m_nestsQuantifiers; }
+    /// How often the most repeated part stands in the compiled pattern: the product of the counts
+    /// around it, 160 * 100 for "((a?){100}){160}". At most 1 000 000, which stands for any more.
+    std::size_t repetitions() const { return m_repetitions; }
+
+  private:
+    class Reader;
+
+    bool m_hasBackReference = false;
+    bool m_nestsQuantifiers = false;
+    std::size_t m_repetitions = 1;
+};

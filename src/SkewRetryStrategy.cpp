@@ -1,0 +1,36 @@
+#include "SkewRetryStrategy.h"
+
+using Aws::Client::AWSError;
+using Aws::Client::CoreErrors;
+
+namespace {
+
+/// S3 names the reason; the services that speak JSON call the signature invalid, whatever is wrong
+/// with it. Such an error may be tried again only when the SDK has found the skew in the answer's
+/// date and corrected it: that is in the error, too.
+bool isAboutTheClock(CoreErrors type) {
+    switch (type) {
+        case CoreErrors::REQUEST_TIME_TOO_SKEWED:
+        case CoreErrors::REQUEST_EXPIRED:
+        case CoreErrors::INVALID_SIGNATURE:
+        case CoreErrors::SIGNATURE_DOES_NOT_MATCH:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+SkewRetryStrategy::SkewRetryStrategy() : DefaultRetryStrategy(1) {}
+
+bool SkewRetryStrategy::ShouldRetry(const AWSError<CoreErrors>& error,
+                                    long attemptedRetries) const {
+    return isAboutTheClock(error.GetErrorType()) &&
+           DefaultRetryStrategy::ShouldRetry(error, attemptedRetries);
+}
+
+long SkewRetryStrategy::CalculateDelayBeforeNextRetry(const AWSError<CoreErrors>& /*error*/,
+                                                      long /*attemptedRetries*/) const {
+    return 0;
+}

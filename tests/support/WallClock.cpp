@@ -1,0 +1,54 @@
+#include "support/WallClock.h"
+
+#include <atomic>
+
+#include <dlfcn.h>
+#include <sys/time.h>
+#include <time.h>
+
+namespace {
+
+std::atomic<std::int64_t> offset{0};  // seconds
+
+template <typename Function>
+Function original(const char* name) {
+    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+WallClock::WallClock(std::int64_t utcSeconds) {
+    offset = utcSeconds - static_cast<std::int64_t>(::time(nullptr));
+}
+
+WallClock::~WallClock() {
+    offset = 0;
+}
+
+// ---- What the linker finds before the library's own ----------------------------------------
+
+extern "C" {
+
+int clock_gettime(clockid_t clock, struct timespec* now) noexcept {
+    static const auto read = original<int (*)(clockid_t, struct timespec*)>("clock_gettime");
+    const int result = read(clock, now);
+    if (result == 0 && clock == CLOCK_REALTIME) now->tv_sec += static_cast<time_t>(offset.load());
+    return result;
+}
+
+time_t time(time_t* seconds) noexcept {
+    struct timespec now {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (seconds != nullptr) *seconds = now.tv_sec;
+    return now.tv_sec;
+}
+
+int gettimeofday(struct timeval* __restrict moment, void* __restrict) noexcept {
+    struct timespec now {};
+    const int result = clock_gettime(CLOCK_REALTIME, &now);
+    moment->tv_sec = now.tv_sec;
+    moment->tv_usec = static_cast<suseconds_t>(now.tv_nsec / 1000);
+    return result;
+}
+
+}  // extern "C"
