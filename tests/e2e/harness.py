@@ -180,8 +180,9 @@ class Cloud:
 class Device:
     """The set's files and the running daemon."""
 
-    def __init__(self, folder, cloud):
+    def __init__(self, folder, cloud, logs=None):
         self.folder = pathlib.Path(folder)
+        self.logs = pathlib.Path(logs or folder)  # elsewhere where the folder loses its power
         self.folder.mkdir(parents=True, exist_ok=True)
         self.cloud = cloud
         self.database = self.folder / "Db"
@@ -243,8 +244,8 @@ class Device:
         if self.runs == 1:
             refuse_to_disturb_a_daemon()
             forget_system_wide_names()
-        self.out_path = self.folder / f"out.{self.runs}"
-        self.err_path = self.folder / f"err.{self.runs}"
+        self.out_path = self.logs / f"out.{self.runs}"
+        self.err_path = self.logs / f"err.{self.runs}"
         with open(self.out_path, "w") as out, open(self.err_path, "w") as err:
             self.process = subprocess.Popen(
                 [*self.launcher, str(BUILD / "kivApp"), "-g", "GlobalInfo", "-b", "BootInfo",
