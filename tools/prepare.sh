@@ -9,7 +9,7 @@ kiv_packages=(
     iputils-ping iproute2 util-linux procps
 )
 kiv_test_packages=(
-    libgtest-dev libgmock-dev clang-format groff-base iso-codes tzdata dpkg-dev file
+    libgtest-dev libgmock-dev e2fsprogs clang-format groff-base iso-codes tzdata dpkg-dev file
 )
 
 # install_missing PACKAGE...: asks apt only when something is missing.
