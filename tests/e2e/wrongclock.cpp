@@ -21,7 +21,8 @@ using Read = int (*)(clockid_t, struct timespec*);
 extern "C" {
 
 int clock_gettime(clockid_t clock, struct timespec* now) noexcept {
-    static const auto original = reinterpret_cast<Read>(::dlsym(RTLD_NEXT, "clock_gettime"));
+    static const auto original = reinterpret_cast<Read>(
+        ::dlsym(RTLD_NEXT, sizeof(time_t) > sizeof(long) ? "__clock_gettime64" : "clock_gettime"));
     const int result = original(clock, now);
     if (result == 0 && clock == CLOCK_REALTIME) now->tv_sec += secondsAhead();
     return result;

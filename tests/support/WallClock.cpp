@@ -15,6 +15,10 @@ Function original(const char* name) {
     return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
 }
 
+/// What the calls below are to the linker: with times of 64 bits on a 32-bit machine another name.
+constexpr const char* kReadClock = sizeof(time_t) > sizeof(long) ? "__clock_gettime64"
+                                                                 : "clock_gettime";
+
 }  // namespace
 
 WallClock::WallClock(std::int64_t utcSeconds) {
@@ -30,7 +34,7 @@ WallClock::~WallClock() {
 extern "C" {
 
 int clock_gettime(clockid_t clock, struct timespec* now) noexcept {
-    static const auto read = original<int (*)(clockid_t, struct timespec*)>("clock_gettime");
+    static const auto read = original<int (*)(clockid_t, struct timespec*)>(kReadClock);
     const int result = read(clock, now);
     if (result == 0 && clock == CLOCK_REALTIME) now->tv_sec += static_cast<time_t>(offset.load());
     return result;
