@@ -563,7 +563,7 @@ TEST_F(AwsliteTransfer, FindsNothingInADirectoryWithoutHashedNames) {
 }
 
 constexpr std::int64_t kSecondsOf2014 = 1400000000;
-constexpr std::int64_t kSecondsOf2100 = 4110000000;
+constexpr std::int64_t kSecondsOf2036 = 2098483200;
 
 ScriptedHttpServer::Certificate validFrom(const char* notBefore, const char* notAfter) {
     ScriptedHttpServer::Certificate certificate;
@@ -586,15 +586,15 @@ bool isTaken(const ScriptedHttpServer::Certificate& certificate) {
 /// The dates of a server's certificate are judged by the request clock where one is set.
 TEST_F(AwsliteTransfer, JudgesTheDatesOfACertificateByTheRequestClock) {
     const auto of2014 = validFrom("20140101000000Z", "20150101000000Z");
-    const auto of2100 = validFrom("21000101000000Z", "21010101000000Z");
+    const auto of2036 = validFrom("20360101000000Z", "20370101000000Z");
     {
         const RequestClockAt clock(kSecondsOf2014);
         EXPECT_TRUE(isTaken(of2014));
-        EXPECT_FALSE(isTaken(of2100));
+        EXPECT_FALSE(isTaken(of2036));
     }
-    const RequestClockAt clock(kSecondsOf2100);
+    const RequestClockAt clock(kSecondsOf2036);
     EXPECT_FALSE(isTaken(of2014));
-    EXPECT_TRUE(isTaken(of2100));
+    EXPECT_TRUE(isTaken(of2036));
 }
 
 /// Without a request clock the system clock judges.

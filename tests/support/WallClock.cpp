@@ -40,6 +40,23 @@ int clock_gettime(clockid_t clock, struct timespec* now) noexcept {
     return result;
 }
 
+#ifdef __USE_TIME_BITS64
+/// What libraries call that were built with times of 32 bits, the C++ library's clock among them.
+struct ShortTime {
+    std::int32_t tv_sec;
+    std::int32_t tv_nsec;
+};
+int readShortClock(clockid_t clock, ShortTime* now) noexcept __asm__("clock_gettime");
+int readShortClock(clockid_t clock, ShortTime* now) noexcept {
+    static const auto read = original<int (*)(clockid_t, ShortTime*)>("clock_gettime");
+    const int result = read(clock, now);
+    if (result == 0 && clock == CLOCK_REALTIME) {
+        now->tv_sec = static_cast<std::int32_t>(now->tv_sec + offset.load());
+    }
+    return result;
+}
+#endif
+
 time_t time(time_t* seconds) noexcept {
     struct timespec now {};
     clock_gettime(CLOCK_REALTIME, &now);
