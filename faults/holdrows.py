@@ -103,6 +103,11 @@ class Row:
             told.get("action") in ("status", "drip", "trickle", "cut")
 
     @property
+    def longest_hold_s(self):
+        """The bound of one request: a file may be long, and its line slow."""
+        return 300.0 if self.target == "s3" else 120.0
+
+    @property
     def longest_pause_s(self):
         """The stated pause until the target is asked again after so long a misbehaviour."""
         if self.target == "config" or self.action == "date-years-ahead":

@@ -30,7 +30,7 @@ from holdrows import SILENT_DNS, all_rows, state_of  # noqa: E402
 
 PACE_S = 2.0  # between two events, each of which asks for an upload
 MINUTE_S = 60.0
-LONGEST_WATCH_S = 150.0  # of one request: beyond the bound of a hold, and some
+WATCH_BEYOND_S = 30.0  # the bound of a hold, where one request lasts longer
 FIRST_REQUEST_S = 90.0  # until the target is asked at all
 QUICK_WATCH_S = 50.0
 AFTER_RESTART_S, QUICK_AFTER_RESTART_S = 80.0, 40.0
@@ -259,7 +259,7 @@ class HoldSet:
                 continue
             arrived, duration = requests[0]
             longest = max((now - a for a, d in requests if d is None), default=0)
-            if longest > LONGEST_WATCH_S:
+            if longest > self.row.longest_hold_s + WATCH_BEYOND_S:
                 break
             # One under way then is no longer than the first was, or is watched further.
             if duration is not None and now > arrived + duration + self.watch_s \

@@ -80,7 +80,7 @@ class Firehose:
             if value is None:
                 raise _validation("null", name, "Member must not be null")
             if not isinstance(value, str):
-                raise AwsError("SerializationException", 400, "%s is no string" % name)
+                raise AwsError("SerializationException", 400, "%s is not a string" % name)
         if not 1 <= len(stream) <= 64:
             limits = "Member must have length between 1 and 64"
             raise _validation("'%s'" % stream, "deliveryStreamName", limits)

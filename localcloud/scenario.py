@@ -204,7 +204,7 @@ class _Checked:
             member = name.replace("-", "_")
             require(hasattr(credentials, member), 'unknown member "credentials/%s"' % name)
             kind = type(getattr(credentials, member))
-            require(type(value) is kind, '"credentials/%s" is no %s' % (name, kind.__name__))
+            require(type(value) is kind, '"credentials/%s" is not a %s' % (name, kind.__name__))
             setattr(credentials, member, value)
         return credentials
 

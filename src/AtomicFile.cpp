@@ -20,9 +20,7 @@ namespace {
 constexpr int kMaxLinks = 40;          // as the kernel's own limit
 constexpr mode_t kNewFileMode = 0644;  // less what the umask takes
 
-/// Guards the names of the temporary files: each target has one fixed name, so that power cuts
-/// leave at most one file behind.
-std::mutex replaceMutex;
+std::mutex replaceMutex;  // guards the names of the temporary files
 
 /// "cannot <action> <path>: <reason of errno>"
 std::string failure(const char* action, const fs::path& path) {
@@ -40,6 +38,14 @@ fs::path behindLinks(fs::path path) {
         path = path.parent_path() / target;
     }
     return path;
+}
+
+fs::path directoryOf(const fs::path& target) {
+    return target.has_parent_path() ? target.parent_path() : fs::path(".");
+}
+
+fs::path besideTarget(const fs::path& target) {
+    return directoryOf(target) / ("." + target.filename().string() + ".new");
 }
 
 /// What cannot be synced at all (a device, some directories) is as safe as it gets.
@@ -117,11 +123,15 @@ bool refusesReplacement(int error) {
 
 }  // namespace
 
+std::string AtomicFile::temporaryFor(const std::string& path) {
+    return besideTarget(behindLinks(path)).string();
+}
+
 std::string AtomicFile::replace(const std::string& path, const std::string& text) {
     const std::lock_guard<std::mutex> lock(replaceMutex);
     const fs::path target = behindLinks(path);
-    const fs::path directory = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    const fs::path temporary = directory / ("." + target.filename().string() + ".new");
+    const fs::path directory = directoryOf(target);
+    const fs::path temporary = besideTarget(target);
 
     struct stat old {};
     const bool exists = ::stat(target.c_str(), &old) == 0;

@@ -13,4 +13,7 @@ class AtomicFile {
     /// in place. Any other failure, such as no room, leaves the old text.
     /// @return "" on success, otherwise what failed and why, for the caller's error line.
     static std::string replace(const std::string& path, const std::string& text);
+    /// The temporary file of that path: each has one fixed name, so that power cuts leave at most
+    /// one file behind.
+    static std::string temporaryFor(const std::string& path);
 };

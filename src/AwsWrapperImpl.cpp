@@ -1,12 +1,12 @@
 #include "AwsWrapperImpl.h"
 
-#include "ClassLog.h"
+#include "AppClock.h"
+#include "CloudLog.h"
 #include "Config.h"
 #include "Credentials.h"
 #include "Descriptor.h"
 #include "JsonObject.h"
 #include "SkewRetryStrategy.h"
-#include "TimeMgrImpl.h"
 #include "TimedChild.h"
 
 #include <chrono>
@@ -18,7 +18,8 @@
 #include <utility>
 #include <vector>
 
-#include <errno.h>
+#include <cerrno>
+
 #include <fcntl.h>
 #include <libgen.h>
 #include <stdlib.h>
@@ -50,7 +51,7 @@ unsigned int AwsWrapperImpl::m_uploadLimitSeconds = 300;
 
 namespace {
 
-ClassLog s_log("kivAWSWrapper: ");
+ClassLog& s_log = CloudLog::log;
 
 constexpr char kAllocationTag[] = "kivApp";
 constexpr char kLogPrefix[] = "aws_sdk_";
@@ -296,7 +297,6 @@ void AwsWrapperImpl::SetTestMode(std::string path) {
 
 void AwsWrapperImpl::SetVerbose(bool verbose) {
     s_log.setVerbose(verbose);
-    TimedChild::setVerbose(verbose);
 }
 
 bool AwsWrapperImpl::GetVerbose() {

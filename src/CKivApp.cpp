@@ -145,6 +145,7 @@ void CKivApp::applyOption(int letter, const char* program, Switches& given) {
             break;
         case 'T':
             AwsWrapperImpl::SetTestMode(::optarg);
+            OwnFiles::add(::optarg);
             break;
         case 'V':
             PrintVersion();

@@ -9,8 +9,7 @@
 #include "ServiceTables.h"
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
-#include "UtcTime.h"
-#include "UtcTimeMs.h"
+#include "WebTimeImpl.h"
 
 #include <algorithm>
 #include <functional>
@@ -18,8 +17,6 @@
 #include <mutex>
 #include <string>
 #include <utility>
-
-#include <cstdio>
 
 namespace {
 
@@ -46,20 +43,6 @@ bool termsOfUseExist() {
 void askForTermsThatWaited() {
     const Singleton<CTouImpl> tou;
     tou->refreshIfItWaited();
-}
-
-/// Takes the server's time over as web time. @return it in UTC seconds; 0 when it cannot be now
-std::int32_t takeServerTime(const std::string& date) {
-    if (s_log.isVerbose()) {
-        std::printf("%s Setting time from the date received from server being:  %s\n", s_log.tag(),
-                    date.c_str());
-    }
-    const std::int32_t serverTime = UtcTime(date).seconds();
-    const Singleton<TimeMgrImpl> timeManager;
-    if (!timeManager->isSystemTimeAcceptable(static_cast<unsigned long long>(serverTime))) return 0;
-    timeManager->setTime(TimeSourceWeb, TimeReference(),
-                         UtcTimeMs(static_cast<std::int64_t>(serverTime) * 1000));
-    return serverTime;
 }
 
 }  // namespace
@@ -230,7 +213,7 @@ bool ConfigImpl::takeAnswer(const NetworkHelper& answer, std::int32_t now) {
         s_log.error("Invalid Config JSON object received: ", ClassLog::foreign(answer.data));
         return giveUp(now);
     }
-    const std::int32_t serverTime = takeServerTime(answer.date);
+    const std::int32_t serverTime = WebTimeImpl::takeDate(answer.date, s_log);
     ConfigDocument::stamp(doc, currentUtcSeconds(), answer.date);
     if (refused) {
         countAsFresh(serverTime);

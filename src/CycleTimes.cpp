@@ -15,16 +15,8 @@ CycleTimes::Moment CycleTimes::momentOf(const TimeReference& ref) {
 }
 
 JsonObject CycleTimes::allTimesAsJson(const TimeReference& ref) {
-    JsonObject times = JsonObject::createArray();
-    for (const TimeSource source : {TimeSourceSystem, TimeSourceWeb}) {
-        const std::int64_t utc = timeBy(source, ref);
-        JsonObject time;
-        time.Pack("{s:s, s:I}",                                       //
-                  "src", TimeMgrImpl::getTimeSourceAsString(source),  //
-                  "utc", static_cast<json_int_t>(utc));
-        times.append(time);
-    }
-    return times;
+    const UtcTimeMs system = timeBy(TimeSourceSystem, ref);
+    return TimeMgrImpl::timesAsJson(system, timeBy(TimeSourceWeb, ref));
 }
 
 UtcTimeMs CycleTimes::timeBy(TimeSource source, const TimeReference& ref) {

@@ -23,9 +23,9 @@
 
 #include <sstream>
 
+#include <cerrno>
 #include <cstdint>
 
-#include <errno.h>
 #include <fcntl.h>
 
 namespace {

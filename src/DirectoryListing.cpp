@@ -5,8 +5,9 @@
 #include <memory>
 #include <vector>
 
+#include <cerrno>
+
 #include <dirent.h>
-#include <errno.h>
 #include <stdio.h>
 #include <sys/stat.h>
 

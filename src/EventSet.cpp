@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <mutex>
-#include <optional>
 #include <set>
 
 #include <sqlite3.h>
@@ -21,12 +20,7 @@ struct EventSet::Cursor {
     SqlStatement statement;  ///< after the connection, so that it is finalized before that closes
     bool open = false;
     bool active = false;
-    std::set<std::int64_t> prunedRows;                    ///< guarded by Cursors::mutex
-    std::optional<std::set<std::int64_t>> remainingRows;  ///< likewise; none: all remain
-
-    bool stillHas(std::int64_t row) const {
-        return prunedRows.count(row) == 0 && (!remainingRows || remainingRows->count(row) != 0);
-    }
+    std::set<std::int64_t> storedRows;  ///< handed out, and not gone since; Cursors::mutex
     void end() {
         statement = SqlStatement();
         connection.close();
@@ -36,7 +30,7 @@ struct EventSet::Cursor {
 
 /// The cursors of all living sets.
 struct EventSet::Cursors {
-    std::mutex mutex;  ///< guards the list, and the two sets of every cursor; a leaf
+    std::mutex mutex;  ///< guards the list, and the rows of every cursor; a leaf
     std::vector<std::weak_ptr<Cursor>> living;
 
     void add(const std::shared_ptr<Cursor>& cursor) {
@@ -88,10 +82,8 @@ std::string EventSet::getNextAndMark() {
 
 void EventSet::mark(std::int64_t row) {
     m_marked.push_back(static_cast<long>(row));
-    // Nothing can be deleted while the cursor reads: a deletion noted for this ROWID was that of
-    // an earlier event, before the first step, and this row is a new one.
     const std::lock_guard<std::mutex> lock(cursors().mutex);
-    m_cursor->prunedRows.erase(row);
+    m_cursor->storedRows.insert(row);
 }
 
 void EventSet::unmarkLast() {
@@ -119,7 +111,8 @@ void EventSet::rowsWerePruned(const std::vector<std::int64_t>& rows) {
     const std::lock_guard<std::mutex> lock(all.mutex);
     for (const auto& living : all.living) {
         const std::shared_ptr<Cursor> cursor = living.lock();
-        if (cursor != nullptr) cursor->prunedRows.insert(rows.begin(), rows.end());
+        if (cursor == nullptr) continue;
+        for (const std::int64_t row : rows) cursor->storedRows.erase(row);
     }
 }
 
@@ -128,7 +121,12 @@ void EventSet::onlyTheseRowsRemain(const std::vector<std::int64_t>& rows) {
     const std::lock_guard<std::mutex> lock(all.mutex);
     for (const auto& living : all.living) {
         const std::shared_ptr<Cursor> cursor = living.lock();
-        if (cursor != nullptr) cursor->remainingRows.emplace(rows.begin(), rows.end());
+        if (cursor == nullptr) continue;
+        std::set<std::int64_t> remaining;
+        for (const std::int64_t row : rows) {
+            if (cursor->storedRows.count(row) != 0) remaining.insert(row);
+        }
+        cursor->storedRows.swap(remaining);
     }
 }
 
@@ -137,7 +135,7 @@ std::vector<long> EventSet::marksStillStored() const {
     if (m_cursor == nullptr) return rows;
     const std::lock_guard<std::mutex> lock(cursors().mutex);
     rows.erase(std::remove_if(rows.begin(), rows.end(),
-                              [this](long row) { return !m_cursor->stillHas(row); }),
+                              [this](long row) { return m_cursor->storedRows.count(row) == 0; }),
                rows.end());
     return rows;
 }

@@ -43,7 +43,7 @@ class EventSet {
 
     static Cursors& cursors();
     /// Tells every living set that pruning deleted `rows`. Marks of these no longer count: SQLite
-    /// may give their ROWIDs to new events.
+    /// may give their ROWIDs to new events. A set remembers only rows that it handed out.
     static void rowsWerePruned(const std::vector<std::int64_t>& rows);
     /// Tells every living set that the store was replaced by one that has only these rows of it.
     static void onlyTheseRowsRemain(const std::vector<std::int64_t>& rows);

@@ -1,7 +1,7 @@
 #include "EventsPacket.h"
 
 #include "AwsWrapperImpl.h"
-#include "ClassLog.h"
+#include "CloudLog.h"
 #include "CycleTimes.h"
 #include "EventSessionHeader.h"
 #include "JsonIterator.h"
@@ -10,13 +10,7 @@
 
 namespace {
 
-const ClassLog s_log("kivAWSWrapper: ");
-
-/// The packet's lines are the cloud client's, which has the switch.
-template <typename... Pieces>
-void logLine(const Pieces&... pieces) {
-    if (AwsWrapperImpl::GetVerbose()) s_log.always(pieces...);
-}
+const ClassLog& s_log = CloudLog::log;
 
 }  // namespace
 
@@ -25,7 +19,7 @@ namespace AwsWrapper {
 EventsPacket::EventsPacket(int maxSize) : m_maxSize(maxSize) {}
 
 bool EventsPacket::AddEvent(std::string event, UtcTimeMs time) {
-    logLine(" Add ", event, " to packet");
+    s_log.info(" Add ", event, " to packet");
     const Singleton<TimeMgrImpl> timeManager;
     CycleTimes times(*timeManager);
     JsonObject json = JsonObject::parse(event);
@@ -34,7 +28,7 @@ bool EventsPacket::AddEvent(std::string event, UtcTimeMs time) {
 
 bool EventsPacket::AddEvent(JsonObject& event, const std::string& text, UtcTimeMs time,
                             CycleTimes& times) {
-    logLine(
+    s_log.info(
         " Add ", [&] { return event.isNull() ? text : event.dumpAsString(); }, " to packet");
     return add(event, time, times);
 }
@@ -46,7 +40,7 @@ bool EventsPacket::add(JsonObject& event, UtcTimeMs time, CycleTimes& times) {
     if (!sameSession && !openSession(cycle, time, times, piece)) return false;
     bool needsComma = sameSession && m_needsComma;
     flatten(event);
-    logLine(" Rework Event ");
+    s_log.info(" Rework Event ");
     if (!event.isNull()) {
         const std::string text = render(event, time);
         if (text.empty()) return false;
@@ -54,14 +48,14 @@ bool EventsPacket::add(JsonObject& event, UtcTimeMs time, CycleTimes& times) {
         piece += text;
         needsComma = true;
     }
-    logLine(" Checking buffersize ");
+    s_log.info(" Checking buffersize ");
     const std::size_t size = static_cast<std::size_t>(m_size) + piece.size();
     if (m_maxSize < 0 || size + 1 >= static_cast<std::size_t>(m_maxSize)) return false;
     m_size = static_cast<int>(size);
     m_text += piece;
     m_session = cycle;
     m_needsComma = needsComma;
-    logLine(" Event Added to packet");
+    s_log.info(" Event Added to packet");
     return true;
 }
 
@@ -72,7 +66,7 @@ bool EventsPacket::openSession(const Cycle& cycle, UtcTimeMs time, CycleTimes& t
     if (m_size > 0) piece += "]}\n";
     const EventSessionHeader header(cycle, time, times);
     if (header.text().empty()) return false;
-    logLine(" EventSessionHeader created ");
+    s_log.info(" EventSessionHeader created ");
     piece.append(header.text(), 0, header.text().size() - 1);
     piece += ",\"events\":[";
     return true;
@@ -104,7 +98,7 @@ std::string EventsPacket::render(JsonObject& event, UtcTimeMs time) {
 bool EventsPacket::Send() {
     if (m_size == 0) return true;
     m_text += "]}\n";
-    logLine(" Sending eventpacket ", m_text, " to AWS");
+    s_log.info(" Sending eventpacket ", m_text, " to AWS");
     return Singleton<AwsWrapperImpl>()->UploadToKinesisFirehose(m_text);
 }
 

@@ -53,7 +53,10 @@ int EventsUpload::upload() {
     askForLocation();
     AwsWrapper::EventsPacket packet(config->GetMaxSize());
     const DB::EventSet events = packStoredEvents(packet);
-    if (packet.IsEmpty()) return 0;
+    if (packet.IsEmpty()) {
+        if (m_storeUnread) m_schedule.requestEventsUpload(UploadSchedule::kRetryMs);
+        return 0;
+    }
     s_log.info("Try to send packet");
     if (!packet.Send()) return recordFailedSend("Event upload failed");
     m_sent = events;
@@ -93,6 +96,7 @@ DB::EventSet EventsUpload::packStoredEvents(AwsWrapper::EventsPacket& packet) {
     const std::lock_guard<std::recursive_mutex> lock(DB::m_PruneLock);
     s_log.info("uploadEvents will be done");
     DB::EventSet events = m_store.getEvents(false);
+    m_storeUnread = !events.isActive();
     for (std::string event = events.getNextAndMark(); !event.empty();
          event = events.getNextAndMark()) {
         if (!addEvent(event, packet, times)) {

@@ -52,6 +52,7 @@ class EventsUpload {
     DB& m_store;
     UploadSchedule& m_schedule;
     UploadConditions m_conditions;
+    bool m_storeUnread = false;                        ///< as the latest packing found it
     Pause m_locationUnknown{std::chrono::minutes(1)};  ///< until it is asked for again
     std::optional<DB::EventSet> m_sent;                ///< accepted, and not deleted yet
     std::atomic<std::int64_t> m_lastFailureTime{0};    ///< UTC seconds; 0: the last send succeeded

@@ -6,6 +6,7 @@
 #include "Descriptor.h"
 #include "JsonObject.h"
 #include "KernelTime.h"
+#include "OwnFiles.h"
 #include "UploadLog.h"
 #include "UploadSchedule.h"
 
@@ -14,9 +15,9 @@
 #include <iterator>
 #include <set>
 
+#include <cerrno>
 #include <cstdint>
 
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,12 +31,17 @@ constexpr std::int64_t kFirstUtcMs = 100000000000;
 
 const ClassLog& s_log = UploadLog::log;
 
+enum class Kind { Readable, Invalid, Own };
+
 /// Opened without waiting, as a pipe would for its writer; asked what it is where no other file can
-/// take its place any more.
-bool isReadableFile(const std::string& path) {
+/// take its place any more. A link may lead elsewhere than when it was announced.
+Kind kindOf(const std::string& path) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat facts = {};
-    return file.isOpen() && ::fstat(file.get(), &facts) == 0 && S_ISREG(facts.st_mode);
+    const bool readable =
+        file.isOpen() && ::fstat(file.get(), &facts) == 0 && S_ISREG(facts.st_mode);
+    if (!readable) return Kind::Invalid;
+    return OwnFiles::contains(facts) ? Kind::Own : Kind::Readable;
 }
 
 /// How long a file that failed still has to wait; 0 when it is due. The last failure is dated in
@@ -59,7 +65,7 @@ struct FilesUpload::Pass {
 
 int FilesUpload::run() {
     s_log.info("uploadFiles request");
-    if (!mayStart()) return 0;
+    if (!mayStart() || !serviceMayBeAsked()) return 0;
     forgetOldFailures();
     Pass pass;
     while (handleNext(pass)) {
@@ -76,6 +82,12 @@ bool FilesUpload::mayStart() {
     return verdict == UploadConditions::Verdict::Met && UploadConditions::nowSeconds() != 0;
 }
 
+bool FilesUpload::serviceMayBeAsked() {
+    const long pause = m_serviceFails.left();
+    if (pause > 0) m_schedule.requestFilesUpload(pause);
+    return pause == 0;
+}
+
 void FilesUpload::forgetOldFailures() {
     for (auto attempt = m_attempts.begin(); attempt != m_attempts.end();) {
         const bool old = !attempt->second.done && attempt->second.beforeNext.isOver();
@@ -88,7 +100,7 @@ bool FilesUpload::handleNext(Pass& pass) {
     const std::unique_ptr<DB::PendingUpload> file = m_store.getFirstUpload();
     if (file == nullptr) {
         // None, or none that could be read.
-        if (pass.seen.empty() && !m_store.works()) m_schedule.requestFilesUpload(kRetryMs);
+        if (DB::m_dbError || !m_store.works()) m_schedule.requestFilesUpload(kRetryMs);
         return false;
     }
     if (!pass.seen.insert(file->id).second) {
@@ -101,7 +113,7 @@ bool FilesUpload::handleNext(Pass& pass) {
         return false;
     }
     handle(*file, pass);
-    return true;
+    return serviceMayBeAsked();
 }
 
 /// Milliseconds that the file has to wait, by its record and by what is remembered of it.
@@ -123,15 +135,26 @@ void FilesUpload::handle(const DB::PendingUpload& file, Pass& pass) {
         return;
     }
     s_log.info("Trying upload of \"", file.url, "\" ", file.id, " (retries=", file.retries, ")");
-    if (!isReadableFile(file.url)) {
-        remove(file);
-        s_log.info("File \"", file.url, "\" is invalid, removing ", file.id, " from DB");
-        pass.handledAny = true;
-    } else if (upload(file)) {
-        pass.handledAny = true;
-    } else {
+    const Kind kind = kindOf(file.url);
+    if (kind == Kind::Readable && !upload(file)) {
         recordAttempt(file, false);
+        recordFailure();
+        return;
     }
+    pass.handledAny = true;
+    if (kind == Kind::Readable) return;
+    remove(file);
+    if (kind == Kind::Own) {
+        s_log.error("File is the daemon's own: Ignore the file ", ClassLog::foreign(file.url));
+    } else {
+        s_log.info("File \"", file.url, "\" is invalid, removing ", file.id, " from DB");
+    }
+}
+
+/// Why it failed is known to the child process alone. One that fails may have itself to blame.
+void FilesUpload::recordFailure() {
+    if (!m_oneFailed.isOver()) m_serviceFails.begin();
+    m_oneFailed.begin();
 }
 
 /// @return whether the record is gone

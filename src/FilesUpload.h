@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -18,7 +19,9 @@ class UploadSchedule;
 /// Belongs to the upload side, which lends it the store, the schedule, the cloud client and the
 /// reports. Between two passes it remembers what the store could not be told: a file that failed is
 /// not tried again within a minute, and of one that is in the cloud only the record is removed, as
-/// long as that fails. For the upload thread, without locks held.
+/// long as that fails. One file that fails does not hold up the others; when a second one fails
+/// within a minute the service is at fault, or may be: then a minute passes before the next pass,
+/// whatever is announced meanwhile. For the upload thread, without locks held.
 class FilesUpload {
   public:
     FilesUpload(DB& store, UploadSchedule& schedule, AwsWrapperImpl& cloud,
@@ -45,16 +48,20 @@ class FilesUpload {
     bool mayStart();
     void forgetOldFailures();
     bool handleNext(Pass& pass);
+    bool serviceMayBeAsked();
     long delayBefore(const DB::PendingUpload& file) const;
     bool isDone(const DB::PendingUpload& file) const;
     void handle(const DB::PendingUpload& file, Pass& pass);
     bool upload(const DB::PendingUpload& file);
     bool remove(const DB::PendingUpload& file);
     void recordAttempt(const DB::PendingUpload& file, bool done);
+    void recordFailure();
 
     DB& m_store;
     UploadSchedule& m_schedule;
     AwsWrapperImpl& m_cloud;
     UploadConditions m_conditions;
-    std::map<std::string, Attempt> m_attempts;  ///< by the names of the files
+    std::map<std::string, Attempt> m_attempts;      ///< by the names of the files
+    Pause m_oneFailed{std::chrono::minutes(1)};     ///< since the latest file that failed
+    Pause m_serviceFails{std::chrono::minutes(1)};  ///< until the next pass
 };

@@ -45,7 +45,7 @@ class JsonObject {
     /// and false.
     bool Pack(const char* format, ...);
 
-    /// The member with a reference taken; a null handle when absent or when this is no object.
+    /// The member with a reference taken; a null handle when absent or when this is not an object.
     JsonObject getObject(const char* key) const;
 
     bool isNull() const { return m_value == nullptr; }  ///< a null handle (not JSON null)
@@ -65,9 +65,9 @@ class JsonObject {
     std::string dumpAsString() const;
     /// The printable form of any value; never fails.
     std::string getStringRep() const;
-    /// The string value; empty for anything that is no string.
+    /// The string value; empty for anything that is not a string.
     std::string getAsString() const;
-    long long getAsInteger() const;  ///< 0 for anything that is no integer
+    long long getAsInteger() const;  ///< 0 for anything that is not an integer
     double getAsNumber() const;      ///< an integer or a real as double, else 0
 
     long long optInteger(const char* key, long long def) const;
@@ -75,7 +75,7 @@ class JsonObject {
     std::string optString(const char* key) const;
     std::string optString(const char* key, std::string& def) const;
 
-    std::size_t getArraySize() const;  ///< 0 for a null handle or a value that is no array
+    std::size_t getArraySize() const;  ///< 0 for a null handle or a value that is not an array
 
     json_t* get() const { return m_value; }  ///< borrowed
 

@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include <cerrno>
 #include <cstdlib>
 
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

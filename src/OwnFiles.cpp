@@ -1,5 +1,7 @@
 #include "OwnFiles.h"
 
+#include "AtomicFile.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <mutex>
@@ -34,6 +36,16 @@ bool isSameFile(const struct stat& facts, const std::string& own) {
     return ::stat(own.c_str(), &of) == 0 && of.st_dev == facts.st_dev && of.st_ino == facts.st_ino;
 }
 
+/// Whether any of them, or of their temporary files, is as `is` says.
+template <typename Predicate>
+bool anyOwn(Predicate is) {
+    const std::lock_guard<std::mutex> lock(registry().mutex);
+    const auto& paths = registry().paths;
+    return std::any_of(paths.begin(), paths.end(), [&is](const std::string& own) {
+        return is(own) || is(AtomicFile::temporaryFor(own));
+    });
+}
+
 }  // namespace
 
 void OwnFiles::add(const std::string& path) {
@@ -52,11 +64,13 @@ bool OwnFiles::contains(const std::string& path) {
     const fs::path wanted = plain(path);
     struct stat facts {};
     const bool exists = ::stat(path.c_str(), &facts) == 0;
-    const std::lock_guard<std::mutex> lock(registry().mutex);
-    const auto& paths = registry().paths;
-    return std::any_of(paths.begin(), paths.end(), [&](const std::string& own) {
+    return anyOwn([&](const std::string& own) {
         return (exists && isSameFile(facts, own)) || plain(own) == wanted;
     });
+}
+
+bool OwnFiles::contains(const struct stat& facts) {
+    return anyOwn([&facts](const std::string& own) { return isSameFile(facts, own); });
 }
 
 void OwnFiles::forgetAll() {

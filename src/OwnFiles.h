@@ -2,8 +2,11 @@
 
 #include <string>
 
+struct stat;
+
 /// The daemon's own files, which nobody may have uploaded, and deleted afterwards, by announcing
-/// them: the store, the configuration, the token, the version, the terms of use, the device files.
+/// them: the store, the configuration, the token, the version, the terms of use, the device files,
+/// the file of the test mode; and the temporary files by which `AtomicFile` replaces them.
 ///
 /// It knows only what it is told at the start; it opens nothing. Class-wide state under a mutex of
 /// its own; usable from any thread. No errors: what cannot be looked at is known by its path alone.
@@ -15,6 +18,8 @@ class OwnFiles {
     static void addStore(const std::string& path);
     /// Whether `path` leads to one of them: by its name, or by any other name or link for it.
     static bool contains(const std::string& path);
+    /// Whether the file of these facts, those of an open descriptor say, is one of them.
+    static bool contains(const struct stat& facts);
 
   private:
     friend struct OwnFilesPeer;

@@ -3,12 +3,16 @@
 #include "ClassLog.h"
 #include "PatternShape.h"
 
+#include <iterator>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <regex>
 #include <unordered_map>
 #include <utility>
+
+#include <cstddef>
+#include <cstdint>
 
 namespace {
 
@@ -17,6 +21,64 @@ const ClassLog s_log("JsonFilterRule: ");  // patterns are those of its rules
 constexpr std::size_t kMaxPatternLength = 1024;
 constexpr std::size_t kMaxBacktrackedLength = 512;
 constexpr std::size_t kMaxRepetitions = 2000;
+
+/// What matching by trying may take: its time can grow without bound with the ways in which a
+/// pattern may take a text, and its stack with the groups that each character passes.
+class Effort {
+  public:
+    /// What is thrown where it is too much.
+    struct Excess {
+        const char* of;
+    };
+
+    /// At every look at the text, of which each way that is tried has at least one.
+    void spend() {
+        if (m_stepsLeft-- == 0) throw Excess{"1000000 steps"};
+        if (m_bottom - here() > kMostStack) throw Excess{"4 MiB of stack"};
+    }
+
+  private:
+    static constexpr std::intptr_t kMostStack = std::intptr_t{4} << 20;
+
+    /// How far the stack has grown, which it does downward.
+    static std::intptr_t here() {
+        return reinterpret_cast<std::intptr_t>(__builtin_frame_address(0));
+    }
+
+    std::size_t m_stepsLeft = 1000000;
+    std::intptr_t m_bottom = here();
+};
+
+/// A place in a text whose reading counts.
+class CountedPlace {
+  public:
+    using iterator_category = std::bidirectional_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    CountedPlace() = default;  ///< of no text
+    CountedPlace(const char* place, Effort& effort) : m_place(place), m_effort(&effort) {}
+
+    reference operator*() const {
+        m_effort->spend();
+        return *m_place;
+    }
+    CountedPlace& operator++() { return ++m_place, *this; }
+    CountedPlace& operator--() { return --m_place, *this; }
+    CountedPlace operator++(int) { return {m_place++, *m_effort}; }
+    CountedPlace operator--(int) { return {m_place--, *m_effort}; }
+    bool operator==(const CountedPlace& other) const {
+        if (m_effort != nullptr) m_effort->spend();
+        return m_place == other.m_place;
+    }
+    bool operator!=(const CountedPlace& other) const { return !(*this == other); }
+
+  private:
+    const char* m_place = nullptr;
+    Effort* m_effort = nullptr;
+};
 
 struct Compiled {
     std::regex regex;
@@ -92,10 +154,18 @@ SharedPattern compile(const std::string& pattern) {
     return std::make_shared<const Compiled>(Compiled{std::regex(pattern, ECMAScript), true});
 }
 
-/// As much of a pattern as an error line needs.
-std::string beginning(const std::string& pattern) {
-    constexpr std::size_t enough = 64;
-    return ClassLog::foreign(pattern.substr(0, enough)) + (pattern.size() > enough ? "..." : "");
+/// With an expression that backtracks. A line, and false, where that takes too much.
+bool matchesByTrying(const std::regex& expression, const std::string& pattern,
+                     const std::string& text) {
+    Effort effort;
+    try {
+        const CountedPlace begin(text.data(), effort);
+        const CountedPlace end(text.data() + text.size(), effort);
+        return std::regex_match(begin, end, expression);
+    } catch (const Effort::Excess& excess) {
+        s_log.error("Matching given up after ", excess.of, ": ", ClassLog::foreign(pattern));
+        return false;
+    }
 }
 
 /// Whether matching ends in a time that one can wait for; a line where it may not.
@@ -103,11 +173,12 @@ bool isBearable(const std::string& pattern) {
     const PatternShape shape(pattern);
     if (shape.repetitions() > kMaxRepetitions) {
         s_log.error("Pattern repeats a part ", shape.repetitions(), " times (limit ",
-                    kMaxRepetitions, "): ", beginning(pattern));
+                    kMaxRepetitions, "): ", ClassLog::foreign(pattern));
         return false;
     }
     if (shape.hasBackReference() && shape.nestsQuantifiers()) {
-        s_log.error("Pattern has a back-reference and nested quantifiers: ", beginning(pattern));
+        s_log.error("Pattern has a back-reference and nested quantifiers: ",
+                    ClassLog::foreign(pattern));
         return false;
     }
     return true;
@@ -127,7 +198,7 @@ SharedPattern compiled(const std::string& pattern, PatternStore& patterns) {
 bool RegexCache::matches(const std::string& pattern, const std::string& text) {
     if (pattern.size() > kMaxPatternLength) {
         s_log.error("Pattern of ", pattern.size(), " characters is too long (limit ",
-                    kMaxPatternLength, "): ", beginning(pattern));
+                    kMaxPatternLength, "): ", ClassLog::foreign(pattern));
         return false;
     }
     const SharedPattern expression = compiled(pattern, store(kMaxPatterns));
@@ -135,10 +206,11 @@ bool RegexCache::matches(const std::string& pattern, const std::string& text) {
     if (expression->backtracks && text.size() > kMaxBacktrackedLength) {
         s_log.error("Text of ", text.size(), " characters is too long (limit ",
                     kMaxBacktrackedLength,
-                    ") for a pattern with back-references: ", beginning(pattern));
+                    ") for a pattern with back-references: ", ClassLog::foreign(pattern));
         return false;
     }
-    return std::regex_match(text, expression->regex);
+    return expression->backtracks ? matchesByTrying(expression->regex, pattern, text)
+                                  : std::regex_match(text, expression->regex);
 }
 
 bool RegexCache::holds(const std::string& pattern) {

@@ -13,7 +13,9 @@ class RegexCache {
     /// Whether `text` as a whole matches `pattern`. A pattern longer than 1024 characters, or a
     /// subject longer than 512 for one with back-references, gives false and an error line; so does
     /// a pattern that could take too long: with counted repetitions that multiply to more than
-    /// 2000, or with a back-reference and a quantifier within a quantified group.
+    /// 2000, or with a back-reference and a quantifier within a quantified group. Matching with
+    /// back-references is given up, with a line, after 1 000 000 steps (at most a second) and at
+    /// 4 MiB of stack, half of what a thread has.
     /// @throws std::regex_error when the pattern does not compile or matching gives up
     static bool matches(const std::string& pattern, const std::string& text);
 

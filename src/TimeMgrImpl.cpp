@@ -197,9 +197,13 @@ TimeSource TimeMgrImpl::getPreferredTimeSource(const TimeReference& ref) const {
 }
 
 JsonObject TimeMgrImpl::getAllTimesAsJson(const TimeReference& ref) const {
+    const UtcTimeMs system = getTime(TimeSourceSystem, ref);
+    return timesAsJson(system, getTime(TimeSourceWeb, ref));
+}
+
+JsonObject TimeMgrImpl::timesAsJson(UtcTimeMs system, UtcTimeMs web) {
     JsonObject times = JsonObject::createArray();
-    for (const TimeSource source : {TimeSourceSystem, TimeSourceWeb}) {
-        const std::int64_t utc = getTime(source, ref);
+    for (const auto& [source, utc] : {std::pair(TimeSourceSystem, system), {TimeSourceWeb, web}}) {
         JsonObject time;
         time.Pack("{s:s, s:I}",                          //
                   "src", getTimeSourceAsString(source),  //

@@ -60,6 +60,8 @@ class TimeMgrImpl {
     TimeSource getPreferredTimeSource(const TimeReference& ref) const;
     /// [{"src": name, "utc": ms}, ...] for the two sources.
     JsonObject getAllTimesAsJson(const TimeReference& ref) const;
+    /// The same of two times that are known already.
+    static JsonObject timesAsJson(UtcTimeMs system, UtcTimeMs web);
     /// Whether `time` (UTC seconds) can be now: not 0, and the boot that it implies later than
     /// 2016-07-31T23:59:59Z and than the build time plus 60 s.
     bool isSystemTimeAcceptable(unsigned long long time) const;

@@ -1,11 +1,12 @@
 #include "TimedChild.h"
 
-#include "ClassLog.h"
+#include "CloudLog.h"
 
 #include <atomic>
 #include <iostream>
 
-#include <errno.h>
+#include <cerrno>
+
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -15,7 +16,7 @@
 
 namespace {
 
-ClassLog s_log("kivAWSWrapper: ");
+const ClassLog& s_log = CloudLog::log;
 
 std::atomic<int> s_child{-1};  ///< process id; -1: none. Read by the signal handler
 static_assert(std::atomic<int>::is_always_lock_free, "read in a signal handler");
@@ -173,8 +174,4 @@ void TimedChild::killTimedOut(int) {
     line.write();
     if (child >= 0) ::kill(child, SIGKILL);
     errno = savedErrno;
-}
-
-void TimedChild::setVerbose(bool verbose) {
-    s_log.setVerbose(verbose);
 }

@@ -21,8 +21,6 @@ class TimedChild {
     /// @return whether `work` ran to its end and returned true
     static bool run(const std::function<bool()>& work, unsigned int limitSeconds);
 
-    static void setVerbose(bool verbose);
-
   private:
     friend struct TimedChildPeer;
 

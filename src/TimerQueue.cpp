@@ -58,12 +58,22 @@ TimerQueue::WorkItem TimerQueue::Items::takeTop() {
 }
 
 TimerQueue::TimerQueue() {
+    const std::lock_guard<std::mutex> lock(m_queueMutex);
+    startThread();
+}
+
+/// With m_queueMutex held, which the thread then waits for.
+void TimerQueue::startThread() {
+    if (m_thread.isStarted()) return;
     // One character too long for Linux, which then keeps the old name.
     const int error = m_thread.start("TimerQueueThread", [this] {
         run();
         return 0;
     });
-    if (error != 0) s_log.error("Cannot start the timer thread: ", ClassLog::errnoText(error));
+    const bool failed = error != 0;
+    if (failed && !m_lineWritten)
+        s_log.error("Cannot start the timer thread: ", ClassLog::errnoText(error));
+    m_lineWritten = failed;
 }
 
 TimerQueue::~TimerQueue() {
@@ -93,6 +103,7 @@ std::uint64_t TimerQueue::add(long long milliseconds, unsigned int firstArgument
     const std::uint64_t id = ++m_lastId;
     item.id = id;
     m_items.push(std::move(item));
+    startThread();
     lock.unlock();
 
     notify();

@@ -17,8 +17,9 @@
 /// and cancel items of the same queue. They must be short: a handler posts, it does not work.
 /// `add` and `cancel` may be called from any thread. The destructor calls every pending handler
 /// with `cancelled` true and joins the thread; it must not run on that thread. A handler that
-/// throws costs an error line and nothing else. A thread that cannot be started gets an error line:
-/// then no handler is called before the destructor, which calls them on its own thread.
+/// throws costs an error line and nothing else. Where the thread cannot be started, each `add`
+/// tries again, and what was added before follows then; there is one error line until that
+/// succeeds. The destructor calls what is left on its own thread.
 class TimerQueue : private Semaphore {
   public:
     /// handler(cancelled, first argument, second argument)
@@ -63,6 +64,7 @@ class TimerQueue : private Semaphore {
         WorkItem takeTop();
     };
 
+    void startThread();
     void run();
     void checkWork();
     /// Drops cancelled leftovers from the top; the due time of the next item, if there is one.
@@ -71,6 +73,7 @@ class TimerQueue : private Semaphore {
     WorkerThread m_thread;
     bool m_finish = false;  ///< used by `run` only, and by the handlers that it calls
     std::uint64_t m_lastId = 0;
-    std::mutex m_queueMutex;  ///< guards m_items and m_lastId
+    std::mutex m_queueMutex;     ///< guards the rest, and the start of the thread
+    bool m_lineWritten = false;  ///< about the thread that could not be started
     Items m_items;
 };

@@ -23,6 +23,10 @@ UploadConditions::UploadConditions(DB& store, DatabaseReports& reports)
       m_reports(reports),
       m_storeFails(std::chrono::milliseconds(UploadSchedule::kRetryMs)) {}
 
+bool UploadConditions::hold(const Config& config) {
+    return permits(config, WebTimeImpl::isKnown());
+}
+
 UploadConditions::Verdict UploadConditions::check(const Config& config) {
     const bool webTimeKnown = Singleton<WebTimeImpl>()->getWebTime();
     config->Refresh(false);

@@ -17,7 +17,7 @@ class UploadConditions {
   public:
     enum class Verdict {
         Met,
-        NotMet,    ///< not now: what changes that asks for the job again
+        NotMet,    ///< not now: `UploadImpl` asks for the jobs again when they `hold`
         AskAgain,  ///< the store was in error, but works: the next job may go on
         AskLater   ///< the store fails: ask again after UploadSchedule::kRetryMs
     };
@@ -32,6 +32,8 @@ class UploadConditions {
     /// events that fail for a reason of their own must not hold up the good ones.
     Verdict check(const Config& config);
 
+    /// Whether consent, configuration and web time are as they must be. Asks no server.
+    static bool hold(const Config& config);
     /// UTC seconds by the time manager; 0 when unknown.
     static std::int64_t nowSeconds();
 

@@ -4,6 +4,7 @@
 #include "Config.h"
 #include "NetworkHelper.h"
 #include "TimeMgrImpl.h"
+#include "UploadConditions.h"
 #include "UploadLog.h"
 #include "WebTimeImpl.h"
 
@@ -76,6 +77,7 @@ int UploadImpl::uploadThread() {
 void UploadImpl::handleMsg(int id, long param) {
     try {
         runJob(id, param);
+        followConditions();
     } catch (const abi::__forced_unwind&) {
         throw;
     } catch (const std::exception& error) {
@@ -95,6 +97,24 @@ void UploadImpl::tryAgain(int id) {
     if (id == UploadFiles) ScheduleFilesUpload(UploadSchedule::kRetryMs);
     if (id == RefreshConfig) ScheduleRefreshConfig(UploadSchedule::kRetryMs, false);
     if (id == Initialization) ScheduleInitialization(UploadSchedule::kRetryMs);
+}
+
+/// A job that was turned away asks for nothing. What it lacked may have come since, in whichever
+/// job: then all that waits is asked for. Until web time is known, the pause before the next
+/// request for it ends with a job that makes it.
+void UploadImpl::followConditions() {
+    const bool hold = UploadConditions::hold(Config());
+    if (hold && !m_conditionsHeld) askForWaitingWork();
+    m_conditionsHeld = hold;
+    const std::int64_t pause = WebTimeImpl::isKnown() ? 0 : WebTimeImpl::msUntilNextTry();
+    // The job for files begins with that request, and does nothing more where no file waits.
+    if (pause > 0) ScheduleFilesUpload(static_cast<long>(pause));
+}
+
+void UploadImpl::askForWaitingWork() {
+    if (Config()->MinimumSizeReached(m_db.totalEventSize())) ScheduleEventsUpload();
+    if (m_db.getNumberOfFiles() != 0) ScheduleFilesUpload();
+    ScheduleEventsTimeCheck();
 }
 
 void UploadImpl::runJob(int id, long param) {
@@ -145,12 +165,9 @@ int UploadImpl::initialize() {
     }
     s_log.info("Initializing: refreshing config, tou and pending upload");
     Singleton<WebTimeImpl>()->getWebTime();
-    const Config config;
-    config->Refresh(false);
+    Config()->Refresh(false);
     Singleton<CTouImpl>()->Refresh();
-    if (config->MinimumSizeReached(m_db.totalEventSize())) ScheduleEventsUpload();
-    if (m_db.getNumberOfFiles() != 0) ScheduleFilesUpload();
-    ScheduleEventsTimeCheck();
+    askForWaitingWork();
     return 1;
 }
 

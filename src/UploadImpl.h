@@ -88,6 +88,8 @@ class UploadImpl {
     int uploadThread();
     void runJob(int id, long param);
     void tryAgain(int id);
+    void followConditions();
+    void askForWaitingWork();
 
     Singleton<AwsWrapperImpl> m_aws;
     DB m_db;
@@ -95,6 +97,7 @@ class UploadImpl {
     DatabaseReports m_reports{*m_aws, m_schedule};
     EventsUpload m_events{m_db, m_schedule, m_reports};
     FilesUpload m_files{m_db, m_schedule, *m_aws, m_reports};
+    bool m_conditionsHeld = true;  ///< after the latest job; for the upload thread
     std::atomic<bool> m_running{false};
     WorkerThread m_thread;
 };

@@ -12,7 +12,7 @@
 ///
 /// It runs no work: the owner's thread takes the messages with `wait`. Any thread may post and
 /// schedule. The destructor drops what is pending. Where the timers' thread cannot be started there
-/// is a line of `TimerQueue`, and what is delayed is never posted.
+/// is a line of `TimerQueue`, and what is delayed waits for the next request with a delay.
 class UploadSchedule {
   public:
     enum MessageId : int {

@@ -58,20 +58,21 @@ void WebTimeImpl::takeTimeFromServer() {
     } else if (request.date.empty()) {
         s_log.error("No time received");
     } else {
-        setTimeFromDate(request.date);
+        takeDate(request.date, s_log);
     }
 }
 
-void WebTimeImpl::setTimeFromDate(const std::string& date) {
-    if (s_log.isVerbose()) {
-        std::printf("%s Setting time from the date received from server being:  %s\n", s_log.tag(),
+std::int32_t WebTimeImpl::takeDate(const std::string& date, const ClassLog& log) {
+    if (log.isVerbose()) {
+        std::printf("%s Setting time from the date received from server being:  %s\n", log.tag(),
                     date.c_str());
     }
     const std::int32_t seconds = UtcTime(date).seconds();
     const Singleton<TimeMgrImpl> timeManager;
-    if (!timeManager->isSystemTimeAcceptable(static_cast<unsigned long long>(seconds))) return;
+    if (!timeManager->isSystemTimeAcceptable(static_cast<unsigned long long>(seconds))) return 0;
     timeManager->setTime(TimeSourceWeb, TimeReference(),
                          UtcTimeMs(static_cast<std::int64_t>(seconds) * 1000));
+    return seconds;
 }
 
 void WebTimeImpl::SetVerbose(bool verbose) {

@@ -96,7 +96,7 @@ def _text(parent, name, where):
     try:
         encoded = value.encode("latin-1")
     except UnicodeEncodeError:
-        raise ServicesError("%s: has a character that is no single byte" % where)
+        raise ServicesError("%s: has a character that is not a single byte" % where)
     if len(encoded) > MAX_LENGTH:
         raise ServicesError(
             "%s: %d characters, at most %d are possible" % (where, len(encoded), MAX_LENGTH)

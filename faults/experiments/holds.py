@@ -21,7 +21,6 @@ sys.path.insert(0, str(HERE.parent))
 import base  # noqa: E402
 from holdrows import QUICK, all_rows  # noqa: E402
 
-LONGEST_HOLD_S = 120.0
 HIGHEST_RATE = 6  # requests a minute
 SLACK_S = 2.0  # of a busy machine, on the longest hold
 PATIENCE_S = 230.0  # beyond every stated pause but the ten minutes of the configuration
@@ -98,7 +97,7 @@ def findings(row, result, patience_s):
         yield result["ended"]
     if result["asked"] == 0:
         yield "never asked"
-    if result["hold_s"] > LONGEST_HOLD_S + SLACK_S:
+    if result["hold_s"] > row.longest_hold_s + SLACK_S:
         yield f"held {seconds(result)}"
     if result["rate"] > HIGHEST_RATE and not row.is_served:
         yield f"{result['rate']} requests a minute"

@@ -97,23 +97,44 @@ class ClockTest(WholeProgramTest):
     def test_certificate_of_another_host_is_refused(self):
         self.expect_no_trust("other-host")
 
-    #: An expired certificate tells a set of 1970 the time, and is refused from then on.
-    def test_expired_certificate_tells_the_time_and_no_more(self):
-        self.cloud.misbehave(https={"action": "certificate", "kind": "expired"})
-        self.start_in(IN_1970)
+    def expect_the_time_and_no_more(self, kind, year, reason):
+        self.cloud.misbehave(https={"action": "certificate", "kind": kind})
+        self.start_in(year)
         self.wait_for_time()
         self.device.wait_for_error("kivconfig: Config could not be retrieved from server")
-        self.assertIn("certificate has expired", self.device.err())
+        self.assertIn(reason, self.device.err())
         self.assertEqual(self.accepted("config", "tou", "firehose"), [])
 
-    #: A set with a clock of these years refuses an expired certificate from the first request on.
-    def test_expired_certificate_is_refused_by_a_set_with_a_right_clock(self):
-        self.cloud.misbehave(https={"action": "certificate", "kind": "expired"})
+    #: An expired certificate tells a set of 1970 the time, and is refused from then on.
+    def test_expired_certificate_tells_the_time_and_no_more(self):
+        self.expect_the_time_and_no_more("expired", IN_1970, "certificate has expired")
+
+    #: A certificate that is not valid yet tells a set of 1970 the time, and is refused from then
+    #: on.
+    def test_certificate_too_new_tells_a_set_of_1970_the_time_and_no_more(self):
+        self.expect_the_time_and_no_more("too-new", IN_1970, "certificate is not yet valid")
+
+    #: A certificate that is not valid yet tells a set of 2110 the time, and is refused from then
+    #: on.
+    def test_certificate_too_new_tells_a_set_of_2110_the_time_and_no_more(self):
+        self.expect_the_time_and_no_more("too-new", IN_2110, "certificate is not yet valid")
+
+    def expect_refused_from_the_first_request_on(self, kind):
+        self.cloud.misbehave(https={"action": "certificate", "kind": kind})
         self.device.start()
         self.device.wait_for_error("kivwebtime: Time could not be retrieved from server")
         self.device.wait_for_error("kivconfig: Config could not be retrieved from server")
         self.assertEqual(self.starts(), {})
         self.assertEqual(self.accepted("time", "config", "tou", "firehose"), [])
+
+    #: A set with a clock of these years refuses an expired certificate from the first request on.
+    def test_expired_certificate_is_refused_by_a_set_with_a_right_clock(self):
+        self.expect_refused_from_the_first_request_on("expired")
+
+    #: A set with a clock of these years refuses a certificate that is not valid yet from the first
+    #: request on.
+    def test_certificate_too_new_is_refused_by_a_set_with_a_right_clock(self):
+        self.expect_refused_from_the_first_request_on("too-new")
 
 
 if __name__ == "__main__":

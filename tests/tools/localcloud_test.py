@@ -1421,7 +1421,7 @@ class ControlTest(CloudTest):
             ({"misbehave": {"https": {"action": "certificate", "kind": "x"}}}, "is not one of"),
             ({"config": {"TV": 5}}, '"config/TV" is not an object'),
             ({"credentials": {"key": "x"}}, 'unknown member "credentials/key"'),
-            ({"credentials": {"expired": 1}}, "is no bool"),
+            ({"credentials": {"expired": 1}}, "is not a bool"),
             ({"streams": "s"}, '"streams" is not an array of names'),
             ({"clock-offset": "5"}, '"clock-offset" is not a number'),
         ):
@@ -1616,7 +1616,7 @@ class RequestLogTest(CloudTest):
         self.assertEqual((entry["target"], entry["verdict"], entry["bytes-out"]),
                          ("https", "misbehaved: reset", 0))
 
-    #: A question that is no number is refused.
+    #: A question that is not a number is refused.
     def test_RefusesAQuestionThatIsNoNumber(self):
         for query in ("since=x", "since=-1", "since=", "since=1&since=2", "until=5"):
             answer = self.cloud.request("GET", "/control/requests?" + query, plain=True)
@@ -1965,7 +1965,7 @@ class ScramblerTest(unittest.TestCase):
             (prod("storage-key", "x" * 15), "prod/storage-key: 15 characters, must be 16"),
             (prod("storage-key", "x" * 17), "prod/storage-key: 17 characters, must be 16"),
             (prod("api-key", "x" * 257), "api-key: 257 characters, at most 256 are possible"),
-            (prod("api-key", "\u20ac"), "api-key: has a character that is no single byte"),
+            (prod("api-key", "\u20ac"), "api-key: has a character that is not a single byte"),
             (prod("api-key", "a\0b"), "api-key: has a NUL character"),
             (prod("api-key", 5), "api-key: not a string"),
             (prod("tou-url", ""), "tou-url: not an http(s) URL"),

@@ -244,6 +244,28 @@ TEST_F(AwsWrapperImplTest, CountsARecordOnlyWithARecordId) {
     EXPECT_EQ(cloud.requests().size(), 3u) << "one attempt a call";
 }
 
+/// An answer with another HTTP status than 200 puts nothing, whatever else it says; a redirect is
+/// not followed.
+TEST_F(AwsWrapperImplTest, CountsNothingAsPutByAnAnswerOfAnotherStatus) {
+    const std::string path = dir.write("log", "abc");
+    for (const int status : {302, 400, 403, 404, 500, 503}) {
+        const std::size_t before = cloud.requests().size();
+        script([status](const Request& request) {
+            Response response = accept(request);
+            response.status = status;
+            return response;
+        });
+        OutputCapture output;
+        EXPECT_FALSE(client().UploadToKinesisFirehose("{}\n")) << status;
+        EXPECT_FALSE(client().UploadFile("o", path)) << status;
+        output.stop();
+        const std::string lines = output.errWithoutPrefixes();
+        EXPECT_EQ(lines.rfind(kPutFailed, 0), 0u) << lines;
+        EXPECT_NE(lines.find(kUploadFailed), std::string::npos) << lines;
+        EXPECT_EQ(cloud.requests().size(), before + 2) << "one attempt each";
+    }
+}
+
 /// A portal's page that answers for the service, with status 200, puts nothing.
 TEST_F(AwsWrapperImplTest, TakesAPortalsPageForNoAnswerOfTheService) {
     script(portalPage);

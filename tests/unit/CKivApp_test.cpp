@@ -13,6 +13,7 @@
 #include "JsonFilterRule.h"
 #include "LocationInfo.h"
 #include "NetworkHelper.h"
+#include "OwnFiles.h"
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
 #include "UploadImpl.h"
@@ -168,6 +169,13 @@ TEST_F(CKivAppTest, NamesTheTestModeFile) {
     EXPECT_EQ(AwsWrapperImplPeer::testModeFile(), "records.json");
     parsed({"--testmode", "others.json"});
     EXPECT_EQ(AwsWrapperImplPeer::testModeFile(), "others.json");
+}
+
+/// The file of the test mode is the daemon's own, which nobody may announce.
+TEST_F(CKivAppTest, CountsTheTestModeFileAmongItsOwn) {
+    EXPECT_FALSE(OwnFiles::contains("records.json"));
+    parsed({"-T", "records.json"});
+    EXPECT_TRUE(OwnFiles::contains("records.json"));
 }
 
 /// "-d" is taken with its argument and ignored.

@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include <malloc.h>
+
 #include "EventType.h"
 #include "JsonObject.h"
 #include "support/StoreTest.h"
@@ -575,3 +577,22 @@ TEST_F(EventTablePruningTest, AFloodDuringUploadsLosesNothingThatIsNeitherSentNo
 }
 
 }  // namespace
+
+/// A set that lives on while others are pruned remembers no more than the rows that it handed out.
+TEST_F(EventTablePruningTest, RemembersOfPrunedRowsOnlyThoseOfTheSet) {
+    const auto pruneMany = [this] {
+        std::vector<DB::NewEvent> events;
+        for (int i = 0; i < 20000; ++i) events.push_back({1, 1, i, "t", "x"});
+        addInBatches(std::move(events));
+        db->pruneAboveSize(0);
+    };
+    pruneMany();  // what SQLite keeps for itself
+    DB::EventSet sent = db->getEvents(false);
+    sent.getNextAndMark();
+    sent.close();
+    const auto before = ::mallinfo2().uordblks;
+    pruneMany();
+    const auto after = ::mallinfo2().uordblks;
+    EXPECT_LT(after < before ? 0 : after - before, 200000u) << "a row takes 40 bytes or more";
+    EXPECT_EQ(sent.getReturnedRows().size(), 1u);
+}

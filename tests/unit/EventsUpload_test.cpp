@@ -145,6 +145,15 @@ TEST_F(EventsUploadTest, SendsNothingOfAnEmptyStore) {
     EXPECT_TRUE(nothingIsScheduled());
 }
 
+/// A store that cannot be read is asked for events again in a minute.
+TEST_F(EventsUploadTest, AsksAgainInAMinuteWhenTheEventsCannotBeRead) {
+    sql("ALTER TABLE Events RENAME TO Others");
+    OutputCapture output;
+    EXPECT_EQ(events.upload(), 0);
+    output.stop();
+    EXPECT_TRUE(isDelayed(1, 60000));
+}
+
 /// A backlog above the minimum is drained packet after packet; a rest below it waits for its
 /// age.
 TEST_F(EventsUploadTest, DrainsABacklogPacketAfterPacket) {

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "OwnFiles.h"
 #include "support/FilesUploadPeer.h"
 #include "support/UploadRooms.h"
 
@@ -203,6 +204,66 @@ TEST_F(FilesUploadTest, GoesOnWithTheNextFileAfterAFailure) {
     EXPECT_EQ(objects(), (Objects{"/current/Board/bad", "/current/Board/good"}));
     EXPECT_EQ(storedFiles(), "1");
     EXPECT_TRUE(isDelayed(2, 60000));
+}
+
+/// The second file that fails within a minute ends the pass: the service may be at fault. The next
+/// one begins a minute later, whatever is announced meanwhile, and takes all.
+TEST_F(FilesUploadTest, AsksAServiceThatFailsForTwoFilesAMinuteAtMost) {
+    script(refuse);
+    for (int file = 10; file < 22; ++file) announce("log" + std::to_string(file));
+    OutputCapture output;
+    EXPECT_EQ(files.run(), 0);
+    EXPECT_EQ(objects().size(), 2u);
+    EXPECT_TRUE(isDelayed(2, 60000));
+    announce("later");
+    EXPECT_EQ(files.run(), 0);
+    EXPECT_EQ(objects().size(), 2u);
+    EXPECT_TRUE(isDelayed(2, 60000));
+    FilesUploadPeer::letAMinutePass(files);
+    EXPECT_EQ(files.run(), 0);
+    EXPECT_EQ(objects().size(), 4u) << "two others";
+    script(accept);
+    FilesUploadPeer::letAMinutePass(files);
+    sql("UPDATE Files SET lastfail = lastfail - 60000 WHERE retries > 0");
+    EXPECT_EQ(files.run(), 1);
+    output.stop();
+    EXPECT_EQ(objects().size(), 17u);
+    EXPECT_EQ(storedFiles(), "0");
+}
+
+/// Two files that fail more than a minute apart do not end a pass.
+TEST_F(FilesUploadTest, TakesTwoFailuresFarApartForThoseOfTheFiles) {
+    script([](const Request& request) {
+        return request.target.find("bad") == std::string::npos ? accept(request) : refuse(request);
+    });
+    announce("bad1");
+    OutputCapture output;
+    EXPECT_EQ(files.run(), 0);
+    FilesUploadPeer::letAMinutePass(files);
+    announce("bad2");
+    announce("good");
+    EXPECT_EQ(files.run(), 1);
+    output.stop();
+    EXPECT_EQ(objects(),
+              (Objects{"/current/Board/bad1", "/current/Board/bad2", "/current/Board/good"}));
+}
+
+/// A link that leads to one of the daemon's own files when its turn comes is refused with a line.
+TEST_F(FilesUploadTest, RefusesOneOfTheDaemonsOwnFilesBehindALink) {
+    const std::string own = dir.write("secret", "{}");
+    OwnFiles::add(own);
+    std::filesystem::create_symlink(dir.write("harmless", "text"), dir.file("link"));
+    db().addFile("log1", dir.file("link"), R"({"bucketname": "b1"})");
+    std::filesystem::remove(dir.file("link"));
+    std::filesystem::create_symlink(own, dir.file("link"));
+    OutputCapture output;
+    EXPECT_EQ(files.run(), 1);
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivUpload: File is the daemon's own: Ignore the file " + dir.file("link") + "\n");
+    EXPECT_EQ(objects(), Objects{});
+    EXPECT_EQ(storedFiles(), "0");
+    EXPECT_TRUE(dir.has("secret"));
 }
 
 /// No name is handled twice in a pass.

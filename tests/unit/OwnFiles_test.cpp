@@ -1,10 +1,13 @@
 #include "OwnFiles.h"
 
+#include "AtomicFile.h"
 #include "support/KivTest.h"
 #include "support/TempDir.h"
 
 #include <filesystem>
 #include <string>
+
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -63,6 +66,31 @@ TEST_F(OwnFilesTest, KnowsAFileThatIsNotThereYet) {
     EXPECT_TRUE(OwnFiles::contains(m_dir.file("folder/x/../later")));
     m_dir.write("later", "x");
     EXPECT_TRUE(OwnFiles::contains(m_dir.file("folder/later")));
+}
+
+/// The temporary file that replaces it belongs to it, also where the file is reached by a link.
+TEST_F(OwnFilesTest, CountsTheTemporaryFileThatReplacesIt) {
+    OwnFiles::add(m_own);
+    const std::string temporary = AtomicFile::temporaryFor(m_own);
+    EXPECT_TRUE(OwnFiles::contains(temporary)) << "not there yet";
+    m_dir.write(fs::path(temporary).filename().string(), "{}");
+    fs::create_hard_link(temporary, m_dir.file("second"));
+    EXPECT_TRUE(OwnFiles::contains(m_dir.file("second")));
+    fs::create_directory(m_dir.file("real"));
+    fs::create_symlink(m_dir.file("real/terms"), m_dir.file("link"));
+    OwnFiles::add(m_dir.file("link"));
+    EXPECT_TRUE(OwnFiles::contains(AtomicFile::temporaryFor(m_dir.file("real/terms"))));
+    EXPECT_FALSE(OwnFiles::contains(m_dir.write("Config.new", "{}")));
+}
+
+/// An open file is known by what it is, whatever its name leads to by now.
+TEST_F(OwnFilesTest, KnowsAnOpenFileByItsFacts) {
+    OwnFiles::add(m_own);
+    struct stat facts {};
+    ASSERT_EQ(::stat(m_own.c_str(), &facts), 0);
+    EXPECT_TRUE(OwnFiles::contains(facts));
+    ASSERT_EQ(::stat(m_dir.write("other", "{}").c_str(), &facts), 0);
+    EXPECT_FALSE(OwnFiles::contains(facts));
 }
 
 /// With the store come the files beside it.

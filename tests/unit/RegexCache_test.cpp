@@ -1,5 +1,6 @@
 #include "RegexCache.h"
 
+#include "ClassLog.h"
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
 #include "support/RegexCachePeer.h"
@@ -106,7 +107,7 @@ TEST_F(RegexCacheTest, RefusesPatternsAbove1024Characters) {
     capture.stop();
     EXPECT_EQ(capture.errWithoutPrefixes(),
               "JsonFilterRule: Pattern of 1025 characters is too long (limit 1024): " +
-                  std::string(64, 'a') + "...\n");
+                  std::string(256, 'a') + "... (1025 bytes)\n");
     EXPECT_FALSE(RegexCachePeer::holds(std::string(1025, 'a')));
 }
 
@@ -124,6 +125,48 @@ TEST_F(RegexCacheTest, RefusesNestedQuantifiersWithABackReference) {
     EXPECT_EQ(capture.errWithoutPrefixes(), line + "(a+)+\\x5C1b\n" + line + "(x)(?:a?b)*\\x5C1\n");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     EXPECT_FALSE(RegexCachePeer::holds("(a+)+\\1b"));
+}
+
+/// Matching that has to try too many ways is given up, with a line, within a second.
+TEST_F(RegexCacheTest, GivesUpWhereABackReferenceHasTooManyWays) {
+    const std::string subject(512, 'a');
+    std::string optional = "(a)";
+    for (int i = 0; i < 30; ++i) optional += "(a?)";
+    for (const std::string& pattern :
+         {std::string("(a)(a*)(a*)(a*)\\1b"), std::string("(a|a)*\\1b"),
+          std::string("(a*?)(a*?)(a*?)(a*?)\\1b"), std::string("(a)(?:a|aa)*?\\1b"),
+          std::string("(|)(?:|){100}\\1b"), optional + "\\1b"}) {
+        const auto start = std::chrono::steady_clock::now();
+        OutputCapture capture;
+        EXPECT_FALSE(RegexCache::matches(pattern, subject));
+        capture.stop();
+        EXPECT_EQ(capture.errWithoutPrefixes(),
+                  "JsonFilterRule: Matching given up after 1000000 steps: " +
+                      ClassLog::foreign(pattern) + "\n");
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    }
+}
+
+/// The same patterns match where there are few ways.
+TEST_F(RegexCacheTest, MatchesWithABackReferenceWhereTheWaysAreFew) {
+    OutputCapture capture;
+    EXPECT_TRUE(RegexCache::matches("(a)(a*)(a*)(a*)\\1b", std::string(500, 'a') + "b"));
+    EXPECT_FALSE(RegexCache::matches("(a)(a*)(a*)(a*)\\1b", std::string(50, 'a')));
+    EXPECT_TRUE(RegexCache::matches("(a|b)*c\\1", std::string(500, 'b') + "cb"));
+    EXPECT_FALSE(RegexCache::matches("(a)(a*)\\1b", std::string(512, 'a')));
+    capture.stop();
+    EXPECT_EQ(capture.err(), "");
+}
+
+/// Matching with a back-reference that would take a thread's whole stack is given up with a line.
+TEST_F(RegexCacheTest, GivesUpBeforeABackReferenceTakesTheWholeStack) {
+    const std::string pattern = std::string(490, '(') + "a|b" + std::string(490, ')') + "*c\\1";
+    OutputCapture capture;
+    std::thread([&] { EXPECT_FALSE(RegexCache::matches(pattern, std::string(512, 'a'))); }).join();
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "JsonFilterRule: Matching given up after 4 MiB of stack: " +
+                  ClassLog::foreign(pattern) + "\n");
 }
 
 /// Counted repetitions that multiply to more than 2000 do not match and get a line.
@@ -151,7 +194,7 @@ TEST_F(RegexCacheTest, ItsLinesCarryTheDiagnosticPrefix) {
               "JsonFilterRule: Text of 513 characters is too long (limit 512) for a pattern with "
               "back-references: (a)\\x5C1*\n"
               "JsonFilterRule: Pattern of 1025 characters is too long (limit 1024): " +
-                  std::string(64, 'a') + "...\n");
+                  std::string(256, 'a') + "... (1025 bytes)\n");
 }
 
 /// Compiled patterns are kept by their text; a full cache drops the one unused for longest.

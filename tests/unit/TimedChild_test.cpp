@@ -1,5 +1,7 @@
 #include "TimedChild.h"
 
+#include "CloudLog.h"
+
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
@@ -150,7 +152,7 @@ TEST_F(TimedChildTest, TellsThatTheForkFailed) {
 
 /// Verbose, the child is told from its start to its end.
 TEST_F(TimedChildTest, DescribesTheChildWhenVerbose) {
-    TimedChild::setVerbose(true);
+    CloudLog::log.setVerbose(true);
     OutputCapture output;
     EXPECT_TRUE(TimedChild::run([] { return true; }, kLimit));
     EXPECT_FALSE(TimedChild::run([] { return false; }, kLimit));

@@ -491,14 +491,11 @@ TEST(TimerQueue, SaysWhenItHasNoThreadAndCancelsEverythingAtItsEnd) {
     Recorder recorder;
     OutputCapture capture;
     {
-        std::unique_ptr<TimerQueue> queue;
-        {
-            const NoThreads none;
-            ASSERT_TRUE(none.done());
-            queue = std::make_unique<TimerQueue>();
-        }
-        EXPECT_EQ(queue->add(0, 1, 10, recorder.handler()), 1U);
-        EXPECT_EQ(queue->add(kMinutes, 2, 20, recorder.handler()), 2U);
+        const NoThreads none;
+        ASSERT_TRUE(none.done());
+        TimerQueue queue;
+        EXPECT_EQ(queue.add(0, 1, 10, recorder.handler()), 1U);
+        EXPECT_EQ(queue.add(kMinutes, 2, 20, recorder.handler()), 2U);
         EXPECT_EQ(recorder.calls(), Calls{});
     }
     capture.stop();
@@ -509,4 +506,26 @@ TEST(TimerQueue, SaysWhenItHasNoThreadAndCancelsEverythingAtItsEnd) {
     ASSERT_EQ(calls.size(), 2U);
     for (const Call& expected : Calls{{true, 1, 10}, {true, 2, 20}})
         EXPECT_EQ(std::count(calls.begin(), calls.end(), expected), 1) << expected;
+}
+
+/// The next item starts a thread that could not be started; what was added before is not lost.
+TEST(TimerQueue, StartsItsThreadWithTheNextItemWhenItCan) {
+    Recorder recorder;
+    OutputCapture capture;
+    std::unique_ptr<TimerQueue> queue;
+    {
+        const NoThreads none;
+        ASSERT_TRUE(none.done());
+        queue = std::make_unique<TimerQueue>();
+        queue->add(0, 1, 10, recorder.handler());
+    }
+    EXPECT_EQ(recorder.calls(), Calls{});
+    queue->add(kMinutes, 2, 20, recorder.handler());
+    EXPECT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(recorder.calls(), (Calls{{false, 1, 10}}));
+    queue.reset();
+    capture.stop();
+    EXPECT_EQ(recorder.calls(), (Calls{{false, 1, 10}, {true, 2, 20}}));
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "TimerQueue: Cannot start the timer thread: Resource temporarily unavailable\n");
 }

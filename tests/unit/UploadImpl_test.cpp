@@ -14,8 +14,10 @@
 #include "support/ConfigImplPeer.h"
 #include "support/NoThreads.h"
 #include "support/PoisonedOutput.h"
+#include "support/RetryPausePeer.h"
 #include "support/SystemCallFaults.h"
 #include "support/UploadJobs.h"
+#include "support/WebTimeImplPeer.h"
 
 namespace {
 
@@ -256,6 +258,75 @@ TEST_F(UploadImplTest, NamesItsThreadAndLeavesTheAlarmToTheCreatingThread) {
     sigset_t own;
     ::pthread_sigmask(SIG_BLOCK, nullptr, &own);
     EXPECT_EQ(::sigismember(&own, SIGALRM), 0);
+}
+
+// --- what jobs lacked ---------------------------------------------------------------------------
+
+/// A file that was turned away while the time was not known goes by itself once it is: the time is
+/// asked for again after its pause, and then all that waits is asked for.
+TEST_F(UploadImplTest, AsksForTheTimeAgainAndThenForWhatWaits) {
+    bool timeServed = false;
+    script([&](const Request& request) {
+        return request.target == "/time" && !timeServed ? refuse(request)
+                                                        : answerConfiguration(request);
+    });
+    device->setBootCounts(8, 0);  // a cycle without web time
+    timeManager->setTime(TimeSourceSystem, TimeReference(), kNowMs);
+    configure(R"({"upload_events": {"min-size": 10, "max-delay": 3600}})");
+    db().addFile("f", dir.write("file", "text"), "");
+    addEvent();
+    OutputCapture output;
+    upload->handleMsg(2, 0);
+    EXPECT_EQ(otherRequests(), "/time ");
+    EXPECT_TRUE(isDelayed(2, 10000));
+    upload->handleMsg(1, 0);
+    EXPECT_EQ(otherRequests(), "/time ") << "within the pause";
+    EXPECT_TRUE(isDelayed(2, 10000));
+    EXPECT_EQ(waiting(), Messages{});
+    timeServed = true;
+    RetryPausePeer::pass(WebTimeImplPeer::pause(), 10000);
+    upload->handleMsg(2, 0);
+    EXPECT_EQ(otherRequests(), "/time /time ");
+    EXPECT_EQ(UploadImplPeer::take(*upload), (Messages{{1, 0}, {2, 0}, {4, 0}}));
+    upload->handleMsg(1, 0);
+    upload->handleMsg(2, 0);
+    output.stop();
+    EXPECT_EQ(storedEvents(), "0");
+    EXPECT_EQ(query("SELECT COUNT(*) FROM Files"), "0");
+}
+
+/// While the time is not known each of its pauses ends with a job that asks for it, 10 s after the
+/// first failure, then 20 s, whether a file waits or not.
+TEST_F(UploadImplTest, AsksForTheTimeAfterEachPause) {
+    script(refuse);
+    device->setBootCounts(8, 0);
+    configure(R"({"expiry_tou": 0})");
+    OutputCapture output;
+    upload->handleMsg(5, 0);
+    EXPECT_TRUE(isDelayed(2, 10000));
+    RetryPausePeer::pass(WebTimeImplPeer::pause(), 10000);
+    upload->handleMsg(2, 0);
+    output.stop();
+    EXPECT_TRUE(isDelayed(2, 20000));
+    EXPECT_EQ(otherRequests(), "/time /config/dev1 /tou /time ") << "and no more than that";
+}
+
+/// A configuration that comes in one job restarts what others were turned away from.
+TEST_F(UploadImplTest, AsksForFilesWhenTheConfigurationComesInAnotherJob) {
+    script(refuse);
+    configure(R"({"expiry_tou": 0})");
+    db().addFile("f", dir.write("file", "text"), "");
+    OutputCapture output;
+    upload->handleMsg(2, 0);
+    EXPECT_EQ(waiting(), Messages{});
+    script(answerConfiguration);
+    ConfigImplPeer::setLastAttempt(*config, 0);
+    ConfigImplPeer::lastAttemptKernelMs(*config) = -1;
+    upload->handleMsg(1, 0);
+    output.stop();
+    EXPECT_EQ(waiting(), (Messages{{2, 0}, {4, 0}}));
+    upload->handleMsg(7, 0);
+    EXPECT_EQ(waiting(), (Messages{{2, 0}, {4, 0}})) << "once";
 }
 
 // --- scheduling ---------------------------------------------------------------------------------

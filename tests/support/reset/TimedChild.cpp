@@ -2,6 +2,5 @@
 #include "support/TimedChildPeer.h"
 
 static const KivTest::Reset resetTimedChild([] {
-    TimedChild::setVerbose(false);
     TimedChildPeer::setGrace(TimedChildPeer::kGrace);
 });

@@ -1,0 +1,3 @@
+#include "CloudLog.h"
+
+ClassLog CloudLog::log("kivAWSWrapper: ");
