@@ -30,18 +30,18 @@ void EventPruner::take(const SqlStatement& event) {
 }
 
 void EventPruner::takeOverRanges(const SqlConnection& connection) {
-    SqlStatement probe = connection.prepare("SELECT data FROM Events WHERE ROWID=? AND type=?");
-    for (const std::int64_t row : m_rows) {
-        probe.bind(1, row);
-        probe.bind(2, std::string(overflowType()));
-        if (probe.step() == SQLITE_ROW) {
-            const JsonObject range = JsonObject::parse(probe.columnText(0)).getObject("data");
-            const Cycle cycle(range.optInteger("highest-boot-count", 0),
-                              range.optInteger("highest-standby-count", 0));
-            const Moment named = {cycle, range.optInteger("highest-kernel-time", 0)};
-            m_range.highest = std::max(m_range.highest, named);
-        }
-        probe.resetAndClear();
+    if (m_rows.empty()) return;
+    // There are few overflow events, and mostly far more rows are selected.
+    SqlStatement events = connection.prepare("SELECT ROWID,data FROM Events WHERE type=?");
+    events.bind(1, std::string(overflowType()));
+    while (events.step() == SQLITE_ROW) {
+        const std::int64_t row = events.columnInt64(0);
+        if (std::find(m_rows.begin(), m_rows.end(), row) == m_rows.end()) continue;
+        const JsonObject range = JsonObject::parse(events.columnText(1)).getObject("data");
+        const Cycle cycle(range.optInteger("highest-boot-count", 0),
+                          range.optInteger("highest-standby-count", 0));
+        const Moment named = {cycle, range.optInteger("highest-kernel-time", 0)};
+        m_range.highest = std::max(m_range.highest, named);
     }
 }
 

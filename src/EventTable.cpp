@@ -15,6 +15,10 @@
 namespace {
 
 constexpr const ClassLog& s_log = SqlConnection::m_log;
+constexpr const char* kInsertFailure = "SQL error (insert event): ";
+
+/// Far below the longest statement that SQLite takes, which depends on how it was built.
+constexpr std::size_t kLongestBound = 65536;
 
 template <typename Row>
 std::string deletionOf(const std::string& table, const std::vector<Row>& rows) {
@@ -40,6 +44,16 @@ std::string insertion(const Cycle& cycle, long long kernelTime, const std::strin
     return sql;
 }
 
+bool hasQuote(const std::string& text) {
+    return text.find('\'') != std::string::npos;
+}
+
+/// Whether `text` between quotes in a statement stands for just itself, so that the row is the same
+/// when it is bound.
+bool meansItself(const std::string& text) {
+    return text.size() <= kLongestBound && !hasQuote(text) && text.find('\0') == std::string::npos;
+}
+
 }  // namespace
 
 EventTable::EventTable(SqlConnection& connection, const Shared& shared)
@@ -55,16 +69,18 @@ EventTable::Turn EventTable::lockFor(const char* operation) const {
 long EventTable::addEvent(NewEvent event) {
     PrunerThreads::letWaitingOneGoFirst(m_shared.lock);
     long total = 0;
-    storeEvent(event, total);
+    SqlStatement none;
+    storeEvent(event, none, total);
     startPrunerAbove(total);
     return total;
 }
 
-EventTable::Outcome EventTable::storeEvent(const NewEvent& event, long& total) {
+EventTable::Outcome EventTable::storeEvent(const NewEvent& event, SqlStatement& prepared,
+                                           long& total) {
     Outcome outcome = Outcome::Stored;
     {
         const Turn lock = lockFor("adding event");
-        outcome = insertEvent(event);
+        outcome = insertEvent(event, prepared);
         if (outcome == Outcome::Stored) {
             total = incrementEventSize(static_cast<long>(event.data.length() + 1));
             s_log.info("Records created successfully");
@@ -77,20 +93,36 @@ EventTable::Outcome EventTable::storeEvent(const NewEvent& event, long& total) {
     return outcome;
 }
 
-EventTable::Outcome EventTable::insertEvent(const NewEvent& event) {
-    const std::string sql = insertion(Cycle(event.bootCount, event.standbyCount), event.kernelTime,
-                                      event.type, event.data);
-    s_log.info("Query is ", sql);
-    const bool quoted =
-        event.type.find('\'') != std::string::npos || event.data.find('\'') != std::string::npos;
-    if (quoted) {
+EventTable::Outcome EventTable::insertEvent(const NewEvent& event, SqlStatement& prepared) {
+    const Cycle cycle(event.bootCount, event.standbyCount);
+    const auto written = [&] { return insertion(cycle, event.kernelTime, event.type, event.data); };
+    s_log.info("Query is ", written);
+    if (prepared.isPrepared() && meansItself(event.type) && meansItself(event.data)) {
+        prepared.bind(1, std::int64_t{cycle.bootCount});
+        prepared.bind(2, std::int64_t{cycle.standbyCount});
+        prepared.bind(3, std::int64_t{event.kernelTime});
+        prepared.bindBorrowed(4, event.type);
+        prepared.bindBorrowed(5, event.data);
+        return outcomeOf(m_connection.execute(prepared, kInsertFailure));
+    }
+    const std::string sql = written();
+    if (hasQuote(event.type) || hasQuote(event.data)) {
         refuseQuotedEvent(sql);
         return Outcome::Refused;
     }
-    if (m_connection.execute(sql, "SQL error (insert event): ") == SQLITE_OK) {
-        return Outcome::Stored;
-    }
+    return outcomeOf(m_connection.execute(sql, kInsertFailure));
+}
+
+EventTable::Outcome EventTable::outcomeOf(int result) {
+    if (result == SQLITE_OK) return Outcome::Stored;
     return m_connection.failedForNow() || isMissing() ? Outcome::NotNow : Outcome::Refused;
+}
+
+/// For many events: the parsing of a written statement is most of what an insertion takes.
+SqlStatement EventTable::preparedInsertion() {
+    return m_connection.prepare(
+        "INSERT INTO Events (bootCount, standbyCount, kernelTime, type, status, data) "
+        "VALUES (?1, ?2, ?3, ?4, 0, ?5)");
 }
 
 /// Whether the table itself is not there: it could not be made, or somebody took it away. The next
@@ -107,8 +139,7 @@ void EventTable::refuseQuotedEvent(const std::string& statement) {
     const SqlStatement attempt = m_connection.prepare(statement);
     const std::string message =
         attempt.isPrepared() ? "single quote in the event's text" : m_connection.lastError();
-    m_connection.reportFailure("SQL error (insert event): ", message.c_str(),
-                               SqlConnection::OnFailure::Record);
+    m_connection.reportFailure(kInsertFailure, message.c_str(), SqlConnection::OnFailure::Record);
 }
 
 bool EventTable::addOverflowEvent(const EventPruner::Range& range) {
@@ -118,7 +149,8 @@ bool EventTable::addOverflowEvent(const EventPruner::Range& range) {
     const NewEvent event = {cycle.bootCount, cycle.standbyCount, range.lowest.kernelTime,
                             EventPruner::overflowType(), data};
     long total = 0;
-    const bool stored = storeEvent(event, total) == Outcome::Stored;
+    SqlStatement none;
+    const bool stored = storeEvent(event, none, total) == Outcome::Stored;
     startPrunerAbove(total);
     return stored;
 }
@@ -127,11 +159,11 @@ bool EventTable::works() {
     const Turn lock = turn();
     SqlConnection::Transaction probe(m_connection, "BEGIN IMMEDIATE TRANSACTION");
     const std::string row = insertion(Cycle(), 0, "", "");
-    if (!probe.hasBegun() || !probe.execute(row, "SQL error (insert event): ")) return false;
+    if (!probe.hasBegun() || !probe.execute(row, kInsertFailure)) return false;
     // Without this the row would never leave the memory, and a full disk pass for one that works.
     const int flushed = m_connection.flush();
     if (flushed == SQLITE_OK) return true;
-    m_connection.reportFailure("SQL error (insert event): ", sqlite3_errstr(flushed),
+    m_connection.reportFailure(kInsertFailure, sqlite3_errstr(flushed),
                                SqlConnection::OnFailure::Record);
     return false;
 }
@@ -169,8 +201,9 @@ bool EventTable::storeInOneTransaction(const std::vector<NewEvent>& events, bool
         taken = m_connection.failedForNow() ? 0 : most;
         return taken == 0;
     }
+    SqlStatement prepared = most > 1 ? preparedInsertion() : SqlStatement();
     for (taken = 0; taken < most;) {
-        const Outcome outcome = storeEvent(events[taken], total);
+        const Outcome outcome = storeEvent(events[taken], prepared, total);
         if (outcome != Outcome::NotNow || batch.hasEnded()) ++taken;
         if (total > limit || outcome == Outcome::NotNow || batch.hasEnded()) break;
     }
@@ -195,10 +228,11 @@ long EventTable::sizeThatEndsABatch(bool ahead) {
 /// fails. It does not wait for another process's lock: the batch has waited for it already.
 void EventTable::storeSingly(const std::vector<NewEvent>& events, std::size_t& taken, long& total) {
     const SqlConnection::NoWaiting noWaiting(m_connection);
+    SqlStatement none;
     const std::size_t count = taken;
     for (taken = 0; taken < count; ++taken) {
         try {
-            if (storeEvent(events[taken], total) == Outcome::NotNow) return;
+            if (storeEvent(events[taken], none, total) == Outcome::NotNow) return;
         } catch (const std::exception& error) {  // costs this event alone
             s_log.error("Event could not be stored: ", error.what());
             total = m_shared.totalSize;

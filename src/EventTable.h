@@ -16,6 +16,7 @@
 #include "PrunerThreads.h"
 
 class SqlConnection;
+class SqlStatement;
 
 /// The rows of the Events table on one connection: insert, batches, the total size, deletion,
 /// pruning; and the trimming of the per-cycle tables to the cycles that have events.
@@ -111,13 +112,16 @@ class EventTable {
     Turn lockFor(const char* operation) const;
     Turn turn() const { return Turn(m_shared.lock, m_shared.makeReady); }
 
-    Outcome storeEvent(const NewEvent& event, long& total);
+    /// @param prepared `preparedInsertion`, or one that is not prepared
+    Outcome storeEvent(const NewEvent& event, SqlStatement& prepared, long& total);
     void startPrunerAbove(long total);  // without the lock
     void trimCycles(Before before);
     void trim(const std::string& table, Before before);
 
     // Everything below is called with the lock held.
-    Outcome insertEvent(const NewEvent& event);
+    Outcome insertEvent(const NewEvent& event, SqlStatement& prepared);
+    Outcome outcomeOf(int result);
+    SqlStatement preparedInsertion();
     bool isMissing();
     void refuseQuotedEvent(const std::string& statement);
     bool storeInOneTransaction(const std::vector<NewEvent>& events, bool ahead, std::size_t& taken,

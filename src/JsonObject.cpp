@@ -1,20 +1,15 @@
 #include "JsonObject.h"
 
+#include "JsonText.h"
 #include "RegularFile.h"
 
 #include <iostream>
-#include <memory>
 #include <sstream>
 #include <utility>
 
 #include <cstdarg>
-#include <cstdlib>
 
 namespace {
-
-struct FreeText {
-    void operator()(char* text) const { std::free(text); }
-};
 
 std::string textOf(const json_t* value) {
     const char* text = json_string_value(value);
@@ -56,7 +51,8 @@ JsonObject JsonObject::share(json_t* value) {
 }
 
 JsonObject JsonObject::parse(const std::string& text, std::size_t flags) {
-    return adopt(json_loads(text.c_str(), flags, nullptr));
+    return adopt(flags == 0 ? JsonText::read(text.c_str())
+                            : json_loads(text.c_str(), flags, nullptr));
 }
 
 JsonObject JsonObject::loadFile(const std::string& path, std::size_t flags) {
@@ -151,8 +147,9 @@ bool JsonObject::equals(const JsonObject& other) const {
 
 std::string JsonObject::dumpAsString() const {
     if (!isObject() && !isArray()) return "(no json object)";
-    const std::unique_ptr<char, FreeText> text(json_dumps(m_value, 0));
-    return text ? text.get() : "(invalid json string)";
+    std::string text;
+    if (!JsonText::write(m_value, text)) text = "(invalid json string)";
+    return text;
 }
 
 std::string JsonObject::getStringRep() const {

@@ -221,6 +221,15 @@ int SqlConnection::execute(const std::string& sql, const char* failureText, OnFa
     return result;
 }
 
+int SqlConnection::execute(SqlStatement& statement, const char* failureText, OnFailure onFailure) {
+    const int result = statement.step();
+    m_lastResult = result == SQLITE_DONE ? SQLITE_OK : result;
+    const std::string message = m_lastResult == SQLITE_OK ? std::string() : lastError();
+    statement.resetAndClear();  // before anybody hears of a failure: it bars a ROLLBACK otherwise
+    if (m_lastResult != SQLITE_OK) reportFailure(failureText, message.c_str(), onFailure);
+    return m_lastResult;
+}
+
 SqlStatement SqlConnection::prepare(const std::string& sql) const {
     return SqlStatement(m_handle.get(), sql, &m_results);
 }

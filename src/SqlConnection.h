@@ -60,6 +60,10 @@ class SqlConnection {
     /// @return SQLite's result code; SQLITE_MISUSE when nothing is open
     int execute(const std::string& sql, const char* failureText,
                 OnFailure onFailure = OnFailure::Record);
+    /// The same with a prepared statement of this connection that yields no rows; afterwards it is
+    /// ready for new bindings.
+    int execute(SqlStatement& statement, const char* failureText,
+                OnFailure onFailure = OnFailure::Record);
     /// Prepares `sql`; where that fails the statement is not prepared and `lastError` says why.
     SqlStatement prepare(const std::string& sql) const;
     /// The number that `pragma` answers; 0 without an answer.

@@ -50,6 +50,12 @@ void SqlStatement::bind(int parameter, const std::string& text) {
                         SQLITE_UTF8);
 }
 
+void SqlStatement::bindBorrowed(int parameter, const std::string& text) {
+    if (!isPrepared()) return;
+    sqlite3_bind_text64(m_statement.get(), parameter, text.data(), text.size(), SQLITE_STATIC,
+                        SQLITE_UTF8);
+}
+
 void SqlStatement::bindNull(int parameter) {
     if (isPrepared()) sqlite3_bind_null(m_statement.get(), parameter);
 }

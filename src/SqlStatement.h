@@ -46,6 +46,8 @@ class SqlStatement {
     void bind(int parameter, std::int64_t value);
     void bind(int parameter, double value);
     void bind(int parameter, const std::string& text);  ///< copied
+    /// Not copied: it must stay as it is until `resetAndClear`.
+    void bindBorrowed(int parameter, const std::string& text);
     void bindNull(int parameter);
     /// Binds the value of a column of `row`, of whatever type.
     void bindColumn(int parameter, const SqlStatement& row, int column);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -111,6 +112,107 @@ TEST_F(EventTableBatchesTest, AnEventThatFailsAloneInABatchFailsAlone) {
     const std::string line = "kivDB: SQL error (insert event): near \"s\": syntax error\n";
     EXPECT_EQ(capture.errWithoutPrefixes(), line + line);
     EXPECT_EQ(storedData(), (Texts{"e0", "e1", "e3"}));
+}
+
+/// A row is the same byte for byte and type for type whether its event came in a batch or alone.
+TEST_F(EventTableBatchesTest, RowsOfABatchAreThoseOfSingleEvents) {
+    constexpr long long kMost = std::numeric_limits<long long>::max();
+    constexpr long long kLeast = std::numeric_limits<long long>::min();
+    const std::vector<DB::NewEvent> odd = {
+        {1, 1, 1, "t", "plain"},
+        {0, 0, 0, "", ""},
+        {-1, -2, -3, "t", "negative"},
+        {2147483647, 4294967295L, kMost, "t", "large"},
+        {4294967295L, 2147483648L, kLeast, "t", "least"},
+        {1, 1, 5, "12", "34"},
+        {1, 1, 6, "1e3", "0x10"},
+        {1, 1, 7, "t", "NULL"},
+        {1, 1, 8, "t", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
+        {1, 1, 9, "caf\xc3\xa9", "not UTF-8: \xff\xc3("},
+        {1, 1, 10, "t", R"({"a": "\u0000 \" \\ ?1 :a @a $a", "b": 1.5e300})"},
+        {1, 1, 11, "t", "\"; DROP TABLE Events; -- \n\r\t\x01\x7f"},
+        {1, 1, 12, "a type of more than fifteen characters", std::string(20000, 'x')},
+        {1, 1, 13, "t", std::string(70000, 'y')},
+        {1, 1, 14, "t", "it's"},
+        {1, 1, 15, "it's", "t"},
+        {1, 1, 16, "t", std::string("a\0b", 3)},
+        {1, 1, 17, std::string("a\0b", 3), "t"},
+        {1, 1, 18, "t", "the last"},
+    };
+    const std::string all =
+        "SELECT ROWID,typeof(bootCount),bootCount,typeof(standbyCount),standbyCount,"
+        "typeof(kernelTime),kernelTime,typeof(type),hex(type),typeof(status),status,typeof(data),"
+        "hex(data) FROM Events ORDER BY ROWID";
+    DB alone;
+    alone.open(dir.file("Alone"), false);
+    OutputCapture aloneCapture;
+    DB::m_TotalEventSize = -1;
+    for (const DB::NewEvent& event : odd) {
+        alone.addEvent(event.bootCount, event.standbyCount, event.kernelTime, event.type,
+                       event.data);
+    }
+    const long sizeAlone = DB::m_TotalEventSize;
+    aloneCapture.stop();
+    OutputCapture capture;
+    DB::m_TotalEventSize = -1;
+    std::size_t taken = 0;
+    db->addEvents(odd, taken);
+    capture.stop();
+    EXPECT_EQ(taken, odd.size());
+    EXPECT_EQ(rows(all), PlainDatabase(dir.file("Alone")).rows(all));
+    EXPECT_EQ(rows(all).size(), odd.size() - 4);
+    EXPECT_EQ(DB::m_TotalEventSize, sizeAlone);
+    EXPECT_EQ(capture.errWithoutPrefixes(), aloneCapture.errWithoutPrefixes());
+    EXPECT_NE(capture.err(), "");
+}
+
+/// A batch tells of each event, verbose, what a single event tells: the whole statement as text.
+TEST_F(EventTableBatchesTest, ABatchTellsTheStatementOfEachEvent) {
+    DB::setVerbose(true);
+    std::size_t taken = 0;
+    OutputCapture capture;
+    db->addEvents({{3, 4, 5000000000LL, "t", "{\"a\": 1}"}, {-3, 4, 5, "", "it's"}}, taken);
+    capture.stop();
+    DB::setVerbose(false);
+    const std::string lines = capture.outWithoutPrefixes();
+    EXPECT_NE(lines.find("kivDB: Query is INSERT INTO Events (bootCount, standbyCount, kernelTime, "
+                         "type, status, data) VALUES (3, 4, 5000000000, 't', 0, '{\"a\": 1}' );\n"),
+              std::string::npos)
+        << lines;
+    EXPECT_NE(lines.find("kivDB: Query is INSERT INTO Events (bootCount, standbyCount, kernelTime, "
+                         "type, status, data) VALUES (-3, 4, 5, '', 0, 'it's' );\n"),
+              std::string::npos)
+        << lines;
+}
+
+/// After a batch no statement is left on the connection, so that the store can be closed and
+/// replaced; also after one that failed.
+TEST_F(EventTableBatchesTest, ABatchLeavesNoStatementBehind) {
+    std::size_t taken = 0;
+    db->addEvents(events(3), taken);
+    EXPECT_EQ(sqlite3_next_stmt(DBPeer::connection(*db), nullptr), nullptr);
+    makeTrigger(
+        "CREATE TRIGGER No BEFORE INSERT ON Events WHEN new.data='e1' "
+        "BEGIN SELECT RAISE(ABORT,'refused'); END");
+    OutputCapture capture;
+    db->addEvents(events(3), taken);
+    capture.stop();
+    EXPECT_EQ(sqlite3_next_stmt(DBPeer::connection(*db), nullptr), nullptr);
+    EXPECT_FALSE(transactionIsOpen());
+}
+
+/// A batch into a store whose table somebody took away stays with its owner, with the line of a
+/// single event.
+TEST_F(EventTableBatchesTest, ABatchWithoutATableStaysWithItsOwner) {
+    aside("DROP TABLE Events");
+    OutputCapture capture;
+    std::size_t taken = 99;
+    db->addEvents(events(3), taken);
+    capture.stop();
+    EXPECT_EQ(taken, 0u);
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (insert event): no such table: Events\n");
+    EXPECT_FALSE(transactionIsOpen());
 }
 
 /// An event that fails alone in a batch fails alone.

@@ -133,6 +133,34 @@ TEST_F(SqlConnectionTest, AFailedStatementGetsItsLineAndIsRecorded) {
     EXPECT_EQ(connection.lastErrorCode(), SQLITE_ERROR);
 }
 
+/// A prepared statement that fails gets its line and is recorded as a written one, and is ready for
+/// new bindings afterwards.
+TEST_F(SqlConnectionTest, APreparedStatementFailsLikeAWrittenOne) {
+    openIt();
+    execute("CREATE TABLE T(a UNIQUE)");
+    SqlStatement insertion = connection.prepare("INSERT INTO T VALUES(?1)");
+    const std::string text = "twice";
+    OutputCapture capture;
+    insertion.bindBorrowed(1, text);
+    EXPECT_EQ(connection.execute(insertion, "failed: "), SQLITE_OK);
+    insertion.bindBorrowed(1, text);
+    EXPECT_EQ(connection.execute(insertion, "failed: "), SQLITE_CONSTRAINT);
+    EXPECT_FALSE(connection.failedForNow());
+    insertion.bindBorrowed(1, text);
+    EXPECT_EQ(connection.execute(insertion, "reported: ", OnFailure::ReportOnly),
+              SQLITE_CONSTRAINT);
+    EXPECT_EQ(connection.execute(insertion, "failed: "), SQLITE_OK) << "nothing bound is NULL";
+    SqlStatement none = connection.prepare("x");
+    EXPECT_EQ(connection.execute(none, "failed: "), SQLITE_MISUSE);
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: failed: UNIQUE constraint failed: T.a\n"
+              "kivDB: reported: UNIQUE constraint failed: T.a\n"
+              "kivDB: failed: near \"x\": syntax error\n");
+    EXPECT_EQ(recorded, (Texts{"UNIQUE constraint failed: T.a", "near \"x\": syntax error"}));
+    EXPECT_EQ(PlainDatabase(path).rows("SELECT a FROM T"), (Texts{"twice", "NULL"}));
+}
+
 /// Without an open file every statement fails.
 TEST_F(SqlConnectionTest, WithoutAnOpenFileEveryStatementFails) {
     OutputCapture capture;

@@ -51,6 +51,26 @@ TEST_F(SqlStatementTest, CarriesAValueOverWithItsType) {
     }
 }
 
+/// A text that was bound without a copy is stored as one that was copied; an empty one is not NULL.
+TEST_F(SqlStatementTest, StoresABorrowedText) {
+    SqlStatement insert(connection.get(), "INSERT INTO T VALUES(?1, ?2)");
+    const std::string texts[] = {"it's", std::string("a\0b", 3), "", "caf\xc3\xa9"};
+    for (const std::string& text : texts) {
+        insert.bindBorrowed(1, text);
+        insert.bind(2, text);
+        EXPECT_EQ(insert.step(), SQLITE_DONE);
+        insert.resetAndClear();
+    }
+    SqlStatement rows(connection.get(), "SELECT a, b, a IS b, typeof(a) FROM T ORDER BY ROWID");
+    for (const std::string& text : texts) {
+        ASSERT_EQ(rows.step(), SQLITE_ROW);
+        EXPECT_EQ(rows.columnText(0), text);
+        EXPECT_EQ(rows.columnInt64(2), 1);
+        EXPECT_EQ(rows.columnText(3), "text");
+    }
+    SqlStatement().bindBorrowed(1, "nothing happens");
+}
+
 /// Bound values come back unaltered, quotes and NUL characters included.
 TEST_F(SqlStatementTest, ReturnsWhatWasBound) {
     SqlStatement insert(connection.get(), "INSERT INTO T VALUES(?1, ?2)");
