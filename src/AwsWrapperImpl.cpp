@@ -44,6 +44,9 @@
 #include <aws/s3/model/PutObjectRequest.h>
 #ifdef KIV_AWSLITE
 #include <aws/core/awslite.h>
+#else
+#include <aws/core/utils/logging/AWSLogging.h>
+#include <aws/core/utils/logging/LogSystemInterface.h>
 #endif
 
 std::string AwsWrapperImpl::m_TestModeFile;
@@ -58,6 +61,7 @@ constexpr char kLogPrefix[] = "aws_sdk_";
 constexpr long kTimeoutMs = 30000;  ///< to connect, and without any progress
 /// In all, of a call that keeps the upload thread. One in a child has the child's limit.
 constexpr long kCallTimeoutMs = 120000;
+constexpr std::chrono::seconds kRefusalLimit(10);  ///< of such a call, if it is made once more
 constexpr std::int64_t kBytesPerSecond = 50000000;
 
 /// The configured endpoint may be a host or a URL; the client wants a URL.
@@ -108,6 +112,14 @@ void dateRequestsBy(std::function<std::chrono::system_clock::time_point()> clock
 #endif
 }
 
+/// For a child: the thread that writes the SDK's log stayed in the daemon, and may have held the
+/// log's lock at the fork. Nothing would write the child's lines anyway.
+void leaveSdkLog() {
+#ifndef KIV_AWSLITE  // which writes none
+    Aws::Utils::Logging::PushLogger(nullptr);
+#endif
+}
+
 /// Whether this version of the SDK can limit a call as a whole; some know a stalled one only.
 template <typename Configuration, typename = void>
 struct LimitsCalls : std::false_type {};
@@ -116,10 +128,24 @@ struct LimitsCalls<Configuration,
                    std::void_t<decltype(std::declval<Configuration>().httpRequestTimeoutMs)>>
     : std::true_type {};
 
+/// Limits a call that keeps the upload thread.
 template <typename Configuration>
 void limitCall(Configuration& configuration) {
+    configuration.retryStrategy = Aws::MakeShared<SkewRetryStrategy>(kAllocationTag, kRefusalLimit);
     if constexpr (LimitsCalls<Configuration>::value) {
         configuration.httpRequestTimeoutMs = kCallTimeoutMs;
+    }
+}
+
+/// A portal that redirects a request is not given it: the request shows the session token, and the
+/// portal's connection is often a plain one. In older versions of the SDK the policy is a switch.
+template <typename Configuration>
+void followNoRedirect(Configuration& configuration) {
+    using Policy = decltype(configuration.followRedirects);
+    if constexpr (std::is_same_v<Policy, bool>) {
+        configuration.followRedirects = false;
+    } else {
+        configuration.followRedirects = Policy::NEVER;
     }
 }
 
@@ -233,6 +259,7 @@ Aws::Client::ClientConfiguration AwsWrapperImpl::Sdk::configurationFor(
     configuration.writeRateLimiter = rateLimiter;
     configuration.retryStrategy = Aws::MakeShared<SkewRetryStrategy>(allocationTag);
     configuration.endpointOverride = endpointUrl(host).c_str();
+    followNoRedirect(configuration);
     if (!caPath.empty()) {
         s_log.info("Set AWS ClientConfiguration caPath for ", service, " to ", caPath);
         configuration.caPath = caPath.c_str();
@@ -376,6 +403,7 @@ bool AwsWrapperImpl::runUpload(const Upload& upload) {
                 upload.testModeFile, "files",
                 fileElement(upload.objectName, upload.bucket, upload.localPath));
         }
+        leaveSdkLog();
         dateRequestsBy(upload.clock);
         return putObject(upload);
     } catch (const std::exception& error) {

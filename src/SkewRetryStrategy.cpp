@@ -1,5 +1,8 @@
 #include "SkewRetryStrategy.h"
 
+#include <aws/core/client/AWSError.h>
+#include <aws/core/client/CoreErrors.h>
+
 using Aws::Client::AWSError;
 using Aws::Client::CoreErrors;
 
@@ -22,11 +25,16 @@ bool isAboutTheClock(CoreErrors type) {
 
 }  // namespace
 
-SkewRetryStrategy::SkewRetryStrategy() : DefaultRetryStrategy(1) {}
+SkewRetryStrategy::SkewRetryStrategy(std::chrono::milliseconds refusalLimit)
+    : DefaultRetryStrategy(1),
+      m_made(std::chrono::steady_clock::now()),
+      m_refusalLimit(refusalLimit) {}
 
 bool SkewRetryStrategy::ShouldRetry(const AWSError<CoreErrors>& error,
                                     long attemptedRetries) const {
-    return isAboutTheClock(error.GetErrorType()) &&
+    const auto taken = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - m_made);
+    return isAboutTheClock(error.GetErrorType()) && taken < m_refusalLimit &&
            DefaultRetryStrategy::ShouldRetry(error, attemptedRetries);
 }
 

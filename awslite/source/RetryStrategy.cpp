@@ -1,5 +1,7 @@
 #include <aws/core/client/DefaultRetryStrategy.h>
 
+#include <aws/core/client/AWSError.h>
+
 #include <algorithm>
 
 namespace Aws {

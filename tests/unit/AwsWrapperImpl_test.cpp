@@ -278,6 +278,26 @@ TEST_F(AwsWrapperImplTest, TakesAPortalsPageForNoAnswerOfTheService) {
     EXPECT_NE(lines.find(kUploadFailed), std::string::npos) << lines;
 }
 
+/// A redirect is not followed: the place that it names is given no request, which would show it the
+/// session token.
+TEST_F(AwsWrapperImplTest, GivesNoRequestToThePlaceOfARedirect) {
+    giveCredentials();
+    const ScriptedHttpServer portal(portalPage);
+    script([&](const Request&) {
+        Response response;
+        response.status = 302;
+        response.headers = {{"Location", portal.url("/welcome")}};
+        return response;
+    });
+    OutputCapture output;
+    EXPECT_FALSE(client().UploadToKinesisFirehose("{}\n"));
+    EXPECT_FALSE(client().UploadFile("o", dir.write("log", "abc")));
+    EXPECT_FALSE(client().DownloadFile("o", dir.file("copy")));
+    output.stop();
+    EXPECT_EQ(cloud.requests().size(), 3u);
+    EXPECT_EQ(portal.requests().size(), 0u);
+}
+
 /// What a service says of a failure is shown cut to 256 characters, its line breaks escaped.
 TEST_F(AwsWrapperImplTest, ShowsOfAServicesTextOnlyWhatFitsALine) {
     const std::string text = "first\nsecond" + std::string(100000, 'x');

@@ -1,5 +1,10 @@
 #include "SkewRetryStrategy.h"
 
+#include <chrono>
+
+#include <aws/core/client/AWSError.h>
+#include <aws/core/client/CoreErrors.h>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -28,6 +33,17 @@ TEST(SkewRetryStrategyTest, RepeatsItOnceOnly) {
         for (const long attempted : {1L, 2L, 10L}) {
             EXPECT_FALSE(strategy.ShouldRetry(Error(type, "name", "message", true), attempted));
         }
+    }
+}
+
+/// A refusal that comes as late as the limit, or later, is not answered by another attempt.
+TEST(SkewRetryStrategyTest, LeavesARefusalThatComesTooLate) {
+    const SkewRetryStrategy late(std::chrono::milliseconds(0));
+    const SkewRetryStrategy early(std::chrono::hours(1));
+    for (const CoreErrors type : kAboutTheClock) {
+        const Error skewed(type, "name", "message", true);
+        EXPECT_FALSE(late.ShouldRetry(skewed, 0));
+        EXPECT_TRUE(early.ShouldRetry(skewed, 0));
     }
 }
 

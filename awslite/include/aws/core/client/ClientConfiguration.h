@@ -10,6 +10,9 @@
 namespace Aws {
 namespace Client {
 
+/// Whether a request goes to the place that an answer names instead.
+enum class FollowRedirectsPolicy { DEFAULT, ALWAYS, NEVER };
+
 /// How a client reaches its service; copied by the client's constructor.
 struct ClientConfiguration {
     String region = "us-east-1";
@@ -30,6 +33,8 @@ struct ClientConfiguration {
     /// Bytes received and sent; null means no limit.
     std::shared_ptr<Utils::RateLimits::RateLimiterInterface> readRateLimiter;
     std::shared_ptr<Utils::RateLimits::RateLimiterInterface> writeRateLimiter;
+    /// Carried, not used: redirects are not followed.
+    FollowRedirectsPolicy followRedirects = FollowRedirectsPolicy::DEFAULT;
     /// Carried, not used: one attempt a call.
     std::shared_ptr<RetryStrategy> retryStrategy;
 };

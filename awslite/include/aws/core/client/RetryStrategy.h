@@ -1,9 +1,11 @@
 #pragma once
 
-#include <aws/core/client/AWSError.h>
-
 namespace Aws {
 namespace Client {
+
+enum class CoreErrors;
+template <typename ERROR_TYPE>
+class AWSError;
 
 /// When to try a failed call again. The clients of the subset carry it but make one attempt a
 /// call whatever it says: retrying is the caller's.
