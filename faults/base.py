@@ -48,10 +48,12 @@ class Trial:
 
 
 class Experiment:
-    """`says` is the line of the table. A control has `must_lose`: it shows that a loss is found."""
+    """`says` is the line of the table, `how` tells how the fault is made. A control has
+    `must_lose`: it shows that a loss is found."""
 
     name = ""
     says = ""
+    how = ""  # default: the first words of its file
     trials = 100  # of a whole campaign
     quick_trials = 10
     must_lose = False

@@ -28,6 +28,11 @@ def range_of(overflow):
     return tuple(values[:3]), tuple(values[3:])
 
 
+def names_a_range(members):
+    """Whether an event with these members names one: anybody may post one that does not."""
+    return isinstance(members, dict) and all(type(members.get(name)) is int for name in RANGE)
+
+
 class Ledger:
     """Of one store and one stream, over any number of restarts. Threads may share it."""
 
@@ -80,9 +85,10 @@ class Ledger:
     def see_overflows(self, texts):
         """Takes over the ranges that overflow events name which are still in the store."""
         for text in texts:
-            if '"logging.overflow"' in text:
+            data = json.loads(text)["data"] if '"logging.overflow"' in text else None
+            if names_a_range(data):
                 with self._lock:
-                    self.overflows.append(range_of(json.loads(text)["data"]))
+                    self.overflows.append(range_of(data))
 
     def read_cloud(self, cloud, stream):
         """Takes over the records that came since the last call."""
@@ -95,12 +101,12 @@ class Ledger:
         self._records_read = len(lines)
 
     def _take_record(self, number, text):
-        for block in map(json.loads, text.splitlines()):
+        for block in map(json.loads, text.rstrip("\n").split("\n")):
             for event in block["events"]:
                 with self._lock:
                     if KEY in event:
                         self.accepted.setdefault(event[KEY], []).append(number)
-                    elif event["event-type"] == "logging.overflow":
+                    elif event["event-type"] == "logging.overflow" and names_a_range(event):
                         self.overflows.append(range_of(event))
 
     def answer_was_lost(self):
