@@ -36,11 +36,14 @@ KINDS = ("good",) + CERTIFICATES
 
 
 class Certificates:
-    def __init__(self, state):
+    def __init__(self, state, hosts=()):
+        """`hosts`: names by which the services are called beside localhost. Other names than
+        before make a new CA."""
         self.directory = os.path.join(state, "ca")
         self.ca_file = os.path.join(self.directory, "ca.pem")
         self._keys = os.path.join(state, "keys")
-        if not all(os.path.exists(path) for path in self._all_files()):
+        self._names = ["localhost", "127.0.0.1"] + sorted(set(hosts) - {"localhost", "127.0.0.1"})
+        if not all(os.path.exists(path) for path in self._all_files()) or not self._has_names():
             self._make()
         self._contexts = {kind: self._context(kind) for kind in KINDS}
 
@@ -54,6 +57,12 @@ class Certificates:
     def _all_files(self):
         return [self.ca_file] + [self._pem(kind) for kind in KINDS]
 
+    def _has_names(self):
+        with open(self._pem("good"), "rb") as file:
+            certificate = x509.load_pem_x509_certificate(file.read().split(b"KEY-----\n")[-1])
+        names = certificate.extensions.get_extension_for_class(x509.SubjectAlternativeName).value
+        return {str(name.value) for name in names} == set(self._names)
+
     def _context(self, kind):
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(self._pem(kind))
@@ -65,11 +74,11 @@ class Certificates:
         ca = _Authority(CA_NAME)
         other = _Authority(OTHER_CA_NAME)
         self._write(os.path.join(self._keys, "ca.key"), _key_pem(ca.key))
-        self._write(self._pem("good"), ca.server_pem())
-        self._write(self._pem("untrusted"), other.server_pem())
-        self._write(self._pem("expired"), ca.server_pem(until=LONG_AGO))
+        self._write(self._pem("good"), ca.server_pem(self._names))
+        self._write(self._pem("untrusted"), other.server_pem(self._names))
+        self._write(self._pem("expired"), ca.server_pem(self._names, until=LONG_AGO))
         self._write(self._pem("other-host"), ca.server_pem(["other.example"]))
-        self._write(self._pem("too-new"), ca.server_pem(since=FAR_AHEAD))
+        self._write(self._pem("too-new"), ca.server_pem(self._names, since=FAR_AHEAD))
         certificate = ca.certificate.public_bytes(serialization.Encoding.PEM)
         self._write(self.ca_file, certificate, 0o644)
         hashed = os.path.join(self.directory, name_hash(ca.certificate.subject) + ".0")
@@ -100,7 +109,7 @@ class _Authority:
             .sign(self.key, hashes.SHA256())
         )
 
-    def server_pem(self, names=("localhost", "127.0.0.1"), since=VALID_FROM, until=VALID_UNTIL):
+    def server_pem(self, names, since=VALID_FROM, until=VALID_UNTIL):
         key = ec.generate_private_key(ec.SECP256R1())
         authority = x509.AuthorityKeyIdentifier.from_issuer_public_key(self.key.public_key())
         certificate = (

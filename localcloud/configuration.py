@@ -52,7 +52,9 @@ class Services:
             geolocation = urlsplit(document["geolocation-url"])
             self.http_port = geolocation.port or 80
             self.geo_path = geolocation.path
-            self.ports = _secure_ports(document)
+            self.host = urlsplit(members["prod"]["config-url"]).hostname or "localhost"
+            self.hosts = {"localhost", "127.0.0.1", self.host, geolocation.hostname or self.host}
+            self.ports = _secure_ports(document, self.hosts)
             place = document["fallback-location"]
             self.location = {
                 "ip": place["ip"],
@@ -67,7 +69,7 @@ class Services:
             raise ServicesFileError("%s: missing or misplaced: %s" % (path, error))
 
 
-def _secure_ports(document):
+def _secure_ports(document, hosts):
     """{HTTPS port: its target, where one kind of service alone has it, else None}"""
     users = {}
     for members in document["environments"].values():
@@ -76,7 +78,7 @@ def _secure_ports(document):
             users.setdefault(urlsplit(members[name]).port or 443, set()).add(target)
     for target in ("firehose", "s3"):
         url = urlsplit(document.get(target + "-endpoint", ""))
-        if url.hostname in ("localhost", "127.0.0.1"):
+        if url.hostname in hosts:
             users.setdefault(url.port or 443, set()).add(target)
     return {port: min(targets) if len(targets) == 1 else None for port, targets in users.items()}
 

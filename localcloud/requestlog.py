@@ -19,6 +19,7 @@ class RequestLog:
     def __init__(self, state, now):
         """`now` gives the UTC seconds of the local cloud's clock."""
         self._now = now
+        self.watcher = None  # is told what arrived and what ended, on the thread that answers
         self._lock = threading.Lock()  # guards what follows
         self._requests = _LineFile(os.path.join(state, "requests.jsonl"))
         self._answers = _LineFile(os.path.join(state, "answers.jsonl"))
@@ -36,12 +37,15 @@ class RequestLog:
                 "cloud-time": _timestamp(self._now() - ago),
                 "arrived": round(arrived, 6),
             }
-            self._requests.add({**times, **entry})
+            entry = {**times, **entry}
+            self._requests.add(entry)
             summary = dict(times)
             for name in ("target", "method", "path", "status", "verdict"):
                 summary[name] = entry[name]
             summary.update({"bytes-in": None, "bytes-out": None, "duration": None})
             self._summaries.append(summary)
+        if self.watcher:
+            self.watcher.arrived(entry)
         return summary
 
     def ended(self, summary, bytes_in, bytes_out):
@@ -50,6 +54,8 @@ class RequestLog:
         with self._lock:
             summary.update({"bytes-in": bytes_in, "bytes-out": bytes_out, "duration": duration})
             self._answers.add(summary)
+        if self.watcher:
+            self.watcher.ended(summary)
 
     def count(self):
         with self._lock:

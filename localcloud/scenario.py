@@ -6,6 +6,7 @@ counts.
 """
 
 import copy
+import json
 import threading
 import time
 from dataclasses import asdict, dataclass
@@ -60,6 +61,12 @@ class Scenario:
             for key in ("*", device):
                 document = merged(document, self._config.get(key, {}))
             return document
+
+    def told_config(self, device):
+        """What is told for the configuration of a device, for comparing."""
+        with self._lock:
+            told = (self._config.get("*"), self._config.get(device))
+            return json.dumps(told, sort_keys=True)
 
     def patched(self, name, document):
         """The "tou" or "geo" document with what is told for it."""

@@ -13,7 +13,10 @@ from answer import Request, json_answer
 from awsservices import S3, Firehose
 from configuration import Gateway, Geolocation
 from delivery import Delivery, reset, wait_until_told
+from journal import Journal, WatchedStore
 from misbehaviour import StandIn, portal_page
+from pageserver import Forbidden, PageServer, check_caller, guarded
+from portowner import explained
 
 MAX_BODY = 256 * 1024 * 1024
 IDLE_TIMEOUT = 60  # seconds without a byte from the client
@@ -24,38 +27,61 @@ NOT_FOUND = "POST /control, GET /control/state or GET /control/requests?since=NU
 class LocalCloud:
     """Everything that the listeners share."""
 
-    def __init__(self, services, scenario, store, requests, certificates, verbose=False):
+    def __init__(self, services, scenario, store, requests, certificates, options):
         self.services = services
         self.scenario = scenario
         self.store = store
         self.requests = requests
         self.certificates = certificates
-        self.verbose = verbose
+        self.verbose = options.verbose
+        self.open_page = options.open_page
+        self.addresses = sorted({options.bind} if options.bind == "0.0.0.0"
+                                else {"127.0.0.1", options.bind})
+        self.journal = Journal(options.state, scenario.told_config)
+        requests.watcher = self.journal
+        watched = WatchedStore(store, self.journal)
         self.gateway = Gateway(services, scenario)
         self.geolocation = Geolocation(services, scenario)
-        self.firehose = Firehose(store, scenario)
-        self.s3 = S3(store, scenario)
+        self.firehose = Firehose(watched, scenario)
+        self.s3 = S3(watched, scenario)
+        self.page = PageServer(self, self.journal, options.filter_program)
         self.stand_in = StandIn(self.firehose, self.s3)
         self.ports = {}  # "https", "http", target: port
+        self._listeners = []
 
     def listen(self, https_port, http_port):
-        """All listeners, bound to their ports; the main HTTPS one and the plain one first."""
+        """All listeners, bound to their ports; raises PortTaken."""
         named = self.services.ports
-        https = HttpsServer(https_port, self, named[self.services.https_port])
-        plain = HttpServer(http_port, self)
-        self.gateway.endpoint = "https://localhost:%d" % https.port
-        self.stand_in.portal_url = "http://127.0.0.1:%d%s" % (plain.port, PORTAL_PATH)
+        host = self.services.host
+        https = self._opened(HttpsServer, "--https-port", https_port,
+                             named[self.services.https_port])
+        plain = self._opened(HttpServer, "--http-port", http_port)
+        self.gateway.endpoint = "https://%s:%d" % (host, https.port)
+        self.stand_in.portal_url = "http://%s:%d%s" % (
+            "127.0.0.1" if host == "localhost" else host, plain.port, PORTAL_PATH)
         self.ports = {"https": https.port, "http": plain.port}
-        further = [HttpsServer(port, self, target) for port, target in sorted(named.items())
-                   if port != self.services.https_port]
+        further = [self._opened(HttpsServer, "--services", port, target)
+                   for port, target in sorted(named.items()) if port != self.services.https_port]
         self.gateway.own_endpoints = {
-            server.target: "https://localhost:%d" % server.port for server in further}
+            server.target: "https://%s:%d" % (host, server.port) for server in further}
         having = {server.target for server in [https] + further}
-        further += [HttpsServer(0, self, target) for target in SECURE if target not in having]
+        further += [self._opened(HttpsServer, "", 0, target)
+                    for target in SECURE if target not in having]
         for server in [https] + further:
             if server.target:
                 self.ports.setdefault(server.target, server.port)
-        return [https, plain] + further
+        return self._listeners
+
+    def _opened(self, kind, option, port, target=None):
+        """The first of a kind's listeners on a port, one for each address."""
+        for address in self.addresses:
+            try:
+                server = kind((address, port), self, target)
+            except OSError as error:
+                raise explained(error, port, option)
+            port = server.port
+            self._listeners.append(server)
+        return self._listeners[-1]
 
     def log(self, entry, arrived):
         """Adds to the request log; returns what its `ended` asks for."""
@@ -77,6 +103,10 @@ class LocalCloud:
         if request.path == "/":
             return "firehose", None, lambda: self.firehose.answer(request)
         return "s3", None, lambda: self.s3.answer(request)
+
+    def check_caller(self, request, client):
+        """Raises Forbidden for what page and control do not answer."""
+        check_caller(request, self.services.hosts, client, self.open_page)
 
     def control(self, request):
         """The answer to a request to /control, /control/state or /control/requests."""
@@ -110,9 +140,10 @@ class HttpServer(http.server.ThreadingHTTPServer):
     request_queue_size = 64
     secure = False
 
-    def __init__(self, port, cloud):
-        super().__init__(("127.0.0.1", port), Handler)
+    def __init__(self, place, cloud, target=None):
+        super().__init__(place, Handler)
         self.cloud = cloud
+        self.target = target
 
     @property
     def port(self):
@@ -134,10 +165,6 @@ class HttpsServer(HttpServer):
     """An HTTPS port: everybody's, or one target's own, whose certificates it then shows."""
 
     secure = True
-
-    def __init__(self, port, cloud, target=None):
-        super().__init__(port, cloud)
-        self.target = target
 
     def finish_request(self, request, client_address):
         """Runs on the connection's own thread: a slow handshake holds nobody else up."""
@@ -229,9 +256,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if request is None:
             return
         cloud = self.server.cloud
-        if not self.server.secure and request.path.partition("/control")[0] == "":
+        if not self.server.secure and self._is_for_people(request.path):
             self._counted = self.rfile.count
-            self._send(cloud.control(request))
+            self._answer_people(cloud, request)
             return
         target, environment, answer = cloud.service_of(request, self.server.secure)
         delivery = Delivery(self, cloud.scenario, target)
@@ -247,6 +274,34 @@ class Handler(http.server.BaseHTTPRequestHandler):
         status = None if action in ("reset", "hang") else changed.status
         logged = self._log(request, target, environment, status, "misbehaved: " + action, told)
         self._finish(delivery, logged, lambda: delivery.misbehave(told, changed))
+
+    @staticmethod
+    def _is_for_people(path):
+        return path.partition("/control")[0] == "" or PageServer.takes(path)
+
+    def _answer_people(self, cloud, request):
+        """Control and page: neither logged nor told to misbehave."""
+        try:
+            cloud.check_caller(request, self.client_address[0])
+        except Forbidden as why:
+            self._send(guarded(json_answer({"error": str(why)}, 403)))
+            return
+        if not PageServer.takes(request.path):
+            self._send(cloud.control(request))
+        elif (request.method, request.path) != ("GET", "/page/stream"):
+            self._send(cloud.page.answer(request))
+        else:
+            self.close_connection = True
+            if not cloud.page.stream(request, self._write_piece):
+                self._send(guarded(json_answer({"error": "too many pages are open"}, 503)))
+
+    def _write_piece(self, data):
+        """Whether it went out; the client has gone where not."""
+        try:
+            self.wfile.write(data)
+            return True
+        except (OSError, ValueError):
+            return False
 
     do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_PATCH = do_OPTIONS = dispatch
 

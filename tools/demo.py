@@ -4,11 +4,15 @@
 Starts the local cloud and the daemon with a device of its own under a scratch directory, and
 feeds it this machine's readings: idle time and free memory from /proc, kernel log lines where
 they can be read, and its own log as an announced file. Says in plain lines what was stored, sent
-and received. With --once it ends when everything has arrived and has been verified.
+and received, and where the page is that shows it. With --once it ends when everything has arrived
+and has been verified. ./run --help lists the options.
 """
 import argparse
 import collections
+import ctypes
+import errno
 import hashlib
+import ipaddress
 import json
 import os
 import pathlib
@@ -25,6 +29,9 @@ QUEUE = "/kiv_queue"
 DEVICE = "TV-DEMO-1"
 ONCE_EVENTS = 60
 ONCE_LIMIT_S = 90
+HTTPS_PORT, HTTP_PORT = 18443, 18480  # of services/local.json
+READ_EVERY_S = 1
+TELL_EVERY_S = 5
 
 
 class Failed(Exception):
@@ -73,15 +80,21 @@ class KernelLog:
 
 
 class Cloud:
-    def __init__(self, state):
+    def __init__(self, state, options):
         self.state = state
-        self.process = subprocess.Popen(
-            ["/usr/bin/python3", ROOT / "localcloud/localcloud.py", "--state", state,
-             "--scenario", self._scenario()],
-            stdout=subprocess.PIPE, text=True)
+        command = ["/usr/bin/python3", ROOT / "localcloud/localcloud.py", "--state", state,
+                   "--scenario", self._scenario(), "--bind", options.bind,
+                   "--filter-program", options.build.resolve() / "tools/kivfilter"]
+        if options.services != "local":
+            command += ["--services", options.services]
+        if options.open_page:
+            command.append("--open-page")
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
         ready = self.process.stdout.readline()
         if not ready.startswith("ready "):
-            raise Failed("the local cloud did not start (is its port taken?)")
+            raise Failed("the local cloud did not start; the line above says why")
+        words = dict(word.split("=", 1) for word in ready.split()[1:3])
+        self.page = f"http://127.0.0.1:{words['http']}/"
         self.ca = ready.split("ca=")[1].strip()
 
     def _scenario(self):
@@ -124,11 +137,12 @@ class Daemon:
         (folder / "current_tou.txt").write_text("CUL-TOU 1 TRUE")
 
     def is_ready(self):
-        """Whether the server's configuration, with the consent, is in force."""
+        """Whether the server's configuration, with the consent, is in force, and the queue there."""
         try:
-            return json.loads((self.folder / "Config").read_text()).get("kiv_tou") is True
+            given = json.loads((self.folder / "Config").read_text()).get("kiv_tou") is True
         except (OSError, ValueError):
             return False
+        return given and queue_exists()
 
     def stored(self):
         """(events, files) waiting in the store."""
@@ -142,6 +156,15 @@ class Daemon:
     def check_alive(self):
         if self.process.poll() is not None:
             raise Failed(f"kivApp ended with status {self.process.returncode}; see {self.log}")
+
+
+def queue_exists():
+    """Whether there is a queue of the daemon's name, ours to use or not."""
+    queues = ctypes.CDLL("librt.so.1", use_errno=True)
+    queue = queues.mq_open(QUEUE.encode(), os.O_WRONLY | os.O_NONBLOCK)
+    if queue >= 0:
+        queues.mq_close(queue)
+    return queue >= 0 or ctypes.get_errno() != errno.ENOENT
 
 
 class Feeder:
@@ -204,28 +227,42 @@ def wait_until(condition, what, daemon, limit_s=ONCE_LIMIT_S):
         time.sleep(0.05)
 
 
-def say_progress(cloud, daemon, feeder, last):
+def progress(cloud, daemon, feeder):
+    """{what: how many}, in the order in which it is told."""
     events, files = daemon.stored()
-    counts = received_samples(cloud)
-    line = (f"posted {feeder.sent}, waiting in the store {events} (+{files} files), "
-            f"received {sum(counts.values())} in {len(cloud.records())} records, "
-            f"{len(cloud.objects())} files")
-    if line != last:
-        print(line, flush=True)
-    return line
+    return {"posted": feeder.sent, "received": sum(received_samples(cloud).values()),
+            "records": len(cloud.records()), "files": len(cloud.objects()),
+            "waiting": events, "files waiting": files}
+
+
+def say_progress(now, before):
+    """One line of what has changed, where something has."""
+    def grown(name):
+        more = now[name] - before.get(name, 0)
+        return f"{now[name]} (+{more})" if more > 0 and before else str(now[name])
+
+    if now != before:
+        waiting = f", {now['files waiting']} files wait too" if now["files waiting"] else ""
+        print(f"posted {grown('posted')}, received {grown('received')} in {grown('records')} "
+              f"records and {grown('files')} files; {now['waiting']} wait in the set{waiting}",
+              flush=True)
+    return now
 
 
 def run_on(cloud, daemon, feeder):
     """Until Ctrl-C."""
-    last = ""
-    for beat in range(sys.maxsize):
+    before = {}
+    for second in range(sys.maxsize):
         daemon.check_alive()
-        if beat % 5 == 0:
+        if cloud.process.poll() is not None:
+            raise Failed(f"the local cloud ended with status {cloud.process.returncode}")
+        if second % READ_EVERY_S == 0:
             feeder.readings()
-        if beat % 300 == 299:
-            announce_log(daemon, feeder, f"demo-log-{beat // 300}.log")
-        last = say_progress(cloud, daemon, feeder, last)
-        time.sleep(0.2)
+        if second % 60 == 59:
+            announce_log(daemon, feeder, f"demo-log-{second // 60}.log")
+        if second % TELL_EVERY_S == TELL_EVERY_S - 1:
+            before = say_progress(progress(cloud, daemon, feeder), before)
+        time.sleep(1)
 
 
 def announce_log(daemon, feeder, name):
@@ -245,7 +282,7 @@ def run_once(cloud, daemon, feeder):
     expected = set(range(1, feeder.sent + 1))
     wait_until(lambda: set(received_samples(cloud)) >= expected, "all events received", daemon)
     wait_until(lambda: daemon.stored() == (0, 0), "an empty store", daemon)
-    say_progress(cloud, daemon, feeder, "")
+    say_progress(progress(cloud, daemon, feeder), {})
     verify_events(received_samples(cloud), expected)
     verify_file(cloud, digest)
 
@@ -271,24 +308,72 @@ def verify_file(cloud, digest):
 
 
 def refuse_second_daemon():
-    """Two daemons on one machine would share the queue and steal each other's events."""
+    """Two daemons with one queue would steal each other's events. One in another container has a
+    queue of its own."""
     for entry in pathlib.Path("/proc").glob("[0-9]*/comm"):
         try:
-            if entry.read_text().strip() == "kivApp":
-                raise Failed(f"kivApp runs already (process {entry.parent.name}); stop it first")
-        except OSError:
-            pass
+            found = entry.read_text().strip() == "kivApp"
+        except OSError:  # it has just ended
+            continue
+        if found and shares_our_queue(entry.parent):
+            raise Failed(f"kivApp runs already (process {entry.parent.name}), and would share the "
+                         "message queue with this one; stop it first")
+
+
+def shares_our_queue(process):
+    """Whether a process sees the message queues that we see."""
+    try:
+        return os.readlink(process / "ns/ipc") == os.readlink("/proc/self/ns/ipc")
+    except FileNotFoundError:  # it has just ended
+        return False
+    except OSError:  # another user's
+        return queue_exists()  # which its daemon has
+
+
+def port_number(text):
+    number = int(text)
+    if not 1 <= number <= 65535:
+        raise ValueError(text)
+    return number
+
+
+def address(text):
+    return str(ipaddress.IPv4Address(text))
 
 
 def parse_arguments():
-    parser = argparse.ArgumentParser(prog="./run", description=__doc__.split("\n\n")[1])
-    parser.add_argument("--once", action="store_true",
-                        help="end when records have arrived and been verified: status 0, or 1 "
-                             "and the reason")
-    parser.add_argument("--scratch", default=ROOT / "scratch", type=pathlib.Path, metavar="DIR",
-                        help="where the device, the cloud and the logs live (default: scratch)")
-    parser.add_argument("--build", required=True, type=pathlib.Path, help=argparse.SUPPRESS)
-    return parser.parse_args()
+    """The options that ./run explains, and three of its own."""
+    parser = argparse.ArgumentParser(prog="./run", add_help=False, allow_abbrev=False,
+                                     usage="./run [options]; ./run --help lists them")
+    parser.add_argument("--once", action="store_true")
+    parser.add_argument("--scratch", default=ROOT / "scratch", type=pathlib.Path)
+    parser.add_argument("--http-port", default=HTTP_PORT, type=port_number)
+    parser.add_argument("--https-port", default=HTTPS_PORT, type=port_number)
+    parser.add_argument("--bind", default="127.0.0.1", type=address)
+    parser.add_argument("--open-page", action="store_true")
+    parser.add_argument("--build", default=ROOT / "build/run", type=pathlib.Path)
+    parser.add_argument("--services", default="local")
+    parser.add_argument("--prepare", type=pathlib.Path)
+    options = parser.parse_args()
+    if options.open_page and options.bind == "127.0.0.1":
+        parser.error("--open-page goes with --bind ADDRESS: without it only this machine gets here")
+    return options
+
+
+def prepare(options):
+    """Prints which services file the program is to be built with; with other ports than usual it
+    is made."""
+    refuse_second_daemon()
+    if (options.http_port, options.https_port) == (HTTP_PORT, HTTPS_PORT):
+        print("local")
+        return
+    text = (ROOT / "services/local.json").read_text()
+    text = text.replace(f":{HTTPS_PORT}", f":{options.https_port}")
+    text = text.replace(f":{HTTP_PORT}", f":{options.http_port}")
+    path = options.prepare.resolve()
+    if not path.exists() or path.read_text() != text:
+        path.write_text(text)
+    print(path)
 
 
 def demonstrate(options, started):
@@ -297,22 +382,36 @@ def demonstrate(options, started):
     for old in ("device", "cloud"):  # nothing else: the directory may be somebody's
         shutil.rmtree(scratch / old, ignore_errors=True)
     (scratch / "device").mkdir(parents=True)
-    cloud = Cloud(scratch / "cloud")
+    cloud = Cloud(scratch / "cloud", options)
     started.append(cloud.process)
     daemon = Daemon(options.build.resolve() / "kivApp", scratch / "device", cloud.ca)
     started.append(daemon.process)
-    print(f"device {DEVICE}: files, database and log in {scratch / 'device'}\n"
+    print(f"page: {cloud.page} shows live what arrives, and can make the cloud misbehave\n"
+          f"device {DEVICE}: files, database and log in {scratch / 'device'}\n"
           f"cloud: records in {cloud.state / 'records' / STREAM}, "
           f"objects in {cloud.state / 'objects'}, requests in {cloud.state / 'requests.jsonl'}",
           flush=True)
+    say_what_is_open(options)
     wait_until(daemon.is_ready, "the configuration with consent", daemon)
     feeder = Feeder(options.build.resolve() / "tools/kivsend")
     started.append(feeder.kivsend)
     if options.once:
         run_once(cloud, daemon, feeder)
     else:
-        print("feeding it this machine's readings; Ctrl-C ends", flush=True)
+        print(f"feeding it this machine's readings, a line each {TELL_EVERY_S} s where something "
+              "changed; Ctrl-C ends", flush=True)
         run_on(cloud, daemon, feeder)
+
+
+def say_what_is_open(options):
+    if options.bind == "127.0.0.1":
+        return
+    where = "all addresses of this machine" if options.bind == "0.0.0.0" else options.bind
+    print(f"open: whoever reaches {where} can send records and objects to ports "
+          f"{options.https_port} and {options.http_port}, and ask for a configuration; "
+          + ("the page and the control service answer them too, without a password"
+             if options.open_page else "page and control service answer this machine only"),
+          flush=True)
 
 
 def main():
@@ -320,7 +419,10 @@ def main():
     started = []
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     try:
-        demonstrate(options, started)
+        if options.prepare:
+            prepare(options)
+        else:
+            demonstrate(options, started)
     except Failed as failure:
         print(f"run: {failure}", file=sys.stderr)
         return 1

@@ -10,6 +10,7 @@ kiv_packages=(
 )
 kiv_test_packages=(
     libgtest-dev libgmock-dev e2fsprogs clang-format groff-base iso-codes tzdata dpkg-dev file
+    chromium chromium-driver
 )
 
 # install_missing PACKAGE...: asks apt only when something is missing.

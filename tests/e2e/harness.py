@@ -103,11 +103,13 @@ def forget_system_wide_names():
 class Cloud:
     """The local cloud; `control` tells it to misbehave (localcloud/README.md)."""
 
+    options = ()  #: further ones of its command line
+
     def __init__(self, state, scenario=None):
         self.state = pathlib.Path(state)
         self.state.mkdir(parents=True, exist_ok=True)
         command = ["/usr/bin/python3", str(ROOT / "localcloud/localcloud.py"),
-                   "--state", str(self.state)]
+                   "--state", str(self.state), *self.options]
         if scenario:
             path = self.state / "scenario.json"
             path.write_text(json.dumps(scenario))
@@ -120,6 +122,7 @@ class Cloud:
             raise AssertionError((self.state / "localcloud.log").read_text())
         self.ca = ready["ca"]
         self._control = ready["control"]
+        self.page = self._control.replace("/control", "/")
 
     def control(self, document):
         request = urllib.request.Request(self._control, data=json.dumps(document).encode())
