@@ -6,9 +6,11 @@
 #include "Credentials.h"
 #include "Descriptor.h"
 #include "JsonObject.h"
+#include "OwnFiles.h"
 #include "SkewRetryStrategy.h"
 #include "TimedChild.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <fstream>
@@ -165,23 +167,29 @@ ssize_t readBlock(const Descriptor& file, std::vector<char>& buffer) {
     return count;
 }
 
-/// A pipe or a device that has taken the file's place has no end, or no beginning.
-bool isStream(const Descriptor& file) {
+/// Why the opened file must not be sent, in words; null when it may be. A pipe or a device that has
+/// taken the file's place has no end, or no beginning; a link may lead to one of `own` by now.
+const char* whyNotToSend(const Descriptor& file, const std::vector<OwnFiles::Identity>& own) {
     struct stat status = {};
-    return ::fstat(file.get(), &status) == 0 && !S_ISREG(status.st_mode) &&
-           !S_ISDIR(status.st_mode);
+    if (::fstat(file.get(), &status) != 0) return nullptr;  // reading will tell
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return "not a regular file";
+    const bool isOwn = std::any_of(own.begin(), own.end(),
+                                   [&](const OwnFiles::Identity& one) { return one.is(status); });
+    return isOwn ? "the daemon's own" : nullptr;
 }
 
-/// Reads the file into memory. @return its size in bytes; -1, with an error line, on failure
-long long readFile(const std::string& path, std::iostream& content) {
+/// Reads the file into memory, unless it is one of `own`. @return its size in bytes; -1, with an
+/// error line, on failure
+long long readFile(const std::string& path, const std::vector<OwnFiles::Identity>& own,
+                   std::iostream& content) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     const std::string name = ClassLog::foreign(path);
     if (!file.isOpen()) {
         s_log.error("could not open file ", name);
         return -1;
     }
-    if (isStream(file)) {
-        s_log.error("could not read file ", name, ": not a regular file");
+    if (const char* reason = whyNotToSend(file, own)) {
+        s_log.error("could not read file ", name, ": ", reason);
         return -1;
     }
     std::vector<char> buffer(65536);
@@ -242,6 +250,7 @@ struct AwsWrapperImpl::Upload {
     std::string localPath;
     std::string bucket;
     std::string testModeFile;
+    std::vector<OwnFiles::Identity> own;  ///< files to which the path may lead by now
     Aws::Client::ClientConfiguration configuration;
     Aws::Auth::AWSCredentials credentials;
     ClockCopy clock;
@@ -390,6 +399,7 @@ AwsWrapperImpl::Upload AwsWrapperImpl::prepareUpload(const std::string& objectNa
     upload.bucket = m_bucketName;
     upload.testModeFile = m_TestModeFile;
     if (!upload.testModeFile.empty()) return upload;
+    upload.own = OwnFiles::identities();
     upload.configuration = m_sdk->configurationFor("S3", Config()->GetS3Endpoint(), GetCaPath());
     upload.credentials = Credentials().GetAWSCredentials();
     return upload;
@@ -415,7 +425,7 @@ bool AwsWrapperImpl::runUpload(const Upload& upload) {
 
 bool AwsWrapperImpl::putObject(const Upload& upload) {
     const auto body = Aws::MakeShared<std::stringstream>(kAllocationTag);
-    const long long size = readFile(upload.localPath, *body);
+    const long long size = readFile(upload.localPath, upload.own, *body);
     if (size < 0) return false;
     Aws::S3::Model::PutObjectRequest request;
     request.SetBucket(upload.bucket.c_str());

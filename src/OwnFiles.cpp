@@ -73,6 +73,20 @@ bool OwnFiles::contains(const struct stat& facts) {
     return anyOwn([&facts](const std::string& own) { return isSameFile(facts, own); });
 }
 
+std::vector<OwnFiles::Identity> OwnFiles::identities() {
+    std::vector<Identity> found;
+    anyOwn([&found](const std::string& own) {
+        struct stat facts {};
+        if (::stat(own.c_str(), &facts) == 0) found.push_back({facts.st_dev, facts.st_ino});
+        return false;
+    });
+    return found;
+}
+
+bool OwnFiles::Identity::is(const struct stat& facts) const {
+    return facts.st_dev == device && facts.st_ino == inode;
+}
+
 void OwnFiles::forgetAll() {
     const std::lock_guard<std::mutex> lock(registry().mutex);
     registry().paths.clear();

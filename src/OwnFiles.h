@@ -1,6 +1,9 @@
 #pragma once
 
 #include <string>
+#include <vector>
+
+#include <sys/types.h>
 
 struct stat;
 
@@ -12,6 +15,15 @@ struct stat;
 /// its own; usable from any thread. No errors: what cannot be looked at is known by its path alone.
 class OwnFiles {
   public:
+    /// A file, whatever its names.
+    struct Identity {
+        dev_t device;
+        ino_t inode;
+
+        /// Whether it is the file of these facts.
+        bool is(const struct stat& facts) const;
+    };
+
     /// @param path need not exist
     static void add(const std::string& path);
     /// Adds a database file and what SQLite and the store keep beside it.
@@ -20,6 +32,8 @@ class OwnFiles {
     static bool contains(const std::string& path);
     /// Whether the file of these facts, those of an open descriptor say, is one of them.
     static bool contains(const struct stat& facts);
+    /// Those that are there now: for a child process, which must not take the lock.
+    static std::vector<Identity> identities();
 
   private:
     friend struct OwnFilesPeer;

@@ -29,6 +29,7 @@
 #include "KernelTime.h"
 #include "LocationInfo.h"
 #include "NetworkHelper.h"
+#include "OwnFiles.h"
 #include "PimAppVersion.h"
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
@@ -480,6 +481,20 @@ TEST_F(AwsWrapperImplTest, NeitherWaitsForAPipeNorReadsADevice) {
         "kivAWSWrapper: could not read file " + pipe +
             ": not a regular file\nkivAWSWrapper: could not read file /dev/zero: not a regular "
             "file\n");
+    EXPECT_EQ(cloud.requests().size(), 0u);
+}
+
+/// A path that leads to a file of the daemon's own by the time it is read is not sent.
+TEST_F(AwsWrapperImplTest, SendsNoFileOfTheDaemonsOwn) {
+    const std::string own = dir.write("Config", "{}");
+    OwnFiles::add(own);
+    const std::string link = dir.file("log");
+    std::filesystem::create_symlink(own, link);
+    OutputCapture output;
+    EXPECT_FALSE(client().UploadFile("o", link));
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivAWSWrapper: could not read file " + link + ": the daemon's own\n");
     EXPECT_EQ(cloud.requests().size(), 0u);
 }
 

@@ -5,7 +5,9 @@
 #include "support/TempDir.h"
 
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <vector>
 
 #include <sys/stat.h>
 
@@ -91,6 +93,22 @@ TEST_F(OwnFilesTest, KnowsAnOpenFileByItsFacts) {
     EXPECT_TRUE(OwnFiles::contains(facts));
     ASSERT_EQ(::stat(m_dir.write("other", "{}").c_str(), &facts), 0);
     EXPECT_FALSE(OwnFiles::contains(facts));
+}
+
+/// Which files they are can be taken along: those that are there, their temporary files too.
+TEST_F(OwnFilesTest, TellsWhichFilesTheyAre) {
+    OwnFiles::add(m_own);
+    OwnFiles::add(m_dir.file("not there"));
+    struct stat own {};
+    ASSERT_EQ(::stat(m_own.c_str(), &own), 0);
+    const std::vector<OwnFiles::Identity> before = OwnFiles::identities();
+    ASSERT_EQ(before.size(), 1u);
+    EXPECT_TRUE(before[0].is(own));
+    std::ofstream(AtomicFile::temporaryFor(m_own)) << "{}";
+    struct stat temporary {};
+    ASSERT_EQ(::stat(AtomicFile::temporaryFor(m_own).c_str(), &temporary), 0);
+    EXPECT_FALSE(before[0].is(temporary));
+    EXPECT_EQ(OwnFiles::identities().size(), 2u);
 }
 
 /// With the store come the files beside it.
