@@ -171,6 +171,9 @@ def run(experiment, trials, first=1):
         experiment.stop()
         result.seconds = time.monotonic() - begin
         result.remarks = experiment.remarks()
+        if result.findings and not experiment.must_lose:
+            kept.mkdir(parents=True, exist_ok=True)
+            (kept / "findings.txt").write_text("\n".join([*result.findings, ""]))
         shutil.rmtree(experiment.folder, ignore_errors=True)
     return result
 

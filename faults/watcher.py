@@ -1,5 +1,6 @@
 """Looks at a store from outside, as another process would, and tells the ledger what it saw."""
 import contextlib
+import os
 import sqlite3
 import threading
 import time
@@ -19,11 +20,13 @@ class Watcher:
     PAUSE_S = 0.002
 
     def __init__(self, database, ledger):
+        self._database = database
         self._address = f"file:{database}?mode=ro"
         self._ledger = ledger
         self._reading = threading.Lock()
         self._stopped = False
         self.ids = None  # of the newest state, None before the first
+        self.texts = []  # of its events
         self._changed = threading.Event()
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
@@ -44,7 +47,7 @@ class Watcher:
 
     def _run(self):
         while not self._stopped:
-            with contextlib.suppress(sqlite3.Error):
+            with contextlib.suppress(sqlite3.Error, OSError):
                 with contextlib.closing(self._connect()) as store:
                     self._read_on(store)
             time.sleep(self.PAUSE_S)
@@ -54,15 +57,17 @@ class Watcher:
                                check_same_thread=False)
 
     def _read_on(self, store):
-        version = None
+        """Until another file takes the store's place."""
+        version, file = None, os.stat(self._database).st_ino
         while True:
             with self._reading:
-                if self._stopped:
+                if self._stopped or os.stat(self._database).st_ino != file:
                     return
                 newest = store.execute("PRAGMA data_version").fetchone()
                 if newest != version:
                     rows = store.execute("SELECT rowid, data FROM Events").fetchall()
-                    self.ids = ids_of(text for _, text in rows)
+                    self.texts = [text for _, text in rows]
+                    self.ids = ids_of(self.texts)
                     self._ledger.see_store(self.ids)
                     version = newest
                     self._changed.set()

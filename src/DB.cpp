@@ -113,6 +113,9 @@ void DB::makeReady() {
     if (m_connection.path().empty() || m_connection.isInUse()) return;
     if (SqlFiles::isDamaged(m_connection.file())) replaceDamagedFile();
     if (!shouldOpenAgain()) return;
+    // What the connections of a process share (the index of a log that was read-only when it was
+    // opened) goes with the last of them only; each opens again when it is next used.
+    if (m_connection.isStuck()) SqlFiles::closeAll(m_connection.file());
     if (openConnection(std::string(m_connection.path()))) setUp(false);
 }
 

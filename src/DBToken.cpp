@@ -25,6 +25,7 @@ bool isUuid(const std::string& text) {
 std::mutex DBToken::mMutex;
 std::string DBToken::mFileName;
 JsonObject DBToken::mUUIDObject;
+bool DBToken::mIsUnwritten = false;
 
 void DBToken::setDBUUIDPath(std::string dir) {
     const std::lock_guard<std::mutex> lock(mMutex);
@@ -44,6 +45,7 @@ void DBToken::updateDBUUID(std::string uuid) {
 std::string DBToken::current() {
     const std::lock_guard<std::mutex> lock(mMutex);
     if (mUUIDObject.isNull()) load(false);
+    writeUnwritten();
     return mUUIDObject.optString(kTokenKey);
 }
 
@@ -55,6 +57,7 @@ std::string DBToken::randomUuid() {
 }
 
 void DBToken::load(bool forceNew) {
+    mIsUnwritten = false;
     mUUIDObject = JsonObject::loadFile(mFileName);
     if (!mUUIDObject.isObject()) mUUIDObject = JsonObject();
     if (!forceNew && isUuid(mUUIDObject.optString(kTokenKey))) return;
@@ -68,9 +71,15 @@ void DBToken::update(const std::string& uuid) {
     if (mUUIDObject.optString(kTokenKey) == uuid) return;
     if (mUUIDObject.isNull()) mUUIDObject = JsonObject::createObject();
     mUUIDObject.set(kTokenKey, uuid);
-    // Without a path the token lives in memory only. After a file that could not be written, the
-    // next start makes another token.
-    if (!mFileName.empty()) AtomicFile::replace(mFileName, mUUIDObject.dumpAsString());
+    mIsUnwritten = true;
+    writeUnwritten();
+}
+
+/// Without a path the token lives in memory only. Where the file cannot be written before the
+/// daemon ends, the next start makes another token.
+void DBToken::writeUnwritten() {
+    if (!mIsUnwritten || mFileName.empty()) return;
+    mIsUnwritten = !AtomicFile::replace(mFileName, mUUIDObject.dumpAsString()).empty();
 }
 
 void DBToken::SetVerbose(bool verbose) {

@@ -7,7 +7,8 @@
 
 /// The random identity (UUID, RFC 4122 text form) of this incarnation of the event database, kept
 /// in "dbuuid.json" beside the configuration. Class-wide state under a mutex of its own; usable
-/// from any thread. File errors are not reported: an unreadable file yields a new token.
+/// from any thread. File errors are not reported: an unreadable file yields a new token, and one
+/// that could not be written is written by a later call of `current`, which each record asks for.
 class DBToken {
   public:
     /// Names the directory of the token file; reads nothing.
@@ -30,8 +31,10 @@ class DBToken {
 
     static void load(bool forceNew);              // with mMutex held
     static void update(const std::string& uuid);  // with mMutex held
+    static void writeUnwritten();                 // with mMutex held
 
-    static std::mutex mMutex;  ///< guards the two members below
+    static std::mutex mMutex;  ///< guards the members below
     static std::string mFileName;
     static JsonObject mUUIDObject;
+    static bool mIsUnwritten;  ///< what is held is not in the file
 };

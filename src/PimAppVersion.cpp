@@ -7,6 +7,7 @@
 std::mutex PimAppVersion::mMutex;
 std::string PimAppVersion::mFileName;
 JsonObject PimAppVersion::mVersionObject;
+bool PimAppVersion::mIsUnwritten = false;
 
 void PimAppVersion::setPimVersionPath(std::string dir) {
     const std::lock_guard<std::mutex> lock(mMutex);
@@ -22,22 +23,30 @@ void PimAppVersion::loadPimVersionFile() {
 void PimAppVersion::updatePimVersion(std::string version, std::string buildDate) {
     const std::lock_guard<std::mutex> lock(mMutex);
     if (mVersionObject.isNull()) load();
-    if (mVersionObject.optString("pim-version") == version) return;
+    if (mVersionObject.optString("pim-version") == version) return writeUnwritten();
 
     if (mVersionObject.set("pim-version", version) != 0 ||
         mVersionObject.set("pim-builddate", buildDate) != 0) {
         return;  // not UTF-8: no JSON file could hold it
     }
-    AtomicFile::replace(mFileName, mVersionObject.dumpAsString());
+    mIsUnwritten = true;
+    writeUnwritten();
+}
+
+void PimAppVersion::writeUnwritten() {
+    if (!mIsUnwritten || mFileName.empty()) return;
+    mIsUnwritten = !AtomicFile::replace(mFileName, mVersionObject.dumpAsString()).empty();
 }
 
 PimAppVersion::Version PimAppVersion::current() {
     const std::lock_guard<std::mutex> lock(mMutex);
     if (mVersionObject.isNull()) load();
+    writeUnwritten();
     return {mVersionObject.optString("pim-version"), mVersionObject.optString("pim-builddate")};
 }
 
 void PimAppVersion::load() {
+    mIsUnwritten = false;
     mVersionObject = JsonObject::loadFile(mFileName);
     if (!mVersionObject.isObject()) {
         mVersionObject.Pack("{s:s, s:s}",       //

@@ -12,6 +12,7 @@ struct DBTokenPeer {
         const std::lock_guard<std::mutex> lock(DBToken::mMutex);
         DBToken::mFileName.clear();
         DBToken::mUUIDObject = JsonObject();
+        DBToken::mIsUnwritten = false;
     }
 
     static std::string fileName() {

@@ -12,6 +12,7 @@ struct PimAppVersionPeer {
         const std::lock_guard<std::mutex> lock(PimAppVersion::mMutex);
         PimAppVersion::mFileName.clear();
         PimAppVersion::mVersionObject = JsonObject();
+        PimAppVersion::mIsUnwritten = false;
     }
 
     /// Names the file without loading it.

@@ -137,6 +137,21 @@ TEST_F(DBTokenTest, CurrentLoadsTheFileWhenNothingIsHeld) {
     EXPECT_EQ(DBToken::current(), kValid);
 }
 
+/// A token that could not be written is written when it is asked for and the disk works again, so
+/// that the next start finds the same one.
+TEST_F(DBTokenTest, WritesLaterWhatCouldNotBeWritten) {
+    {
+        const FullDisk full(10);
+        DBToken::loadDBUUIDFile(true);
+    }
+    EXPECT_FALSE(dir.has("dbuuid.json"));
+    const std::string token = DBToken::current();
+    EXPECT_EQ(file(), fileOf(token));
+    const DiskWatch disk;
+    EXPECT_EQ(DBToken::current(), token);
+    EXPECT_TRUE(disk.calls.empty()) << "only once";
+}
+
 /// A file that cannot be written leaves the token in memory without a line.
 TEST_F(DBTokenTest, AFileThatCannotBeWrittenLeavesTheTokenInMemoryWithoutAWord) {
     DBToken::setDBUUIDPath(dir.file("no/such/directory"));
@@ -165,9 +180,10 @@ TEST_F(DBTokenTest, KeepsTheOldFileWholeWhenTheNewOneCannotBeWritten) {
     {
         const FullDisk full(10);
         DBToken::loadDBUUIDFile(true);
+        EXPECT_TRUE(isUuid(DBToken::current()));
+        EXPECT_NE(DBToken::current(), kValid);
+        EXPECT_EQ(file(), fileOf(kValid));
     }
-    EXPECT_TRUE(isUuid(DBToken::current()));
-    EXPECT_NE(DBToken::current(), kValid);
     EXPECT_EQ(file(), fileOf(kValid));
     {
         DiskWatch disk;

@@ -1,6 +1,7 @@
 #include "DB.h"
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -255,6 +256,40 @@ TEST_F(DBFaultsTest, AReadOnlyDiskPasses) {
     capture.stop();
     EXPECT_EQ(count(), "4");
     EXPECT_EQ(dir.read("dbuuid.json"), token);
+}
+
+/// It takes events again also where other connections of the process have the log open: what they
+/// share was opened read-only, and must not stay.
+TEST_F(DBFaultsTest, AReadOnlyDiskPassesForAllConnections) {
+    const SmallDisk disk(dir.file("disk"), "size=512k");
+    if (!disk.isThere()) GTEST_SKIP() << "no right to mount";
+    path = disk.file("Db");
+    openStore();
+    db->addEvent(1, 1, 0, "t", "{}");
+    // As after a kill: the log has not gone into the database.
+    for (const char* end : {"", "-wal", "-shm"}) {
+        std::filesystem::copy_file(path + end, dir.file("Kept") + end);
+    }
+    db.reset();
+    for (const char* end : {"", "-wal", "-shm"}) {
+        std::filesystem::copy_file(dir.file("Kept") + end, path + end,
+                                   std::filesystem::copy_options::overwrite_existing);
+    }
+    ASSERT_TRUE(disk.makeReadOnly(true));
+    db = std::make_unique<DB>();
+    OutputCapture capture;
+    openStore();
+    DB other;
+    other.open(path, false);
+    auto waiting = events(1, 3);
+    EXPECT_EQ(add(waiting), 0u);
+    EXPECT_EQ(other.getOldestEvent(), "{}");
+    ASSERT_TRUE(disk.makeReadOnly(false));
+    sixSecondsLater();
+    EXPECT_EQ(add(waiting), 3u);
+    EXPECT_EQ(other.getNumberOfFiles(), 0);
+    capture.stop();
+    EXPECT_EQ(count(), "4");
 }
 
 /// A file system on which the log's index cannot be mapped gets a rollback journal, whatever the

@@ -220,6 +220,27 @@ TEST_F(PimAppVersionTest, KeepsTheOldFileWholeWhenTheNewOneCannotBeWritten) {
     expectHeld("3.0", "today");
 }
 
+/// A version that could not be written is written by the next question for it, or when it is told
+/// again, as soon as the disk works.
+TEST_F(PimAppVersionTest, WritesLaterWhatCouldNotBeWritten) {
+    loadText(R"({"pim-version": "1.0"})");
+    const auto failToWrite = [](const char* version) {
+        DiskWatch disk;
+        disk.renameError = EIO;
+        PimAppVersion::updatePimVersion(version, "today");
+    };
+    failToWrite("2.0");
+    expectHeld("2.0", "today");
+    EXPECT_EQ(m_dir.read(kFile), R"({"pim-version": "2.0", "pim-builddate": "today"})");
+    failToWrite("3.0");
+    PimAppVersion::updatePimVersion("3.0", "today");
+    EXPECT_EQ(m_dir.read(kFile), R"({"pim-version": "3.0", "pim-builddate": "today"})");
+    const DiskWatch disk;
+    expectHeld("3.0", "today");
+    PimAppVersion::updatePimVersion("3.0", "today");
+    EXPECT_TRUE(disk.calls.empty()) << "only once";
+}
+
 /// A version that is not UTF-8 changes nothing.
 TEST_F(PimAppVersionTest, RefusesAVersionThatIsNoUtf8) {
     const std::string text = R"({"pim-version":"1.0","pim-builddate":"today"})";
