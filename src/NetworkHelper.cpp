@@ -316,8 +316,9 @@ std::size_t NetworkHelper::headerCallback(char* ptr, std::size_t size, std::size
     const std::string name = "Date: ";
     if (length < name.size() || ::strncasecmp(ptr, name.c_str(), name.size()) != 0) return length;
     d->date.assign(ptr + name.size(), length - name.size());
+    // A zero byte could be written into the configuration's file, but not read again.
     d->date.erase(std::remove_if(d->date.begin(), d->date.end(),
-                                 [](char c) { return c == '\r' || c == '\n'; }),
+                                 [](char c) { return c == '\r' || c == '\n' || c == '\0'; }),
                   d->date.end());
     return length;
 }

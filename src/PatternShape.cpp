@@ -23,6 +23,7 @@ class PatternShape::Reader {
         while (closeGroup()) continue;
         endAtom(m_atom);
         m_shape.m_repetitions = std::max(m_atom.repetitions, m_outer.repetitions);
+        if (m_hasHugeNumber) m_shape.m_repetitions = kMostRepetitions;
     }
 
   private:
@@ -47,8 +48,9 @@ class PatternShape::Reader {
     const std::string& m_text;
     PatternShape& m_shape;
     std::size_t m_at = 0;
-    Part m_atom;                 // the latest one, which a quantifier would repeat
-    Part m_outer;                // what stands before it in its group
+    Part m_atom;   // the latest one, which a quantifier would repeat
+    Part m_outer;  // what stands before it in its group
+    bool m_hasHugeNumber = false;
     std::vector<Part> m_groups;  // what stands before the open groups, in theirs
 };
 
@@ -79,7 +81,11 @@ bool PatternShape::Reader::readTerm() {
 
 bool PatternShape::Reader::readEscape() {
     beginAtom();
-    if (peek() >= '1' && peek() <= '9') m_shape.m_hasBackReference = true;
+    if (peek() >= '1' && peek() <= '9') {
+        m_shape.m_hasBackReference = true;
+        readNumber();
+        return true;
+    }
     return m_at++ < m_text.size();
 }
 
@@ -117,6 +123,7 @@ std::size_t PatternShape::Reader::readNumber() {
         const auto digit = static_cast<std::size_t>(peek() - '0');
         number = std::min(number * 10 + digit, kMostRepetitions);
     }
+    m_hasHugeNumber = m_hasHugeNumber || number == kMostRepetitions;
     return number;
 }
 

@@ -16,7 +16,9 @@ class PatternShape {
     /// Whether a quantifier repeats something that holds another quantifier, as in "(a+)*".
     bool nestsQuantifiers() const { return m_nestsQuantifiers; }
     /// How often the most repeated part stands in the compiled pattern: the product of the counts
-    /// around it, 160 * 100 for "((a?){100}){160}". At most 1 000 000, which stands for any more.
+    /// around it, 160 * 100 for "((a?){100}){160}". At most 1 000 000, which stands for any more,
+    /// and for any number in the pattern that is as large: libstdc++'s compiler overflows on larger
+    /// ones, also in a back-reference and before a mistake.
     std::size_t repetitions() const { return m_repetitions; }
 
   private:

@@ -92,6 +92,12 @@ class StoreRescue::Reader {
         if (!m_rows.isPrepared() && table.olderColumns != nullptr) {
             m_rows = prepare(table.table, table.olderColumns);
         }
+        if (m_rows.isPrepared()) return;
+        // With a damaged name of a column its place tells which it is.
+        SqlStatement byPlace = prepare(table.table, "*");
+        const std::string kinds = table.kinds;
+        if (byPlace.columnCount() == static_cast<int>(kinds.size()) + 1)
+            m_rows = std::move(byPlace);
     }
 
     /// The row that the reading stands on. @return false at the end, and when `problem` is set

@@ -1,5 +1,6 @@
 #include "StoreSchema.h"
 
+#include "SqlFiles.h"
 #include "SqlStatement.h"
 
 #include <chrono>
@@ -22,24 +23,32 @@ struct Table {
     const char* createdName;
     const char* failureText;
     const char* statement;
+    const char* insertion;  ///< never run: what can be prepared finds all that it names
 };
 
 constexpr Table kTables[] = {
     {"Event", "SQL error (create Events table): ",
      "CREATE TABLE IF NOT EXISTS Events(bootCount INT, standbyCount INT, kernelTime INT, "
-     "type TEXT, status INT, data BLOB);"},
+     "type TEXT, status INT, data BLOB);",
+     "INSERT INTO Events(bootCount,standbyCount,kernelTime,type,status,data) "
+     "VALUES(?,?,?,?,?,?)"},
     {"Files", "SQL error (create Files table): ",
      "CREATE TABLE IF NOT EXISTS Files(id TEXT PRIMARY KEY, url TEXT, status INT, retries INT, "
-     "lastfail INT, info BLOB);"},
+     "lastfail INT, info BLOB);",
+     "INSERT INTO Files(id,url,status,retries,lastfail,info) VALUES(?,?,?,?,?,?)"},
     {"TimeOffsets", "SQL error (create TimeOffsets table): ",
      "CREATE TABLE IF NOT EXISTS TimeOffsets(bootCount INT, standbyCount INT, source INT, "
-     "startTime INT, status INT, PRIMARY KEY(bootCount,standbyCount,source));"},
+     "startTime INT, status INT, PRIMARY KEY(bootCount,standbyCount,source));",
+     "INSERT INTO TimeOffsets(bootCount,standbyCount,source,startTime,status) VALUES(?,?,?,?,?)"},
     {"OpTimes", "SQL error (create OpTimes table): ",
      "CREATE TABLE IF NOT EXISTS OpTimes(bootCount INT, standbyCount INT, opTime INT, "
-     "PRIMARY KEY(bootCount, standbyCount))"},
+     "PRIMARY KEY(bootCount, standbyCount))",
+     "INSERT INTO OpTimes(bootCount,standbyCount,opTime) VALUES(?,?,?)"},
     {"Location", "SQL error (create Location table): ",
      "CREATE TABLE IF NOT EXISTS Location(id INT PRIMARY KEY, longitude REAL, latitude REAL, "
-     "IP TEXT, city TEXT, region TEXT, countryCode TEXT)"},
+     "IP TEXT, city TEXT, region TEXT, countryCode TEXT)",
+     "INSERT INTO Location(id,longitude,latitude,IP,city,region,countryCode) "
+     "VALUES(?,?,?,?,?,?,?)"},
 };
 
 }  // namespace
@@ -80,14 +89,27 @@ bool StoreSchema::bringUpToDate(const std::function<void()>& onNewFile) {
         s_log.error("SQL error (user_version): ", m_connection.lastError());
         return false;
     }
-    if (*version == kVersion) return createTables();
+    if (*version == kVersion) return createTables() && hasItsColumns();
     SqlConnection::Transaction making(m_connection, "BEGIN IMMEDIATE TRANSACTION", {},
                                       OnFailure::ReportOnly);
     if (!making.hasBegun()) return false;
     const std::optional<int> lockedVersion = readVersion();  // somebody may have been faster
     if (!createTables() || !lockedVersion) return false;
     migrate(*lockedVersion, onNewFile);
-    return !making.hasEnded() && making.commit();
+    return !making.hasEnded() && making.commit() && hasItsColumns();
+}
+
+/// A flipped bit in the text of a table leaves a file that is sound by itself, and that takes no
+/// row any more.
+bool StoreSchema::hasItsColumns() {
+    for (const Table& table : kTables) {
+        if (m_connection.prepare(table.insertion).isPrepared()) continue;
+        if (m_connection.lastErrorCode() != SQLITE_ERROR) continue;  // it says nothing of the text
+        s_log.error("Database ", m_connection.file(), " is damaged: ", m_connection.lastError());
+        SqlFiles::noteDamage(m_connection.file());
+        return false;
+    }
+    return true;
 }
 
 bool StoreSchema::make() {

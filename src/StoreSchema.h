@@ -26,7 +26,8 @@ class StoreSchema {
     /// Makes the tables and sets the version. One transaction does both in a new or old file, so
     /// that of two who open a new file one makes it.
     /// @param onNewFile called in that transaction where the version was read and is 0
-    /// @return false when it failed for a reason that may pass
+    /// @return false when it failed for a reason that may pass, or the file's tables lack columns
+    /// and it is noted as damaged
     bool bringUpToDate(const std::function<void()>& onNewFile);
     /// Makes the tables of a file that nobody else uses, and sets the version.
     bool make();
@@ -35,6 +36,7 @@ class StoreSchema {
     bool isReadOnlyByItsHeader() const;
     std::optional<int> readVersion();
     bool createTables();
+    bool hasItsColumns();
     void migrate(int version, const std::function<void()>& onNewFile);
     void setVersion();
 

@@ -12,6 +12,8 @@ kiv_test_packages=(
     libgtest-dev libgmock-dev e2fsprogs clang-format groff-base iso-codes tzdata dpkg-dev file
     chromium chromium-driver
 )
+# Beside those of the build, for fuzz/run.
+kiv_fuzz_packages=(clang libclang-rt-14-dev iproute2 util-linux)
 
 # install_missing PACKAGE...: asks apt only when something is missing.
 install_missing() {

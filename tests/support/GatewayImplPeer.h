@@ -24,6 +24,9 @@ struct GatewayImplPeer {
         gateway.handle(message, GatewayImpl::Handover::MaySetAside);
     }
 
+    /// One look of the storing thread at the queue. @return how many events it took
+    static std::size_t storeWaiting(GatewayImpl& gateway) { return gateway.storeWaitingEvents(); }
+
     /// As the receiving thread asks before each message; does not wait for a batch.
     static bool isAnySetAside(GatewayImpl& gateway) {
         return !gateway.handOver(GatewayImpl::Handover::MaySetAside);

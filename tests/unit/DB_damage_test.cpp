@@ -251,6 +251,41 @@ TEST_F(DBDamageTest, OnlySoundRowsAreCarriedOver) {
                   path + ".damaged\n");
 }
 
+/// A flipped bit in the text of a table leaves a file that SQLite finds sound: it is replaced all
+/// the same, as it could take no row any more, and costs no event.
+TEST_F(DBDamageTest, AFlippedBitInTheTextOfATableCostsNoEvent) {
+    fill();
+    for (const std::string& table :
+         Texts{"Events(", "Files(", "TimeOffsets(", "OpTimes(", "Location("}) {
+        for (const bool atStart : {true, false}) {
+            std::string damaged = sound;
+            const std::size_t place = damaged.find("CREATE TABLE " + table);
+            ASSERT_NE(place, std::string::npos);
+            damaged[damaged.find('(', place) + 1] ^= 1;  // the first letter of the first column
+            EXPECT_EQ(runOn(damaged, atStart).size(), kEvents + 1u) << table;
+            EXPECT_TRUE(dir.has("Db.damaged")) << table;
+            // lost.
+            EXPECT_EQ(value("SELECT COUNT(*) FROM Files"), "20") << table;
+            EXPECT_EQ(value("SELECT city FROM Location"), "city") << table;
+            startAgain();
+            expectSound(table);
+        }
+    }
+}
+
+/// A table whose place something else has taken is made by replacing the file.
+TEST_F(DBDamageTest, AViewInThePlaceOfATableIsReplaced) {
+    openStore();
+    db->addEvent(1, 1, 1, "t", "{}");
+    aside("DROP TABLE Files; CREATE VIEW Files AS SELECT 1 AS id");
+    OutputCapture capture;
+    db = std::make_unique<DB>();
+    openStore();
+    EXPECT_TRUE(db->addFile("a", "/a", ""));
+    EXPECT_EQ(value("SELECT COUNT(*) FROM Events"), "1");
+    EXPECT_EQ(rows("SELECT id FROM Files"), Texts{"a"});
+}
+
 /// A file out of which nothing can be read is a new store, with a new identity.
 TEST_F(DBDamageTest, AStoreWithoutAnyRowLeftGetsANewIdentity) {
     fill();

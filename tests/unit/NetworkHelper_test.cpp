@@ -271,6 +271,15 @@ TEST_F(NetworkHelperTest, TakesTheDateFromItsFieldOnly) {
     }
 }
 
+/// A zero byte does not get into the date: the file of a configuration that is dated with one could
+/// not be read again.
+TEST_F(NetworkHelperTest, TakesTheDateWithoutZeroBytes) {
+    url_data results;
+    std::string line("Date: Thu\0, 07\0\r\n", 18);
+    EXPECT_EQ(NetworkHelper::headerCallback(line.data(), 1, line.size(), &results), line.size());
+    EXPECT_EQ(results.date, "Thu, 07");
+}
+
 /// A body above 1 MiB and headers above 64 KiB end the request as an error.
 TEST_F(NetworkHelperTest, CountsTheBytesOfBodyAndHeaders) {
     url_data results;

@@ -61,6 +61,17 @@ TEST(PatternShapeTest, EndsAtAMillionRepetitions) {
     EXPECT_EQ(repetitions("((((a{9999}){9999}){9999}){9999}){9999}"), 1000000u);
 }
 
+/// A number of a million and above is told anywhere, also in a back-reference and before a mistake:
+/// the compiler of patterns overflows on large ones.
+TEST(PatternShapeTest, TellsOfHugeNumbersAnywhere) {
+    EXPECT_EQ(repetitions("(a)\\66666666666666666666"), 1000000u);
+    EXPECT_EQ(repetitions("(a)\\1000000b"), 1000000u);
+    EXPECT_EQ(repetitions("a{66666666666666666666"), 1000000u);
+    EXPECT_EQ(repetitions("a{1,66666666666666666666x"), 1000000u);
+    EXPECT_EQ(repetitions("(a)\\12b{3}"), 3u);
+    EXPECT_EQ(repetitions("a66666666666666666666"), 1u);
+}
+
 /// Of a pattern with a mistake it tells what stands before it.
 TEST(PatternShapeTest, EndsAtAMistake) {
     EXPECT_EQ(repetitions("(a{5}"), 5u);
