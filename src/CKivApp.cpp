@@ -47,6 +47,9 @@ constexpr option kLongOptions[] = {{"help", no_argument, nullptr, 'h'},
                                    {"version", no_argument, nullptr, 'V'},
                                    {nullptr, 0, nullptr, 0}};
 
+constexpr unsigned int kSecondsBetweenStarts = 10;
+constexpr unsigned int kAttemptsBetweenLines = 6;
+
 [[noreturn]] void refuse(const char* text) {
     s_log.error(text);
     std::exit(-1);
@@ -70,6 +73,13 @@ struct CKivApp::Running {
     };
 
     explicit Running(const std::string& dbFile) : upload(dbFile), gateway(dbFile) {}
+
+    /// Whether all threads run, after another attempt to start those that do not.
+    bool hasAllThreads() {
+        const bool sends = upload->startMissingThreads();
+        const bool stores = gateway->startMissingThread();
+        return timeManager->startMissingThread() && sends && stores;
+    }
 
     Upload upload;
     Gateway gateway;
@@ -240,8 +250,30 @@ void CKivApp::SetAllVerbose(bool verbose) {
 }
 
 void CKivApp::Run() {
-    [[maybe_unused]] const std::unique_ptr<Running> running = start();
+    [[maybe_unused]] const StoreLock ownStore = lockStore();
+    const std::unique_ptr<Running> running = start();
+    startMissingThreads(*running);
     for (;;) ::pause();
+}
+
+StoreLock CKivApp::lockStore() const {
+    StoreLock lock(m_dbFile);
+    if (lock.state() == StoreLock::State::Others) {
+        s_log.error("Database ", m_dbFile, " is in use by ", lock.text());
+        std::exit(kStoreInUse);
+    }
+    if (lock.state() == StoreLock::State::None)
+        s_log.error("Going on without a lock for the database: ", lock.text());
+    return lock;
+}
+
+/// Threads can only be missing from the start on: those that run stay. Returns once all run.
+void CKivApp::startMissingThreads(Running& running) {
+    for (unsigned int attempts = 0; !running.hasAllThreads(); ++attempts) {
+        if (attempts != 0 && attempts % kAttemptsBetweenLines == 0)
+            s_log.error("Threads are still missing that could not be started");
+        ::sleep(kSecondsBetweenStarts);
+    }
 }
 
 std::unique_ptr<CKivApp::Running> CKivApp::start() {
@@ -263,7 +295,8 @@ std::unique_ptr<CKivApp::Running> CKivApp::start() {
 
 void CKivApp::nameOwnFiles(const std::string& directory) const {
     OwnFiles::addStore(m_dbFile);
-    for (const std::string& path : {m_globalInfoFile, m_bootFile, m_configFile})
+    for (const std::string& path :
+         {m_globalInfoFile, m_bootFile, m_configFile, StoreLock::nameFor(m_dbFile)})
         OwnFiles::add(path);
     for (const char* name : {"/dbuuid.json", "/pimversion.json"}) OwnFiles::add(directory + name);
     for (const char* name : {"current_tou.txt", "show_new_tou.txt", "tou_server_answer.txt"})

@@ -7,6 +7,7 @@
 #include "CTouImpl.h"
 #include "Config.h"
 #include "Singleton.h"
+#include "StoreLock.h"
 
 /// The application: command line, options summary, start-up order.
 ///
@@ -21,8 +22,12 @@ class CKivApp {
     /// Parses the command line and loads what it names. @return 0, or -1 on failure; bad options,
     /// -h and -V end the process.
     int Init(int argc, char* const* argv);
-    /// Wires the services together, logs the start event and sleeps for ever.
+    /// Wires the services together, logs the start event and sleeps for ever; as long as a thread
+    /// is missing that could not be started, it tries again every 10 s. Ends the process with
+    /// `kStoreInUse` where another daemon has the store.
     [[noreturn]] void Run();
+
+    static constexpr int kStoreInUse = 3;  ///< exit status
 
     static void PrintVersion();
     void PrintOptions() const;
@@ -43,7 +48,9 @@ class CKivApp {
     void readGivenBootFile(Switches& given);
     void readGivenGlobalInfo(Switches& given);
     bool ParseBootFile(const char* path);
+    StoreLock lockStore() const;
     std::unique_ptr<Running> start();
+    static void startMissingThreads(Running& running);
     void recordOperatingTime() const;
     void nameOwnFiles(const std::string& directory) const;
     static void logStartEvent(Running& running);

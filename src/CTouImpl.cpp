@@ -3,6 +3,7 @@
 #include "AtomicFile.h"
 #include "ClassLog.h"
 #include "JsonObject.h"
+#include "KernelTime.h"
 #include "NetworkHelper.h"
 #include "RegularFile.h"
 #include "ServiceTables.h"
@@ -66,19 +67,57 @@ bool CTouImpl::GetVerbose() {
 }
 
 void CTouImpl::Load(const std::string& directory) {
-    m_accepted = false;
-    m_fileExists = false;
-    m_version = 0;
+    const std::lock_guard<std::mutex> lock(m_loadMutex);
     m_directory = directory;
-    const RegularFile file(directory + kConsentFile);
-    const std::string text = takeConsent(file);
-    parseConsent(text, readServerVersion());
-    m_refused = !file.isMissing() && !m_accepted;
+    read();
 }
 
 bool CTouImpl::ReLoad() {
-    if (!m_fileExists) Load(m_directory);
+    const std::lock_guard<std::mutex> lock(m_loadMutex);
+    if (!m_fileExists) read();
     return m_fileExists;
+}
+
+bool CTouImpl::allowsCollection() {
+    const auto leftAlone = [this] {
+        return KernelTime::getTimeMonotonicAsInt64() - m_readKernelMs < kReadAgainMs;
+    };
+    if (isUnreadable() && !leftAlone()) {
+        // Where another thread reads already this one does not wait for the disk.
+        const std::unique_lock<std::mutex> lock(m_loadMutex, std::try_to_lock);
+        if (lock.owns_lock() && isUnreadable()) read();
+    }
+    const Answer answer = m_answer;
+    return answer == Answer::Yes || answer == Answer::None;
+}
+
+// --- reading, with m_loadMutex held ---------------------------------------------------------
+
+void CTouImpl::read() {
+    m_accepted = false;
+    m_fileExists = false;
+    m_version = 0;
+    read(RegularFile(m_directory + kConsentFile), RegularFile(m_directory + kServerAnswerFile));
+    m_readKernelMs = KernelTime::getTimeMonotonicAsInt64();
+}
+
+void CTouImpl::read(const RegularFile& file, const RegularFile& serverAnswer) {
+    if (file.cannotBeReadNow()) return putOff(file, kConsentFile);
+    // It may withdraw the consent that the user's file gives.
+    if (file.isRead() && serverAnswer.cannotBeReadNow())
+        return putOff(serverAnswer, kServerAnswerFile);
+    if (isUnreadable()) s_log.always("The terms-of-use files can be read again");
+    const std::string text = takeConsent(file);
+    parseConsent(text, serverVersionOf(serverAnswer));
+    m_answer = m_accepted ? Answer::Yes : file.isMissing() ? Answer::None : Answer::No;
+}
+
+/// Nothing is taken from the files, and nothing in them changed, until both can be read.
+void CTouImpl::putOff(const RegularFile& unreadable, const char* name) {
+    if (isUnreadable()) return;
+    s_log.error("File ", name, " cannot be read, nothing is collected until it can: ",
+                ClassLog::errnoText(unreadable.error()));
+    m_answer = Answer::Unreadable;
 }
 
 std::string CTouImpl::takeConsent(const RegularFile& file) {
@@ -88,8 +127,8 @@ std::string CTouImpl::takeConsent(const RegularFile& file) {
     return file.text();
 }
 
-std::int64_t CTouImpl::readServerVersion() const {
-    const JsonObject answer = JsonObject::loadFile(m_directory + kServerAnswerFile);
+std::int64_t CTouImpl::serverVersionOf(const RegularFile& serverAnswer) {
+    const JsonObject answer = JsonObject::loadFile(serverAnswer);
     if (!answer.isNull()) return answer.optInteger("version", 0);
     s_log.info("No TOU last server answer found");
     return 0;
@@ -122,16 +161,22 @@ void CTouImpl::dropServerAnswer() const {
     s_log.error("File ", path, " cannot be deleted: ", ClassLog::errnoText(errno));
 }
 
+// --- asking the server ----------------------------------------------------------------------
+
 bool CTouImpl::Refresh() {
+    if (isUnreadable()) ReLoad();
+    // Without the user's answer every version would be announced as new.
+    m_refreshWaits = isUnreadable();
+    if (m_refreshWaits) return false;
     const std::string url = ServiceTables::getTouUrl();
     NetworkHelper request;
     const bool arrived = request.UrlRequest(url, true, ServiceTables::getLambdaKey());
-    m_waitsForTime = request.waitsForTime();
+    m_refreshWaits = request.waitsForTime();
     return arrived && announceNewer(takeAnswer(request));
 }
 
 void CTouImpl::refreshIfItWaited() {
-    if (m_waitsForTime) Refresh();
+    if (m_refreshWaits) Refresh();
 }
 
 /// @return whether the answer is one

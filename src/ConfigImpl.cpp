@@ -6,6 +6,7 @@
 #include "ClassLog.h"
 #include "KernelTime.h"
 #include "NetworkHelper.h"
+#include "RegularFile.h"
 #include "ServiceTables.h"
 #include "Singleton.h"
 #include "TimeMgrImpl.h"
@@ -39,6 +40,11 @@ bool termsOfUseExist() {
     return tou->ReLoad();
 }
 
+bool termsOfUseAreUnreadable() {
+    const Singleton<CTouImpl> tou;
+    return tou->isUnreadable();
+}
+
 /// An answer has just told the time.
 void askForTermsThatWaited() {
     const Singleton<CTouImpl> tou;
@@ -52,17 +58,50 @@ ConfigImpl::ConfigImpl() = default;
 // --- the document -------------------------------------------------------------------------------
 
 void ConfigImpl::Load(std::string path) {
-    const JsonObject stored = JsonObject::loadFile(path);
     {
         const std::lock_guard<std::recursive_mutex> lock(m_lock);
         m_path = std::move(path);
     }
-    if (stored.isObject()) {
-        parseConfig(stored);
+    const std::lock_guard<std::mutex> lock(m_storedMutex);
+    m_storedIsUnread = false;
+    takeStored();
+}
+
+/// With m_storedMutex held: meanwhile no answer of the server can be overtaken.
+void ConfigImpl::takeStored() {
+    const RegularFile file(GetPath());
+    m_storedKernelMs = KernelTime::getTimeMonotonicAsInt64();
+    if (file.cannotBeReadNow()) {
+        if (!m_storedIsUnread.exchange(true))
+            s_log.error("Persistent config cannot be read, nothing is collected until it can: ",
+                        ClassLog::errnoText(file.error()));
         return;
     }
-    s_log.info(" persistent config not found, creating default one");
-    saveAndParseConfig(ConfigDocument::defaultDocument());
+    if (m_storedIsUnread) s_log.always("Persistent config can be read again");
+    const JsonObject stored = JsonObject::loadFile(file);
+    if (stored.isObject()) {
+        parseConfig(stored);
+    } else {
+        s_log.info(" persistent config not found, creating default one");
+        saveAndParseConfig(ConfigDocument::defaultDocument());
+    }
+    m_storedIsUnread = false;  // last: what was made of the defaults is made anew from then on
+}
+
+void ConfigImpl::readStoredAgain() {
+    if (!m_storedIsUnread) return;
+    const std::int64_t since = KernelTime::getTimeMonotonicAsInt64() - m_storedKernelMs;
+    if (since < CTouImpl::kReadAgainMs) return;
+    // Where another thread reads already this one does not wait for the disk.
+    const std::unique_lock<std::mutex> lock(m_storedMutex, std::try_to_lock);
+    if (lock.owns_lock() && m_storedIsUnread) takeStored();
+}
+
+void ConfigImpl::replaceStored(const JsonObject& doc) {
+    const std::lock_guard<std::mutex> lock(m_storedMutex);
+    if (m_storedIsUnread) s_log.always("Persistent config is replaced without having been read");
+    saveAndParseConfig(doc);
+    m_storedIsUnread = false;
 }
 
 void ConfigImpl::saveAndParseConfig(const JsonObject& doc) {
@@ -140,6 +179,7 @@ void ConfigImpl::SetRefreshScheduler(RefreshScheduler scheduler) {
 // --- refreshing ---------------------------------------------------------------------------------
 
 bool ConfigImpl::Refresh(bool force) {
+    readStoredAgain();
     if (!force && !isDownloadRequired()) {
         scheduleExpiryCheck();
         return true;
@@ -153,6 +193,7 @@ bool ConfigImpl::Refresh(bool force) {
     if (attemptIsTooRecent(now)) return false;
     s_log.info(" trying to load config from server... force=", force);
     if (!termsOfUseExist()) {
+        if (termsOfUseAreUnreadable()) return waitForTerms();
         s_log.error("Tou does not exist, Retry later");
         return giveUp(now);
     }
@@ -202,6 +243,14 @@ bool ConfigImpl::giveUp(std::int32_t now) {
     return false;
 }
 
+/// The server would take a request without the accepted version for a user's no, and answer so.
+/// Nothing was asked: the next look at the files is not an attempt too soon. @return false
+bool ConfigImpl::waitForTerms() {
+    s_log.info("Tou cannot be read, Retry later");
+    scheduleRefresh(CTouImpl::kReadAgainMs, true);
+    return false;
+}
+
 bool ConfigImpl::takeAnswer(const NetworkHelper& answer, std::int32_t now) {
     JsonObject doc = JsonObject::parse(answer.data);
     const bool refused = ConfigDocument::isErrorAnswer(doc);
@@ -218,7 +267,7 @@ bool ConfigImpl::takeAnswer(const NetworkHelper& answer, std::int32_t now) {
     if (refused) {
         countAsFresh(serverTime);
     } else {
-        saveAndParseConfig(doc);
+        replaceStored(doc);
     }
     recordAttempt(serverTime != 0 ? serverTime : now);
     callBack();
@@ -243,9 +292,14 @@ void ConfigImpl::callBack() const {
 
 // --- thresholds, callback and getters -----------------------------------------------------------
 
-bool ConfigImpl::collectionAllowed() const {
+bool ConfigImpl::collectionAllowed() {
+    readStoredAgain();
     const Singleton<CTouImpl> tou;
-    return GetTouAccepted() && !tou->refused();
+    return tou->allowsCollection() && GetTouAccepted();
+}
+
+bool ConfigImpl::waitsForFiles() const {
+    return m_storedIsUnread || termsOfUseAreUnreadable();
 }
 
 bool ConfigImpl::MinimumSizeReached(long dbSize) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -15,13 +16,18 @@ class NetworkHelper;
 ///
 /// Reached through `Singleton<ConfigImpl>` or the facade `Config`. `Refresh` runs on the upload
 /// thread, getters on any. The recursive lock guards every field; it is never held across HTTP, a
-/// file write, the time manager, a scheduling call or the callback.
+/// file write, the time manager, a scheduling call or the callback. The mutex of the stored file is
+/// held while that is read, and comes before it.
+///
+/// A stored file that is there and cannot be read (the disk fails, memory is short, the right is
+/// missing) stays as it is. Until it can be read, or an answer of the server takes its place,
+/// nothing is collected.
 class ConfigImpl {
   public:
     ConfigImpl();
 
-    /// Remembers the path and reads the persistent file; a missing or unreadable one is replaced
-    /// by the default document.
+    /// Remembers the path and reads the persistent file; a missing one, or one that is not a
+    /// configuration, is replaced by the default document.
     void Load(std::string path);
     /// Copies the document into the fields; absent members keep or clear theirs, key by key.
     void parseConfig(const JsonObject& doc);
@@ -41,8 +47,13 @@ class ConfigImpl {
     /// Asks for a refresh when this configuration expires, or in 600 s where that is not known.
     void scheduleExpiryCheck();
     /// Whether an event may be kept, and a packet or a file sent: the server has consent on record,
-    /// and the user has not said no.
-    bool collectionAllowed() const;
+    /// and the user has not said no. Reads again, at most once in 10 s, what could not be read.
+    bool collectionAllowed();
+    /// Whether the stored file could not be read yet: the values are the defaults.
+    bool storedIsUnread() const { return m_storedIsUnread; }
+    /// Whether a file with the configuration or the user's answer is to be read again, in
+    /// `CTouImpl::kReadAgainMs`.
+    bool waitsForFiles() const;
     /// Whether `dbSize` (bytes) is above "min-size".
     bool MinimumSizeReached(long dbSize) const;
     /// `callback` runs after every answer that parsed, on the refreshing thread, without the lock.
@@ -85,20 +96,28 @@ class ConfigImpl {
         const std::lock_guard<std::recursive_mutex> lock(m_lock);
         return field;
     }
+    void takeStored();
+    void readStoredAgain();
+    void replaceStored(const JsonObject& doc);
     static std::int32_t currentUtcSeconds();
     static void scheduleRefresh(long long delayMs, bool force);
     bool attemptIsTooRecent(std::int32_t now);
     void recordAttempt(std::int32_t utcSeconds);
     bool giveUp(std::int32_t now);
+    static bool waitForTerms();
     bool takeAnswer(const NetworkHelper& answer, std::int32_t now);
     void countAsFresh(std::int32_t serverTime);
     void callBack() const;
     std::int64_t secondsLeft(std::int32_t now) const;
+
+    std::mutex m_storedMutex;                   ///< held while the stored file is read; see there
+    std::atomic<bool> m_storedIsUnread{false};  ///< changed with m_storedMutex held
+    std::atomic<std::int64_t> m_storedKernelMs{0};  ///< of the last attempt to read it; monotonic
 
     std::string m_path;
     ConfigDocument::Values m_values;
     std::int32_t m_lastAttempt = 0;           ///< UTC seconds
     std::int64_t m_lastAttemptKernelMs = -1;  ///< monotonic stamp of the last attempt; -1: none
     std::function<void()> m_callback;
-    mutable std::recursive_mutex m_lock;  ///< guards everything above
+    mutable std::recursive_mutex m_lock;  ///< guards what follows m_storedKernelMs
 };

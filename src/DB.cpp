@@ -98,7 +98,8 @@ bool DB::openConnection(const std::string& path) {
     const Guard lock(m_PruneLock);  // a pruner of this object may be using the old connection
     m_openedLast = Clock::now();
     m_isComplete = false;
-    const std::string failure = m_connection.open(path, SqlConnection::OnLock::Wait);
+    std::string failure = StoreRescue::finish(path);
+    if (failure.empty()) failure = m_connection.open(path, SqlConnection::OnLock::Wait);
     if (!failure.empty()) {
         s_log.error("Can't open database ", path, ": ", failure);
         return false;

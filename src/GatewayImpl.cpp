@@ -85,14 +85,8 @@ class DiscardAtTheEnd {
 }  // namespace
 
 GatewayImpl::GatewayImpl() : m_waiting(m_Queue, m_QueueMutex, s_log), m_db(std::make_unique<DB>()) {
-    Config config;
-    m_eventFilter = std::make_unique<EventFilter>(JsonObject::parse(config->GetEventFilter()));
-    m_fileFilter = std::make_unique<EventFilter>(JsonObject::parse(config->GetFileFilter()));
-    // One character longer than Linux takes: the thread keeps its inherited name.
-    const int storerError = m_storer.start("GatewayLogThread", [this] {
-        store();
-        return 0;
-    });
+    makeFilters();
+    const int storerError = startStorer();
     if (storerError != 0)
         s_log.error("Cannot start the storing thread: ", ClassLog::errnoText(storerError));
     const std::lock_guard<std::mutex> lock(m_receiverMutex);
@@ -108,6 +102,25 @@ GatewayImpl::~GatewayImpl() {
     m_receiver.join();
     m_storer.cancel();
     m_storer.join();
+}
+
+int GatewayImpl::startStorer() {
+    // One character longer than Linux takes: the thread keeps its inherited name.
+    return m_storer.start("GatewayLogThread", [this] {
+        store();
+        return 0;
+    });
+}
+
+bool GatewayImpl::startMissingThread() {
+    return m_storer.isStarted() || startStorer() == 0;
+}
+
+void GatewayImpl::makeFilters() {
+    const Config config;
+    m_filtersAreDefaults = config->storedIsUnread();
+    m_eventFilter = std::make_unique<EventFilter>(JsonObject::parse(config->GetEventFilter()));
+    m_fileFilter = std::make_unique<EventFilter>(JsonObject::parse(config->GetFileFilter()));
 }
 
 void GatewayImpl::Init(std::string dbPath) {
@@ -243,6 +256,7 @@ void GatewayImpl::handleEvent(JsonObject event, Handover handover) {
         s_log.info("TOU not accepted: will not send event");
         return;
     }
+    if (m_filtersAreDefaults) makeFilters();
     s_log.info(" will be sent");
     if (!m_eventFilter->matches(event)) return;
     const bool travelsAsFile = takeAnnouncedFile(event);

@@ -41,6 +41,10 @@ class GatewayImpl {
     GatewayImpl(const GatewayImpl&) = delete;
     GatewayImpl& operator=(const GatewayImpl&) = delete;
 
+    /// Starts the storing thread where it could not be started yet, and with it the receiving one,
+    /// without a line; for the thread that made the gateway. @return whether it runs
+    bool startMissingThread();
+
     /// Opens the store; messages are taken from then on.
     void Init(std::string dbPath);
     /// Handles one message: checks, filters, completes and queues the event, then posts the
@@ -62,6 +66,8 @@ class GatewayImpl {
 
     using Handover = WaitingEvents::Handover;
 
+    void makeFilters();
+    int startStorer();  ///< 0, or the errno for which it is missing
     void startReceiver();
     void receiverHasEnded();  ///< by itself, or it could not be started: it is to be started again
     void restartReceiver();   ///< when it is time
@@ -85,6 +91,7 @@ class GatewayImpl {
 
     Singleton<UploadImpl> m_upload;
     std::atomic<bool> m_initialized{false};
+    bool m_filtersAreDefaults = false;  ///< they were made before the stored configuration was read
     std::unique_ptr<EventFilter> m_eventFilter;
     std::unique_ptr<EventFilter> m_fileFilter;
     std::mutex m_logMutex;  ///< one message at a time in the filters and into m_waiting

@@ -56,7 +56,10 @@ JsonObject JsonObject::parse(const std::string& text, std::size_t flags) {
 }
 
 JsonObject JsonObject::loadFile(const std::string& path, std::size_t flags) {
-    const RegularFile file(path);
+    return loadFile(RegularFile(path), flags);
+}
+
+JsonObject JsonObject::loadFile(const RegularFile& file, std::size_t flags) {
     if (!file.isRead()) return JsonObject();
     return adopt(json_loadb(file.text().data(), file.text().size(), flags, nullptr));
 }

@@ -6,6 +6,8 @@
 
 #include <jansson.h>
 
+class RegularFile;
+
 /// An owning, reference-counted handle on one jansson value; it may be null ("null handle").
 ///
 /// Getters never throw: a missing member or a wrong type gives the default. Not locked, and
@@ -29,6 +31,8 @@ class JsonObject {
     /// The text of a file as `json_load_file` parses it; a null handle when the file is missing,
     /// is not a regular file of at most 1 MiB, or does not parse. Never waits for a pipe.
     static JsonObject loadFile(const std::string& path, std::size_t flags = 0);
+    /// The same of a file that was read already.
+    static JsonObject loadFile(const RegularFile& file, std::size_t flags = 0);
     static JsonObject createInteger(long long value);
     static JsonObject createObject();
     static JsonObject createArray();

@@ -83,20 +83,22 @@ void MiddlewareTime::setWatching(bool on) {
         return;
     }
     const std::lock_guard<std::mutex> lock(m_threadMutex);
+    m_isWanted = on;
     if (on == m_thread.isStarted()) return;
-    if (on) {
-        start();
-    } else {
-        stop();
-    }
+    if (!on) return stop();
+    const int error = start();
+    if (error != 0) m_log.error("Cannot start the checker : ", ClassLog::errnoText(error));
+}
+
+bool MiddlewareTime::startMissingThread() {
+    const std::lock_guard<std::mutex> lock(m_threadMutex);
+    return !m_isWanted || m_thread.isStarted() || start() == 0;
 }
 
 /// With m_threadMutex held.
-void MiddlewareTime::start() {
+int MiddlewareTime::start() {
     endPause(false);
-    const int error =
-        m_thread.start("CheckSystemTimeThread", [this] { return checkSystemTimeThread(); });
-    if (error != 0) m_log.error("Cannot start the checker : ", ClassLog::errnoText(error));
+    return m_thread.start("CheckSystemTimeThread", [this] { return checkSystemTimeThread(); });
 }
 
 /// With m_threadMutex held. The watcher is cancelled first and woken from its pause after that: it

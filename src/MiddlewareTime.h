@@ -36,6 +36,9 @@ class MiddlewareTime {
     /// Starts or stops (cancels and joins) the watcher; once done, doing it again changes nothing.
     /// To be called without a lock that the report takes: the stop waits for a report's end.
     void setWatching(bool on);
+    /// Starts the watcher where it is asked for and could not be started, without a line.
+    /// @return whether none is missing
+    bool startMissingThread();
 
   private:
     friend struct MiddlewareTimePeer;
@@ -46,7 +49,7 @@ class MiddlewareTime {
         std::int64_t kernelTime = 0;  ///< of its arrival, or of the pipe's opening; milliseconds
     };
 
-    void start();
+    int start();  ///< 0, or the errno for which there is no watcher
     void stop();
     void endPause(bool stops);
     int checkSystemTimeThread();
@@ -63,7 +66,8 @@ class MiddlewareTime {
     const Report m_report;
     LineLimit m_invalidLines;  ///< watcher only
     WorkerThread m_thread;
-    std::mutex m_threadMutex;        ///< guards m_thread: start, stop and join
+    bool m_isWanted = false;
+    std::mutex m_threadMutex;        ///< guards m_thread (start, stop and join) and m_isWanted
     std::mutex m_wakeMutex;          ///< guards m_stops; a leaf
     std::condition_variable m_wake;  ///< signalled when m_stops rises
     bool m_stops = false;            ///< ends the watcher's pause between two openings

@@ -56,7 +56,8 @@ void OwnFiles::add(const std::string& path) {
 }
 
 void OwnFiles::addStore(const std::string& path) {
-    for (const char* beside : {"", "-wal", "-shm", "-journal", ".damaged", ".new"})
+    for (const char* beside :
+         {"", "-wal", "-shm", "-journal", ".damaged", ".new", ".rescued", ".lock"})
         add(path + beside);
 }
 

@@ -3,9 +3,17 @@
 #include <algorithm>
 #include <vector>
 
+#include <cstdint>
+
 namespace {
 
 constexpr std::size_t kMostRepetitions = 1000000;
+
+/// In 64 bits: each may be a million.
+std::size_t timesAtMost(std::size_t value, std::size_t count) {
+    const std::uint64_t product = std::uint64_t{value} * count;
+    return static_cast<std::size_t>(std::min<std::uint64_t>(product, kMostRepetitions));
+}
 
 bool isDigit(char character) {
     return character >= '0' && character <= '9';
@@ -19,10 +27,11 @@ class PatternShape::Reader {
     Reader(const std::string& pattern, PatternShape& shape) : m_text(pattern), m_shape(shape) {}
 
     void read() {
-        while (m_at < m_text.size() && readTerm()) continue;
+        while (m_at < m_text.size() && readAndMeasureTerm()) continue;
         while (closeGroup()) continue;
         endAtom(m_atom);
         m_shape.m_repetitions = std::max(m_atom.repetitions, m_outer.repetitions);
+        m_shape.m_size = m_outer.size;
         if (m_hasHugeNumber) m_shape.m_repetitions = kMostRepetitions;
     }
 
@@ -30,9 +39,11 @@ class PatternShape::Reader {
     /// What is known of an atom, or of the atoms of a group together.
     struct Part {
         std::size_t repetitions = 1;
+        std::size_t size = 0;
         bool quantified = false;
     };
 
+    bool readAndMeasureTerm();
     bool readTerm();
     bool readEscape();
     bool readClass();
@@ -55,6 +66,13 @@ class PatternShape::Reader {
 };
 
 /// @return false at a mistake
+bool PatternShape::Reader::readAndMeasureTerm() {
+    const std::size_t begin = m_at;
+    const bool isSound = readTerm();
+    m_atom.size += m_at - begin;
+    return isSound;
+}
+
 bool PatternShape::Reader::readTerm() {
     switch (const char character = m_text[m_at++]) {
         case '\\':
@@ -150,6 +168,7 @@ void PatternShape::Reader::beginAtom() {
 
 void PatternShape::Reader::endAtom(const Part& atom) {
     m_outer.repetitions = std::max(m_outer.repetitions, atom.repetitions);
+    m_outer.size = std::min(m_outer.size + atom.size, kMostRepetitions);
     m_outer.quantified = m_outer.quantified || atom.quantified;
 }
 
@@ -157,7 +176,8 @@ void PatternShape::Reader::quantify(std::size_t count) {
     if (peek() == '?') ++m_at;  // as few as possible: not a quantifier of its own
     if (m_atom.quantified) m_shape.m_nestsQuantifiers = true;
     m_atom.quantified = true;
-    m_atom.repetitions = std::min(m_atom.repetitions * count, kMostRepetitions);
+    m_atom.repetitions = timesAtMost(m_atom.repetitions, count);
+    m_atom.size = timesAtMost(m_atom.size, count);
 }
 
 PatternShape::PatternShape(const std::string& pattern) {

@@ -20,6 +20,10 @@ class PatternShape {
     /// and for any number in the pattern that is as large: libstdc++'s compiler overflows on larger
     /// ones, also in a back-reference and before a mistake.
     std::size_t repetitions() const { return m_repetitions; }
+    /// How long the pattern would be with all counted repetitions written out, in characters: 2000
+    /// and a few for "a{1000}b{1000}". At most 1 000 000, which stands for any more. What libstdc++
+    /// compiles of it takes up to 150 bytes for each.
+    std::size_t size() const { return m_size; }
 
   private:
     class Reader;
@@ -27,4 +31,5 @@ class PatternShape {
     bool m_hasBackReference = false;
     bool m_nestsQuantifiers = false;
     std::size_t m_repetitions = 1;
+    std::size_t m_size = 0;
 };

@@ -90,24 +90,25 @@ using SharedPattern = std::shared_ptr<const Compiled>;
 /// Patterns by their text, the latest used first.
 class PatternStore {
   public:
-    explicit PatternStore(std::size_t limit) : m_limit(limit) {}
+    PatternStore(std::size_t mostPatterns, std::size_t mostSize)
+        : m_mostPatterns(mostPatterns), m_mostSize(mostSize) {}
 
     SharedPattern find(const std::string& text) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         const auto known = m_places.find(text);
         if (known == m_places.end()) return nullptr;
         m_entries.splice(m_entries.begin(), m_entries, known->second);
-        return known->second->second;
+        return known->second->pattern;
     }
 
     void keep(const std::string& text, SharedPattern pattern) {
+        const std::size_t size = PatternShape(text).size();
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_places.count(text) != 0) return;
-        m_entries.emplace_front(text, std::move(pattern));
+        if (size > m_mostSize || m_places.count(text) != 0) return;
+        m_entries.push_front({text, std::move(pattern), size});
         m_places[text] = m_entries.begin();
-        if (m_entries.size() <= m_limit) return;
-        m_places.erase(m_entries.back().first);
-        m_entries.pop_back();
+        m_size += size;
+        while (m_entries.size() > m_mostPatterns || m_size > m_mostSize) dropLast();
     }
 
     bool holds(const std::string& text) {
@@ -124,19 +125,34 @@ class PatternStore {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_places.clear();
         m_entries.clear();
+        m_size = 0;
     }
 
   private:
-    using Entries = std::list<std::pair<std::string, SharedPattern>>;
+    struct Entry {
+        std::string text;
+        SharedPattern pattern;
+        std::size_t size;
+    };
+    using Entries = std::list<Entry>;
 
-    const std::size_t m_limit;
-    std::mutex m_mutex;  ///< guards the two members below
+    /// With m_mutex held.
+    void dropLast() {
+        m_size -= m_entries.back().size;
+        m_places.erase(m_entries.back().text);
+        m_entries.pop_back();
+    }
+
+    const std::size_t m_mostPatterns;
+    const std::size_t m_mostSize;
+    std::mutex m_mutex;      ///< guards the three members below
+    std::size_t m_size = 0;  ///< of all entries
     Entries m_entries;
     std::unordered_map<std::string, Entries::iterator> m_places;
 };
 
-PatternStore& store(std::size_t limit) {
-    static PatternStore patterns(limit);
+PatternStore& store(std::size_t mostPatterns, std::size_t mostSize) {
+    static PatternStore patterns(mostPatterns, mostSize);
     return patterns;
 }
 
@@ -201,7 +217,7 @@ bool RegexCache::matches(const std::string& pattern, const std::string& text) {
                     kMaxPatternLength, "): ", ClassLog::foreign(pattern));
         return false;
     }
-    const SharedPattern expression = compiled(pattern, store(kMaxPatterns));
+    const SharedPattern expression = compiled(pattern, store(kMaxPatterns, kMaxSize));
     if (expression == nullptr) return false;
     if (expression->backtracks && text.size() > kMaxBacktrackedLength) {
         s_log.error("Text of ", text.size(), " characters is too long (limit ",
@@ -214,13 +230,13 @@ bool RegexCache::matches(const std::string& pattern, const std::string& text) {
 }
 
 bool RegexCache::holds(const std::string& pattern) {
-    return store(kMaxPatterns).holds(pattern);
+    return store(kMaxPatterns, kMaxSize).holds(pattern);
 }
 
 std::size_t RegexCache::size() {
-    return store(kMaxPatterns).size();
+    return store(kMaxPatterns, kMaxSize).size();
 }
 
 void RegexCache::clear() {
-    store(kMaxPatterns).clear();
+    store(kMaxPatterns, kMaxSize).clear();
 }

@@ -6,7 +6,9 @@
 /// Compiled regular expressions (ECMAScript grammar), kept by their text.
 ///
 /// Compiled with libstdc++'s polynomial executor where it can take the pattern: the default one
-/// overflows the stack on long subjects and takes exponential time on nested repeats. Bounded;
+/// overflows the stack on long subjects and takes exponential time on nested repeats. Bounded, in
+/// number and in memory: at most 64 patterns, and about 5 MB. A pattern that would take more than
+/// that alone (the largest that compiles takes 30 MB) is not kept and compiled anew each time;
 /// guarded by a mutex of its own; usable from any thread.
 class RegexCache {
   public:
@@ -23,6 +25,7 @@ class RegexCache {
     friend struct RegexCachePeer;
 
     static constexpr std::size_t kMaxPatterns = 64;  ///< how many are kept
+    static constexpr std::size_t kMaxSize = 32768;   ///< of all together, as `PatternShape` counts
 
     static bool holds(const std::string& pattern);
     static std::size_t size();

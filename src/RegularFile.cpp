@@ -2,6 +2,9 @@
 
 #include "Descriptor.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include <cerrno>
 
 #include <fcntl.h>
@@ -15,13 +18,9 @@ Descriptor openWithoutWaiting(const std::string& path) {
     return Descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
-bool isRegular(const Descriptor& file) {
-    struct stat facts {};
-    return ::fstat(file.get(), &facts) == 0 && S_ISREG(facts.st_mode);
-}
-
 /// Up to one byte more than a file may have, which tells that it has too many. The size that the
 /// file system gives is not asked: the kernel's own files have none.
+/// @return false, with errno, when the file cannot be read
 bool readUpToTheLimit(const Descriptor& file, std::string& text) {
     char piece[4096];
     while (text.size() <= RegularFile::longest) {
@@ -33,20 +32,40 @@ bool readUpToTheLimit(const Descriptor& file, std::string& text) {
             return false;
         }
     }
-    return false;
+    return true;
+}
+
+/// What stays as it is until somebody changes what has that name.
+bool isLasting(int error) {
+    constexpr int kLasting[] = {ELOOP, ENAMETOOLONG, ENXIO, ENODEV, EOVERFLOW, EINVAL};
+    return std::find(std::begin(kLasting), std::end(kLasting), error) != std::end(kLasting);
 }
 
 }  // namespace
 
 RegularFile::RegularFile(const std::string& path) {
+    read(path);
+}
+
+void RegularFile::read(const std::string& path) {
     const Descriptor file = openWithoutWaiting(path);
-    if (!file.isOpen()) {
-        if (errno == ENOENT || errno == ENOTDIR) m_state = State::Missing;
-        return;
-    }
-    if (isRegular(file) && readUpToTheLimit(file, m_text)) {
-        m_state = State::Read;
-    } else {
+    if (!file.isOpen()) return failedWith(errno);
+    struct stat facts {};
+    if (::fstat(file.get(), &facts) != 0) return failedWith(errno);
+    if (!S_ISREG(facts.st_mode)) return;
+    if (!readUpToTheLimit(file, m_text)) return failedWith(errno);
+    if (m_text.size() > longest)
         m_text.clear();
+    else
+        m_state = State::Read;
+}
+
+void RegularFile::failedWith(int error) {
+    m_text.clear();
+    if (error == ENOENT || error == ENOTDIR) {
+        m_state = State::Missing;
+    } else if (!isLasting(error)) {
+        m_state = State::NotNow;
+        m_error = error;
     }
 }

@@ -8,7 +8,9 @@
 #include "SqlStatement.h"
 #include "StoreSchema.h"
 
+#include <filesystem>
 #include <limits>
+#include <system_error>
 #include <utility>
 
 #include <cerrno>
@@ -22,6 +24,7 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 /// For all that is read. A full store takes a tenth of a second on a fast machine; on a slow or
@@ -36,8 +39,23 @@ constexpr std::int64_t kPagesLeft = 4;        ///< in the new file, for the rows
 
 constexpr const char* kSideFiles[] = {"-wal", "-shm", "-journal"};
 
-void removeSideFiles(const std::string& file) {
-    for (const char* suffix : kSideFiles) ::unlink((file + suffix).c_str());
+/// @return false, with errno, when one is left
+bool removeSideFiles(const std::string& file) {
+    for (const char* suffix : kSideFiles) {
+        if (::unlink((file + suffix).c_str()) != 0 && errno != ENOENT) return false;
+    }
+    return true;
+}
+
+std::string wholeName(const std::string& file) {
+    return file + ".rescued";
+}
+
+bool syncDirectoryOf(const std::string& file) {
+    const std::size_t slash = file.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : file.substr(0, slash + 1);
+    const Descriptor entry(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return entry.isOpen() && (::fsync(entry.get()) == 0 || errno == EINVAL);
 }
 
 /// What keeps the whole file from being read at the moment, as another process's lock does; "" when
@@ -180,7 +198,10 @@ class StoreRescue::Reader {
 };
 
 StoreRescue::StoreRescue(std::string file, std::int32_t maxBytes)
-    : m_file(std::move(file)), m_newFile(m_file + ".new"), m_maxBytes(maxBytes) {}
+    : m_file(std::move(file)),
+      m_newFile(m_file + ".new"),
+      m_wholeFile(wholeName(m_file)),
+      m_maxBytes(maxBytes) {}
 
 bool StoreRescue::isDue(const std::string& file) {
     const std::lock_guard<std::mutex> lock(history().mutex);
@@ -237,7 +258,10 @@ void StoreRescue::carryOver() {
     using Purpose = SqlConnection::Purpose;
     SqlConnection source;
     SqlConnection copy;
-    m_result.problem = source.open(m_file, SqlConnection::OnLock::Wait, Purpose::Salvage);
+    // Left by an exchange that failed at its last step, when the old log was gone already.
+    const bool isWhole = ::access(m_wholeFile.c_str(), F_OK) == 0;
+    const std::string& from = isWhole ? m_wholeFile : m_file;
+    m_result.problem = source.open(from, SqlConnection::OnLock::Wait, Purpose::Salvage);
     if (failed()) return;
     m_result.problem = copy.open(m_newFile, SqlConnection::OnLock::Fail, Purpose::Copy);
     if (failed()) return;
@@ -311,22 +335,37 @@ void StoreRescue::finishNewFile() {
     if (::fsync(file.get()) != 0) fail("sync the new file");
 }
 
+/// In an order in which each step may be the last before a power cut.
 void StoreRescue::exchange() {
-    removeSideFiles(m_file);  // what is in them would be taken for the new file's
-    putAside();
-    if (failed()) return;
-    if (::rename(m_newFile.c_str(), m_file.c_str()) != 0) {
-        fail("put the new file in its place");
-        // Without links the old one is away.
-        if (::access(m_file.c_str(), F_OK) != 0) {
-            ::rename(damagedName(m_file).c_str(), m_file.c_str());
-        }
+    declareWhole();
+    if (!failed()) putAside();
+    if (failed()) {
+        ::unlink(m_wholeFile.c_str());  // the old file is in its place, with its log
         return;
     }
-    const std::size_t slash = m_file.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : m_file.substr(0, slash + 1);
-    const Descriptor entry(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (entry.isOpen()) ::fsync(entry.get());  // where that fails the exchange may be undone, whole
+    m_result.problem = finish(m_file);
+}
+
+/// From here on the new file is the store.
+void StoreRescue::declareWhole() {
+    if (::rename(m_newFile.c_str(), m_wholeFile.c_str()) != 0) return fail("name the new file");
+    if (!syncDirectoryOf(m_file)) fail("sync the directory");
+}
+
+std::string StoreRescue::finish(const std::string& path) {
+    std::error_code error;
+    const fs::path plain = fs::weakly_canonical(fs::absolute(path, error), error);
+    const std::string file = error ? path : plain.string();
+    const std::string whole = wholeName(file);
+    if (::access(whole.c_str(), F_OK) != 0) return "";
+    const auto problem = [](const char* action) {
+        return std::string("cannot ") + action + ": " + ClassLog::errnoText(errno);
+    };
+    // What is in them would be taken for the new file's.
+    if (!removeSideFiles(file)) return problem("remove the old log");
+    if (::rename(whole.c_str(), file.c_str()) != 0) return problem("put the new file in its place");
+    syncDirectoryOf(file);  // where that fails a power cut may leave this to be done again
+    return "";
 }
 
 /// By a second name where the file system has such: then there is a store at every moment.

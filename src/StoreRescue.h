@@ -15,6 +15,10 @@ class SqlConnection;
 /// Replaces a damaged store: reads out of it, row by row, what can still be read, into a new file;
 /// keeps the old one as "<file>.damaged" and puts the new one in its place.
 ///
+/// A power cut at any moment leaves the old file with its log, or the new one: the new file, whole
+/// and on the disk, gets the name "<file>.rescued", and from then on counts as the store. Only then
+/// the old log goes, and the new file gets its place, now or before the next opening (`finish`).
+///
 /// It neither finds damage nor opens the store again. Whoever uses it has closed all connections of
 /// the process to the file and holds the lock that keeps them closed. Any byte of the file may be
 /// anything: the reading is bounded in time and in rows. Errors are results; nothing is thrown.
@@ -39,6 +43,11 @@ class StoreRescue {
     /// A file that was replaced less than a minute ago is replaced by an empty one: what was
     /// carried over may be what damages it.
     Result run();
+
+    /// Puts the new file of an exchange that was cut off in its place. To be called before `file`
+    /// is opened. @return why that failed, and then it must not be opened; "" when there is nothing
+    /// to do
+    static std::string finish(const std::string& path);
 
     static std::string damagedName(const std::string& file) { return file + ".damaged"; }
 
@@ -65,6 +74,7 @@ class StoreRescue {
     void makeEmptyFile();
     void finishNewFile();
     void exchange();
+    void declareWhole();
     void putAside();
     void fail(const char* action);
     bool failed() const { return !m_result.problem.empty(); }
@@ -72,6 +82,7 @@ class StoreRescue {
 
     const std::string m_file;
     const std::string m_newFile;
+    const std::string m_wholeFile;
     const std::int32_t m_maxBytes;
     std::chrono::steady_clock::time_point m_deadline;
     Result m_result;

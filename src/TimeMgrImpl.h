@@ -45,6 +45,8 @@ class TimeMgrImpl {
     /// Starts or stops (cancels and joins) the thread that watches the middleware's time. Refused,
     /// with an error line, on that thread itself.
     void setAutoUpdateSystemTime(bool on);
+    /// Starts that watch where it could not be started. @return whether none is missing
+    bool startMissingThread() { return m_middlewareTime.startMissingThread(); }
     /// A source reports that the moment `ref` is `utc`; changes of up to a minute are ignored,
     /// `utc` 0 forgets.
     void setTime(TimeSource source, const TimeReference& ref, UtcTimeMs utc);

@@ -76,6 +76,12 @@ void TimerQueue::startThread() {
     m_lineWritten = failed;
 }
 
+bool TimerQueue::startMissingThread() {
+    const std::lock_guard<std::mutex> lock(m_queueMutex);
+    startThread();
+    return m_thread.isStarted();
+}
+
 TimerQueue::~TimerQueue() {
     {
         const std::lock_guard<std::mutex> lock(m_queueMutex);

@@ -36,6 +36,8 @@ class TimerQueue : private Semaphore {
     /// Has the pending item called at once, on the queue's thread, with `cancelled` true and its
     /// own arguments. @return false when no such item is pending (always for 0).
     bool cancel(std::uint64_t id);
+    /// Starts the thread where it could not be started yet. @return whether it runs
+    bool startMissingThread();
 
   private:
     struct WorkItem {

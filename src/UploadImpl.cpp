@@ -29,7 +29,8 @@ UploadImpl::UploadImpl() {
     ConfigImpl::SetRefreshScheduler([instance](long delay, bool force) {
         UploadSchedule::requestRefreshConfigOf(instance, delay, force);
     });
-    startThread();
+    const int error = startThread();
+    if (error != 0) s_log.error("Cannot start the thread: ", ClassLog::errnoText(error));
 }
 
 UploadImpl::~UploadImpl() {
@@ -54,9 +55,13 @@ bool UploadImpl::GetVerbose() {
     return UploadLog::log.isVerbose();
 }
 
-void UploadImpl::startThread() {
-    const int error = m_thread.start("UploadThread", [this] { return uploadThread(); });
-    if (error != 0) s_log.error("Cannot start the thread: ", ClassLog::errnoText(error));
+int UploadImpl::startThread() {
+    return m_thread.start("UploadThread", [this] { return uploadThread(); });
+}
+
+bool UploadImpl::startMissingThreads() {
+    const bool sends = m_thread.isStarted() || startThread() == 0;
+    return m_schedule.startMissingThread() && sends;
 }
 
 int UploadImpl::uploadThread() {
@@ -109,6 +114,8 @@ void UploadImpl::followConditions() {
     const std::int64_t pause = WebTimeImpl::isKnown() ? 0 : WebTimeImpl::msUntilNextTry();
     // The job for files begins with that request, and does nothing more where no file waits.
     if (pause > 0) ScheduleFilesUpload(static_cast<long>(pause));
+    // Likewise: the refresh begins with reading what could not be read, and may end there.
+    if (Config()->waitsForFiles()) ScheduleRefreshConfig(CTouImpl::kReadAgainMs, false);
 }
 
 void UploadImpl::askForWaitingWork() {

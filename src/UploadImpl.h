@@ -35,6 +35,10 @@ class UploadImpl {
     UploadImpl(const UploadImpl&) = delete;
     UploadImpl& operator=(const UploadImpl&) = delete;
 
+    /// Starts this thread and that of the timers where they could not be started yet, without a
+    /// line; for the thread that made the object. @return whether both run
+    bool startMissingThreads();
+
     /// Opens the store, installs the database-full callback and posts the initialization.
     void Init(std::string dbPath);
 
@@ -84,7 +88,7 @@ class UploadImpl {
   private:
     friend struct UploadImplPeer;
 
-    void startThread();
+    int startThread();  ///< 0, or the errno for which it is missing
     int uploadThread();
     void runJob(int id, long param);
     void tryAgain(int id);

@@ -36,6 +36,8 @@ class UploadSchedule {
 
     /// Posts a message unless an equal one waits.
     void post(int id, long param);
+    /// Starts the timers' thread where it could not be started yet. @return whether it runs
+    bool startMissingThread() { return m_timers.startMissingThread(); }
     /// Waits for the next message and takes it.
     Message wait() { return m_queue->pop(); }
 

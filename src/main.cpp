@@ -7,10 +7,13 @@
 namespace {
 
 /// A peer that closes its socket must not end the daemon, and an inherited "ignore" for SIGCHLD
-/// must not take the upload child's exit status away.
+/// must not take the upload child's exit status away. An alarm that comes before the first upload
+/// child, which sets its handler, does nothing: a handler, because the commands that the daemon
+/// runs would inherit an "ignore".
 void settleSignals() {
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGCHLD, SIG_DFL);
+    ::signal(SIGALRM, [](int) {});
 }
 
 /// One heap for all threads. They work in turns; with a heap for each thread, every heap would keep

@@ -1,7 +1,8 @@
 """Each system call on each of the daemon's files fails with EIO and ENOSPC, once or for a while,
 from the start on or in the middle. When the fault has ended everything is there by itself: new
-events are stored or sent, what could not be written meanwhile too; the files are whole. Then the
-daemon is started again without a fault, and everything is delivered."""
+events are stored or sent, what could not be written meanwhile too; the files are whole. Consent and
+configuration that could not be read at the start are read again within 10 s; until then events are
+refused, with a line each when verbose. Then the daemon is started again without a fault, and everything is delivered."""
 import errno
 import json
 import random
@@ -14,6 +15,9 @@ from lives import RigExperiment, Sender
 # The store tries again after 200 ms, 1 s and 5 s, and is opened again at most once in 5 s.
 RECOVERY_BOUND_S = 8.0
 READY_BOUND_S = 5.0
+READ_AGAIN_BOUND_S = 12.0  # consent and configuration are read again every 10 s
+UNREADABLE = "cannot be read, nothing is collected until it can"
+READABLE = ("can be read again", "is replaced without having been read")
 FAULT_S = (0.3, 0.8)
 REFUSED = "TOU not accepted: will not send event"
 AFTER_START_S = 0.25  # how long a fault from the start lasts beyond it
@@ -111,6 +115,7 @@ class FailCall(RigExperiment):
 
     def _recover(self, trial):
         rig = self.rig
+        self._wait_for_files(trial)
         last = rig.post()  # the fault has ended: this one, too
         seconds, missing = rig.settle(RECOVERY_BOUND_S, also_stored=True)
         trial.standstill_s = max(trial.standstill_s, seconds)
@@ -122,6 +127,20 @@ class FailCall(RigExperiment):
         missing = self._without_refused(missing, last)
         if missing:
             trial.fail(f"not by itself within {seconds:.1f} s: {len(missing)} events")
+
+    def _wait_for_files(self, trial):
+        """Until what could not be read has been read again; each has a line for both."""
+        device = self.rig.device
+
+        def unread():
+            ended = sum(device.out().count(text) for text in READABLE)
+            return device.err().count(UNREADABLE) > ended
+
+        end = time.monotonic() + READ_AGAIN_BOUND_S
+        while unread() and time.monotonic() < end:
+            time.sleep(0.1)
+        if unread():
+            trial.fail(f"consent or configuration not read again in {READ_AGAIN_BOUND_S:.0f} s")
 
     def _without_refused(self, missing, last):
         """Some were refused with a line each; the one after the fault's end must not be."""

@@ -6,7 +6,8 @@ import time
 
 from lives import RigExperiment, Sender
 
-RECOVERY_BOUND_S = 8.0  # from the limit's end until everything is accounted for
+# From the limit's end until everything is accounted for: missing threads are tried again every 10 s.
+RECOVERY_BOUND_S = 18.0
 READY_BOUND_S = 5.0
 START_BOUND_S = 10.0  # until a start with too little memory is up or has ended
 LIMITS = {"address space": resource.RLIMIT_AS, "data": resource.RLIMIT_DATA}

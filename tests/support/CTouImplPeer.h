@@ -11,10 +11,14 @@ struct CTouImplPeer {
         tou.m_accepted = accepted;
         tou.m_version = version;
         tou.m_fileExists = true;
-        tou.m_refused = !accepted;
+        tou.m_answer = accepted ? CTouImpl::Answer::Yes : CTouImpl::Answer::No;
     }
     static void setDirectory(CTouImpl& tou, const std::string& directory) {
         tou.m_directory = directory;
+    }
+    /// As if the last reading lay that long ago.
+    static void letTimePass(CTouImpl& tou, std::int64_t milliseconds) {
+        tou.m_readKernelMs = tou.m_readKernelMs - milliseconds;
     }
     static bool fileExists(const CTouImpl& tou) { return tou.m_fileExists; }
 };

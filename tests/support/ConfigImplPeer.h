@@ -18,6 +18,10 @@ struct ConfigImplPeer {
     static std::int64_t& lastAttemptKernelMs(ConfigImpl& config) {
         return config.m_lastAttemptKernelMs;
     }
+    /// As if the last reading of the stored file lay that long ago.
+    static void letTimePass(ConfigImpl& config, std::int64_t milliseconds) {
+        config.m_storedKernelMs = config.m_storedKernelMs - milliseconds;
+    }
     static bool attemptIsTooRecent(ConfigImpl& config, std::int32_t now) {
         return config.attemptIsTooRecent(now);
     }

@@ -17,6 +17,11 @@ bool fails(int error) {
     return error != 0;
 }
 
+void endWhenTold() {
+    if (t_watch != nullptr && t_watch->endAt > 0 && --t_watch->endAt == 0)
+        ::_exit(t_watch->endStatus);
+}
+
 bool isDirectory(int fd) {
     struct stat facts {};
     return ::fstat(fd, &facts) == 0 && S_ISDIR(facts.st_mode);
@@ -59,6 +64,7 @@ extern "C" {
 
 int fsync(int fd) {
     static auto* const real = libraryCall<int(int)>("fsync");
+    endWhenTold();
     if (t_watch == nullptr) return real(fd);
     const bool directory = isDirectory(fd);
     t_watch->calls.emplace_back(directory ? "sync directory" : "sync file");
@@ -67,8 +73,21 @@ int fsync(int fd) {
 
 int rename(const char* from, const char* to) noexcept {
     static auto* const real = libraryCall<int(const char*, const char*)>("rename");
+    endWhenTold();
     if (t_watch == nullptr) return real(from, to);
     t_watch->calls.emplace_back("rename");
     return fails(t_watch->renameError) ? -1 : real(from, to);
+}
+
+int link(const char* from, const char* to) noexcept {
+    static auto* const real = libraryCall<int(const char*, const char*)>("link");
+    endWhenTold();
+    return real(from, to);
+}
+
+int unlink(const char* path) noexcept {
+    static auto* const real = libraryCall<int(const char*)>("unlink");
+    endWhenTold();
+    return real(path);
 }
 }

@@ -18,6 +18,9 @@ class DiskWatch {
     int fileSyncError = 0;           ///< errno of a file's fsync; 0: works
     int directorySyncError = 0;
     int renameError = 0;
+    int endAt =
+        0;  ///< the process ends in the place of so many-th of these, link and unlink; 0: never
+    int endStatus = 0;  ///< its exit status then
 
     /// What one whole replacement asks for.
     static const std::vector<std::string>& safeReplacement();

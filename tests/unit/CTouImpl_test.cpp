@@ -8,6 +8,7 @@
 #include "support/DiskFaults.h"
 #include "support/FakeCommands.h"
 #include "support/KivTest.h"
+#include "support/NoDescriptors.h"
 #include "support/OutputCapture.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TaggedLines.h"
@@ -275,6 +276,59 @@ TEST_F(CTouImplTest, WaitsForNoPipeInThePlaceOfItsFiles) {
     expectConsent(true, 2);
 }
 
+/// A file that cannot be read now is neither a yes nor a no: nothing is collected, and it is read
+/// again, 10 s after the last attempt, until it can be. A line tells of the beginning and the end.
+TEST_F(CTouImplTest, ReadsAgainWhatCannotBeRead) {
+    m_directory.write(kConsent, "CUL-TOU 2 TRUE");
+    writeServerAnswer(R"({"version":2})");
+    OutputCapture capture;
+    {
+        const NoDescriptors none;
+        m_tou.Load(directory());
+        EXPECT_TRUE(m_tou.isUnreadable());
+        EXPECT_FALSE(m_tou.refused());
+        EXPECT_FALSE(m_tou.ReLoad());
+        CTouImplPeer::letTimePass(m_tou, 10000);
+        EXPECT_FALSE(m_tou.allowsCollection()) << "read again, in vain";
+        expectConsent(false, 0);
+    }
+    EXPECT_FALSE(m_tou.allowsCollection()) << "too soon";
+    EXPECT_TRUE(hasServerAnswer());
+    CTouImplPeer::letTimePass(m_tou, 9000);
+    EXPECT_FALSE(m_tou.allowsCollection()) << "too soon";
+    CTouImplPeer::letTimePass(m_tou, 1000);
+    EXPECT_TRUE(m_tou.allowsCollection());
+    capture.stop();
+    expectConsent(true, 2);
+    EXPECT_FALSE(m_tou.isUnreadable());
+    EXPECT_TRUE(CTouImplPeer::fileExists(m_tou));
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "TOU:File current_tou.txt cannot be read, nothing is collected until it can: "
+              "Too many open files\n");
+    EXPECT_EQ(capture.outWithoutPrefixes(), "TOU:The terms-of-use files can be read again\n");
+}
+
+/// A server's answer that cannot be read now may withdraw the consent: it stays, and nothing is
+/// collected until it can be read.
+TEST_F(CTouImplTest, AssumesNoConsentBesideAnAnswerThatCannotBeRead) {
+    m_directory.write(kConsent, "CUL-TOU 2 TRUE");
+    fs::create_symlink("/proc/self/mem", m_directory.file(kServerAnswer));  // reading fails: EIO
+    OutputCapture capture;
+    m_tou.Load(directory());
+    EXPECT_TRUE(m_tou.isUnreadable());
+    EXPECT_FALSE(m_tou.allowsCollection());
+    EXPECT_TRUE(hasServerAnswer());
+    fs::remove(m_directory.file(kServerAnswer));
+    writeServerAnswer(R"({"version":3})");
+    EXPECT_TRUE(m_tou.ReLoad());
+    capture.stop();
+    EXPECT_FALSE(m_tou.allowsCollection());
+    EXPECT_TRUE(m_tou.refused());
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "TOU:File tou_server_answer.txt cannot be read, nothing is collected until it can: "
+              "Input/output error\n");
+}
+
 /// Verbose, content, missing answer and acceptance are told.
 TEST_F(CTouImplTest, WritesWhatItReadsWhenVerbose) {
     CTouImpl::SetVerbose(true);
@@ -412,6 +466,25 @@ TEST_F(CTouImplRefreshTest, AsksWithKeyAndDeviceHeaders) {
     EXPECT_EQ(request.target, "/tou");
     EXPECT_EQ(request.header("x-api-key"), "the-key");
     EXPECT_EQ(request.header("X-kivversion"), "#0x442c3c4");
+}
+
+/// While the user's answer cannot be read the server is not asked: every version would be announced
+/// as new. Once it can be, what waited is asked for.
+TEST_F(CTouImplRefreshTest, WaitsForAnAnswerThatCannotBeRead) {
+    fs::create_symlink("/proc/self/mem", m_directory.file(kConsent));  // reading fails: EIO
+    const OutputCapture quiet;
+    m_tou.Load(directory());
+    m_answer.body = R"({"version":4,"url":"u"})";
+    EXPECT_FALSE(m_tou.Refresh());
+    EXPECT_EQ(m_server.requests().size(), 0U);
+    expectNothingWritten();
+    fs::remove(m_directory.file(kConsent));
+    m_directory.write(kConsent, "CUL-TOU 4 TRUE");
+    m_tou.refreshIfItWaited();
+    ASSERT_EQ(m_server.requests().size(), 1U);
+    EXPECT_EQ(m_server.requests()[0].header("X-currentTou"), "-1")
+        << "of the application's own consent, which is none here";
+    expectNothingWritten();
 }
 
 /// A newer version leaves its URL in "show_new_tou.txt", without line end, and consent as it

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <limits>
@@ -32,6 +33,7 @@
 #include "support/CredentialsPeer.h"
 #include "support/DiskFaults.h"
 #include "support/KivTest.h"
+#include "support/NoDescriptors.h"
 #include "support/OutputCapture.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TaggedLines.h"
@@ -268,6 +270,33 @@ TEST_F(ConfigImplTest, AMissingFileIsReplacedByTheDefaultDocument) {
     EXPECT_FALSE(m_config->IsValid());
     EXPECT_EQ(m_config->GetFirehoseEndpoint(), Services::defaultFirehoseEndpoint());
     EXPECT_EQ(m_config->GetS3Bucket(), "norvane-ddump/kiv-test");
+}
+
+/// A file that is there and cannot be read now stays as it is. It is read again, 10 s after the
+/// last attempt; until it can be, nothing is collected. A line tells of the beginning and the end.
+TEST_F(ConfigImplTest, AFileThatCannotBeReadNowIsReadAgain) {
+    const std::string stored = R"({"kiv_tou": true, "s3_bucket": "b", "UTC-Time": 5})";
+    m_dir.write("Config", stored);
+    OutputCapture capture;
+    {
+        const NoDescriptors none;
+        m_config->Load(m_dir.file("Config"));
+    }
+    EXPECT_TRUE(m_config->storedIsUnread());
+    EXPECT_TRUE(m_config->waitsForFiles());
+    EXPECT_EQ(m_dir.read("Config"), stored);
+    ConfigImplPeer::letTimePass(*m_config, 9000);
+    EXPECT_FALSE(m_config->collectionAllowed()) << "too soon";
+    ConfigImplPeer::letTimePass(*m_config, 1000);
+    EXPECT_TRUE(m_config->collectionAllowed());
+    capture.stop();
+    EXPECT_EQ(m_config->GetS3Bucket(), "b");
+    EXPECT_FALSE(m_config->waitsForFiles());
+    EXPECT_EQ(taggedLines(capture.errWithoutPrefixes(), "kivconfig: "),
+              "kivconfig: Persistent config cannot be read, nothing is collected until it can: "
+              "Too many open files\n");
+    EXPECT_EQ(taggedLines(capture.outWithoutPrefixes(), "kivconfig: "),
+              "kivconfig: Persistent config can be read again\n");
 }
 
 /// A missing or unreadable file is replaced by the default document, its keys in order.
@@ -827,6 +856,40 @@ TEST_F(ConfigRefreshTest, WithoutTermsOfUseNothingIsAsked) {
     EXPECT_EQ(requests(), 0u);
     EXPECT_NEAR(m_config->GetLastAttempt(), kNow, 10);
     EXPECT_TRUE(askedOnceFor(600));
+}
+
+/// While the user's answer cannot be read the server is not asked, which would take that for a no.
+/// The next look is asked for in 10 s, and counts as the first attempt.
+TEST_F(ConfigRefreshTest, WithAnAnswerThatCannotBeReadNothingIsAsked) {
+    ::remove(m_dir.file("current_tou.txt").c_str());
+    std::filesystem::create_symlink("/proc/self/mem", m_dir.file("current_tou.txt"));
+    OutputCapture quiet;
+    m_tou->Load(m_dir.path() + "/");
+    quiet.stop();
+    EXPECT_EQ(refreshErrors(false, false), "");
+    EXPECT_EQ(requests(), 0u);
+    EXPECT_EQ(m_config->GetLastAttempt(), 0);
+    EXPECT_THAT(m_asked, ElementsAre(Asked(10000, true)));
+    ::remove(m_dir.file("current_tou.txt").c_str());
+    m_dir.write("current_tou.txt", "CUL-TOU 3 TRUE");
+    EXPECT_TRUE(refresh(false));
+    ASSERT_EQ(requests(), 1u);
+    EXPECT_EQ(m_server->requests()[0].header("X-currentTou"), "3");
+}
+
+/// An answer of the server takes the place of a stored file that could not be read, for good.
+TEST_F(ConfigRefreshTest, AnAnswerReplacesAFileThatCouldNotBeRead) {
+    ::remove(m_dir.file("Config").c_str());
+    std::filesystem::create_symlink("/proc/self/mem", m_dir.file("Config"));
+    OutputCapture quiet;
+    m_config->Load(m_dir.file("Config"));
+    EXPECT_TRUE(m_config->storedIsUnread());
+    ::remove(m_dir.file("Config").c_str());
+    EXPECT_TRUE(m_config->Refresh(false));
+    quiet.stop();
+    EXPECT_FALSE(m_config->storedIsUnread());
+    EXPECT_TRUE(m_config->GetTouAccepted());
+    EXPECT_EQ(m_dir.read("Config"), stampedDocument());
 }
 
 /// A failed request: "Config could not be retrieved from server", the configuration as it was,

@@ -628,6 +628,23 @@ TEST_F(GatewayImplThreadsTest, SaysWhichThreadsCannotBeStartedAndLivesOn) {
     m_gateway.reset();
 }
 
+/// Threads that could not be started are started later, and store what waited.
+TEST_F(GatewayImplThreadsTest, StartsMissingThreadsLater) {
+    createQueue();
+    OutputCapture capture;
+    {
+        const NoThreads none;
+        m_gateway = std::make_unique<GatewayImpl>();
+        m_gateway->Init(m_db);
+        EXPECT_FALSE(m_gateway->startMissingThread());
+    }
+    m_gateway->Log(R"({"event-type": "waited"})");
+    EXPECT_TRUE(m_gateway->startMissingThread());
+    EXPECT_EQ(stored().size(), 1u);
+    capture.stop();
+    m_gateway.reset();
+}
+
 /// A store that another process locks loses no event.
 TEST_F(GatewayImplThreadsTest, KeepsEveryEventWhileAnotherProcessLocksTheStore) {
     makeGateway();

@@ -474,6 +474,25 @@ TEST_F(TimePipeTest, WithoutAThreadThereIsNoWatchUntilTheNextStart) {
     EXPECT_TRUE(isWatching());
 }
 
+/// A watch that could not be started is started later, unless it was stopped meanwhile.
+TEST_F(TimePipeTest, StartsAMissingWatcherLater) {
+    const OutputCapture quiet;
+    {
+        const NoThreads none;
+        m_watch->setWatching(true);
+        EXPECT_FALSE(m_watch->startMissingThread());
+    }
+    m_watch->setWatching(false);
+    EXPECT_TRUE(m_watch->startMissingThread());
+    EXPECT_FALSE(isWatching());
+    {
+        const NoThreads none;
+        m_watch->setWatching(true);
+    }
+    EXPECT_TRUE(m_watch->startMissingThread());
+    EXPECT_TRUE(isWatching());
+}
+
 /// It is never cancelled while it handles a message, and cannot stop itself.
 TEST_F(TimePipeTest, IsNotCancelledWhileItHandlesAMessage) {
     std::promise<void> reached;

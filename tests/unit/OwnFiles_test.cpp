@@ -114,7 +114,8 @@ TEST_F(OwnFilesTest, TellsWhichFilesTheyAre) {
 /// With the store come the files beside it.
 TEST_F(OwnFilesTest, CountsWhatLiesBesideTheStore) {
     OwnFiles::addStore(m_dir.file("Db"));
-    for (const char* beside : {"", "-wal", "-shm", "-journal", ".damaged", ".new"})
+    for (const char* beside :
+         {"", "-wal", "-shm", "-journal", ".damaged", ".new", ".rescued", ".lock"})
         EXPECT_TRUE(OwnFiles::contains(m_dir.file("Db") + beside)) << beside;
     EXPECT_FALSE(OwnFiles::contains(m_dir.file("Db.log")));
 }

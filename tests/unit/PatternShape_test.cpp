@@ -37,6 +37,20 @@ TEST(PatternShapeTest, FindsNestedQuantifiers) {
         EXPECT_FALSE(nests(pattern)) << pattern;
 }
 
+/// The size counts the characters with all repetitions written out, also of what follows each
+/// other; it ends at a million, on a set of 32 bits too.
+TEST(PatternShapeTest, CountsTheCharactersWithAllRepetitionsWrittenOut) {
+    const auto size = [](const std::string& pattern) { return PatternShape(pattern).size(); };
+    EXPECT_EQ(size(""), 0u);
+    EXPECT_EQ(size("abc"), 3u);
+    EXPECT_EQ(size("a{1000}"), 1000u + 6);
+    EXPECT_EQ(size("a{1000}b{1000}"), 2 * (1000u + 6));
+    EXPECT_EQ(size("(ab){10}"), 10 * 4u + 4);
+    EXPECT_EQ(size("((a{3}){5}|b)c"), 5u * (3 + 3 + 2) + 3 + 2 + 3);
+    EXPECT_EQ(size("[a-z]{2,20}"), 20 * 5u + 6);
+    EXPECT_EQ(size("(a{999999}){999999}"), 1000000u);
+}
+
 /// Counts multiply along the groups; the larger bound counts; what follows each other does not.
 TEST(PatternShapeTest, MultipliesCountsAlongTheGroups) {
     EXPECT_EQ(repetitions(""), 1u);

@@ -218,6 +218,24 @@ TEST_F(RegexCacheTest, DropsThePatternUnusedForLongestWhenFull) {
     EXPECT_TRUE(RegexCachePeer::holds("another"));
 }
 
+/// The cache holds no more than its size, counted with all repetitions written out: the patterns
+/// unused for longest go. What is larger alone is not kept, and matches all the same.
+TEST_F(RegexCacheTest, KeepsNoMoreThanItsSize) {
+    const auto pattern = [](int i) { return "p" + std::to_string(i) + "x{1990}"; };
+    const int most = static_cast<int>(RegexCachePeer::maxSize / 2000);
+    for (int i = 0; i <= most + 2; ++i) RegexCache::matches(pattern(i), "x");
+    EXPECT_FALSE(RegexCachePeer::holds(pattern(0)));
+    EXPECT_TRUE(RegexCachePeer::holds(pattern(most + 2)));
+    EXPECT_LE(RegexCachePeer::size(), RegexCachePeer::maxSize / 1990);
+    EXPECT_GE(RegexCachePeer::size(), RegexCachePeer::maxSize / 2000 - 1);
+    std::string large;
+    for (int i = 0; i < 20; ++i) large += "a{2000}";
+    EXPECT_TRUE(RegexCache::matches(large, std::string(40000, 'a')));
+    EXPECT_FALSE(RegexCache::matches(large, "a"));
+    EXPECT_FALSE(RegexCachePeer::holds(large));
+    EXPECT_TRUE(RegexCachePeer::holds(pattern(most + 2)));
+}
+
 /// Many threads may match at once; every line carries the diagnostic prefix.
 TEST_F(RegexCacheTest, ServesManyThreads) {
     std::atomic<int> wrong{0};

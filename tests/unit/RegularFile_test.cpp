@@ -1,10 +1,12 @@
 #include "RegularFile.h"
 
+#include "support/NoDescriptors.h"
 #include "support/TempDir.h"
 
 #include <filesystem>
 #include <string>
 
+#include <errno.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -17,6 +19,7 @@ class RegularFileTest : public ::testing::Test {
         const RegularFile file(path);
         EXPECT_FALSE(file.isRead()) << path;
         EXPECT_FALSE(file.isMissing()) << path;
+        EXPECT_FALSE(file.cannotBeReadNow()) << path;
         EXPECT_EQ(file.text(), "") << path;
     }
 
@@ -60,6 +63,30 @@ TEST_F(RegularFileTest, WaitsForNothingThatIsNoFile) {
     expectUnreadable(m_directory.file("pipe"));
     expectUnreadable("/dev/zero");
     expectUnreadable(m_directory.path());
+}
+
+/// A file that is there and cannot be read now is told from one that never can be: want of
+/// descriptors, a disk that fails in the middle.
+TEST_F(RegularFileTest, TellsWhatCannotBeReadNow) {
+    const std::string path = m_directory.write("file", "text");
+    std::filesystem::create_symlink("/proc/self/mem", m_directory.file("failing"));
+    const auto without = [&path] {
+        const NoDescriptors none;
+        return RegularFile(path);
+    };
+    const RegularFile unopened = without();
+    EXPECT_TRUE(unopened.cannotBeReadNow());
+    EXPECT_EQ(unopened.error(), EMFILE);
+    const RegularFile failing(m_directory.file("failing"));
+    EXPECT_TRUE(failing.cannotBeReadNow());
+    EXPECT_EQ(failing.error(), EIO);
+    for (const RegularFile& file : {unopened, failing}) {
+        EXPECT_FALSE(file.isRead());
+        EXPECT_FALSE(file.isMissing());
+        EXPECT_EQ(file.text(), "");
+    }
+    EXPECT_FALSE(RegularFile(path).cannotBeReadNow());
+    EXPECT_FALSE(RegularFile(m_directory.file("nothing")).cannotBeReadNow());
 }
 
 /// A file of 1 MiB is read, a longer one is not.

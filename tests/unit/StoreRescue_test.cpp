@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/AppSetup.h"
 #include "support/DiskFaults.h"
 #include "support/StoreRescuePeer.h"
 #include "support/StoreTest.h"
@@ -18,6 +20,7 @@
 namespace {
 
 constexpr std::int32_t kMaxBytes = 3145728;
+constexpr int kCut = 77;  ///< exit status
 
 class StoreRescueTest : public StoreTest {
   protected:
@@ -81,12 +84,13 @@ TEST_F(StoreRescueTest, TheNewFileHasTheModeOfTheOld) {
     EXPECT_EQ(facts.st_mode & 0777, 0600U);
 }
 
-/// The new file is on the disk before it takes the place, and the place after it.
+/// The new file and its name are on the disk before anything of the old one goes, and its place
+/// after that.
 TEST_F(StoreRescueTest, TheNewFileIsOnTheDiskBeforeItTakesThePlace) {
     DiskWatch disk;
     rescue();
-    EXPECT_EQ(disk.calls,
-              (std::vector<std::string>{"sync file", "rename", "rename", "sync directory"}));
+    EXPECT_EQ(disk.calls, (std::vector<std::string>{"sync file", "rename", "sync directory",
+                                                    "rename", "rename", "sync directory"}));
 }
 
 /// More than the new file may hold is not carried over, and what it holds is sound.
@@ -104,13 +108,58 @@ TEST_F(StoreRescueTest, TroubleLeavesTheOldFile) {
     const std::string old = dir.read("Db");
     DiskWatch disk;
     disk.renameError = EIO;
-    EXPECT_EQ(rescue().problem, "cannot put it aside: Input/output error");
+    EXPECT_EQ(rescue().problem, "cannot name the new file: Input/output error");
     EXPECT_EQ(names(), Texts{"Db"});
     disk.renameError = 0;
     disk.fileSyncError = ENOSPC;
     EXPECT_EQ(rescue().problem, "cannot sync the new file: No space left on device");
     EXPECT_EQ(names(), Texts{"Db"});
     EXPECT_EQ(dir.read("Db"), old);
+}
+
+/// Wherever the exchange is cut off, the next start has every row, those too that only the old log
+/// had.
+TEST_F(StoreRescueTest, ACutAtAnyCallLosesNoRow) {
+    std::string file;
+    std::string log;
+    {
+        PlainDatabase writer(path);  // its open connection keeps the log
+        writer.run("PRAGMA journal_mode=WAL; PRAGMA wal_checkpoint(TRUNCATE)");
+        writer.run("INSERT INTO Events VALUES(9,9,9,'late',0,'{}')");
+        file = dir.read("Db");
+        log = dir.read("Db-wal");
+    }
+    ASSERT_GT(log.size(), 4096u);
+    int cuts = 0;
+    for (int status = kCut; status == kCut; ++cuts) {
+        ASSERT_LT(cuts, 60);
+        for (const char* name : {"Db-shm", "Db.new", "Db.damaged", "Db.rescued"})
+            ::unlink(dir.file(name).c_str());
+        dir.write("Db", file);
+        dir.write("Db-wal", log);
+        damagePage(14);
+        StoreRescuePeer::forgetAttempts();
+        Child child([&] {
+            DiskWatch disk;
+            disk.endAt = cuts + 1;
+            disk.endStatus = kCut;
+            const auto result = StoreRescue(path, kMaxBytes).run();
+            ::_exit(result.problem.empty() ? 0 : 1);
+        });
+        status = child.exitStatus();
+        ASSERT_TRUE(status == kCut || status == 0) << status;
+        StoreRescuePeer::forgetAttempts();
+        {
+            const OutputCapture quiet;
+            DB next;
+            next.open(path, true);
+        }
+        ASSERT_EQ(value("PRAGMA integrity_check"), "ok") << "cut " << cuts;
+        ASSERT_EQ(value("SELECT COUNT(*) FROM Events WHERE type='late'"), "1") << "cut " << cuts;
+        ASSERT_GE(std::stoi(value("SELECT COUNT(*) FROM Events")), 86) << "cut " << cuts;
+        ASSERT_FALSE(dir.has("Db.rescued")) << "cut " << cuts;
+    }
+    EXPECT_GE(cuts, 8);
 }
 
 /// The next attempt is due 5 s after the last one.

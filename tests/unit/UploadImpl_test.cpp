@@ -223,6 +223,23 @@ TEST_F(UploadImplTest, TellsThatItsThreadCannotBeStarted) {
         << output.err();
 }
 
+/// A thread that could not be started is started later, and runs the jobs that waited.
+TEST_F(UploadImplTest, StartsAMissingThreadLater) {
+    upload.reset();
+    OutputCapture output;
+    std::unique_ptr<UploadImpl> another;
+    {
+        const NoThreads noThreads;
+        another = std::make_unique<UploadImpl>();
+        another->sendMsg(4, 0);
+        EXPECT_FALSE(another->startMissingThreads());
+    }
+    EXPECT_TRUE(another->startMissingThreads());
+    EXPECT_TRUE(another->startMissingThreads());
+    EXPECT_TRUE(WaitUntil([&] { return UploadImplPeer::waiting(*another).empty(); }));
+    another.reset();
+}
+
 /// Each message runs its job.
 TEST_F(UploadImplTest, RunsTheJobOfEachMessage) {
     setNetwork(false);
