@@ -12,6 +12,7 @@ endif()
 # CMake reads this file again, without the cache, for each program that it tries.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KIV_ARM_SYSROOT)
 
+set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 # 64 bits for file sizes, inode numbers and times, as on 64-bit hosts: stat() refuses larger numbers
@@ -19,6 +20,7 @@ set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 # calls only those may be used that take none, or that take it in the same registers either way, as
 # X509_STORE_CTX_set_time does with its third argument.
 # No notes on a change of the calling convention in an older compiler: all is built by this one.
+set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64")
 set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 -Wno-psabi")
 
 # Programs run on the host; headers, libraries and packages are the set's.

@@ -1,5 +1,10 @@
 # What `cmake --install` puts where: the daemon, its tools, start files and manual pages.
+# Debian's place for the libraries of one kind of processor; built for another one it is not found.
+if(CMAKE_CROSSCOMPILING AND CMAKE_LIBRARY_ARCHITECTURE AND NOT DEFINED CMAKE_INSTALL_LIBDIR)
+  set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE})
+endif()
 include(GNUInstallDirs)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME daemon)
 
 set(KIV_STATE_DIR /var/lib/kivApp CACHE PATH
     "Where an installed daemon keeps its files, unless its environment file says otherwise")
@@ -48,3 +53,18 @@ install(CODE [[
   endif()]])
 install(FILES ${KIV_INSTALLED}/kivApp.default DESTINATION "\${KIV_ETC}/default" RENAME kivApp)
 install(PROGRAMS ${KIV_INSTALLED}/kivApp.init DESTINATION "\${KIV_ETC}/init.d" RENAME kivApp)
+
+# The client library: what programs need to run, what they are compiled with, the Python module.
+file(RELATIVE_PATH KIVEVENT_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" KIVEVENT_PREFIX "${KIVEVENT_PREFIX}")
+configure_file(${PROJECT_SOURCE_DIR}/clients/c/kivevent.pc.in ${KIV_INSTALLED}/kivevent.pc @ONLY)
+install(TARGETS kivevent
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
+install(TARGETS kivevent_static
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+install(FILES ${PROJECT_SOURCE_DIR}/clients/c/kivevent.h ${PROJECT_SOURCE_DIR}/clients/c/kivevent.hpp
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(FILES ${KIV_INSTALLED}/kivevent.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT development)
+install(FILES ${PROJECT_SOURCE_DIR}/clients/python/kivevent.py
+        DESTINATION lib/python3/dist-packages COMPONENT python)

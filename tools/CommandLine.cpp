@@ -25,8 +25,10 @@ blank lines are skipped, bad ones are reported and skipped.
       --url PATH         announce a file for upload ("oob-url")
       --info JSON        description of that file ("oob-info" in "data")
       --kernel-time MS   monotonic milliseconds at which the event happened
-      --no-wait          a full queue is an error
-      --queue NAME       name of the queue (default /kiv_queue)
+      --timeout SECONDS  how long an event may wait for room in the queue
+                         (default 30)
+      --no-wait          a full queue is an error at once
+      --queue NAME       name of the queue (default $KIV_QUEUE, else /kiv_queue)
   -q, --quiet            do not report what could not be sent
   -h, --help             print this help and exit
   -V, --version          print the version and exit
@@ -40,15 +42,25 @@ Exit status:
   5  queue full, with --no-wait
   6  time-out of --sync
   7  other system error
+  8  no room in the queue in time (kivApp is dead or busy)
+  9  no permission to post
+ 10  an event that kivApp could not store: a single quote
 )";
 
 constexpr option kLongOptions[] = {
-    {"sync", optional_argument, nullptr, 's'},   {"rate", required_argument, nullptr, 'r'},
-    {"repeat", required_argument, nullptr, 'n'}, {"url", required_argument, nullptr, 'u'},
-    {"info", required_argument, nullptr, 'i'},   {"kernel-time", required_argument, nullptr, 'k'},
-    {"no-wait", no_argument, nullptr, 'w'},      {"queue", required_argument, nullptr, 'Q'},
-    {"quiet", no_argument, nullptr, 'q'},        {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, 'V'},      {nullptr, 0, nullptr, 0},
+    {"sync", optional_argument, nullptr, 's'},
+    {"rate", required_argument, nullptr, 'r'},
+    {"repeat", required_argument, nullptr, 'n'},
+    {"url", required_argument, nullptr, 'u'},
+    {"info", required_argument, nullptr, 'i'},
+    {"kernel-time", required_argument, nullptr, 'k'},
+    {"timeout", required_argument, nullptr, 't'},
+    {"no-wait", no_argument, nullptr, 'w'},
+    {"queue", required_argument, nullptr, 'Q'},
+    {"quiet", no_argument, nullptr, 'q'},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},
+    {nullptr, 0, nullptr, 0},
 };
 
 constexpr double kSyncSeconds = 5.0;  ///< of --sync without a number
@@ -121,6 +133,9 @@ void CommandLine::applyOption(int letter, const char* argument) {
             break;
         case 'k':
             event.kernelTime = parseInteger("--kernel-time", argument, 0);
+            break;
+        case 't':
+            timeout = parseNumber("--timeout", argument);
             break;
         case 'w':
             noWait = true;

@@ -18,12 +18,13 @@ struct CommandLine {
     /// The text of --help.
     static const char* helpText();
 
-    std::string queue = "/kiv_queue";
-    OutgoingEvent::Parts event;  ///< without meaning where `standardInput` is set
-    bool standardInput = false;  ///< the events come as lines of standard input
+    std::optional<std::string> queue;  ///< none: as the library finds it
+    OutgoingEvent::Parts event;        ///< without meaning where `standardInput` is set
+    bool standardInput = false;        ///< the events come as lines of standard input
     std::optional<double> syncSeconds;
     std::optional<double> rate;  ///< events per second
     std::int64_t repeat = 1;
+    double timeout = 30.0;  ///< seconds for an event to find room, where --sync does not say
     bool noWait = false;
     bool quiet = false;
     bool help = false;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kivevent.hpp"
+
 #include <stdexcept>
 #include <string>
 
@@ -13,6 +15,9 @@ enum class Status : int {
     QueueFull = 5,
     SyncTimeOut = 6,
     System = 7,
+    NoRoom = 8,
+    Denied = 9,
+    Unstorable = 10,
 };
 
 /// What kept one event, or the whole run, from being sent: the text for the user and the exit
@@ -20,6 +25,8 @@ enum class Status : int {
 class Failure : public std::runtime_error {
   public:
     Failure(Status status, const std::string& text);
+    /// What the library of the queue says.
+    explicit Failure(const kivevent::Error& error);
 
     /// A refused system call: `what`, a colon and the text of the errno value `error`.
     static Failure ofSystem(const std::string& what, int error);

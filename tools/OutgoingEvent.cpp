@@ -41,8 +41,8 @@ OutgoingEvent OutgoingEvent::parse(std::string_view text) {
     return OutgoingEvent(std::move(event));
 }
 
-void OutgoingEvent::setSemaphore(const std::string& name) {
-    put(m_value.get(), "syncsem", makeString("semaphore", name));
+void OutgoingEvent::dropSemaphore() {
+    json_object_del(m_value.get(), "syncsem");
 }
 
 /// 15 digits keep 0.1 as it was typed, 17 keep every double.

@@ -29,8 +29,8 @@ class OutgoingEvent {
     /// The event whose whole JSON text is `text`.
     static OutgoingEvent parse(std::string_view text);
 
-    /// Names the semaphore that is posted once the event has been handled.
-    void setSemaphore(const std::string& name);
+    /// Forgets the semaphore that the event's text names.
+    void dropSemaphore();
 
     /// The compact text, with the fewest digits that read back as the same numbers.
     std::string text() const;

@@ -5,14 +5,28 @@
 #include "OutgoingEvent.h"
 #include "Patience.h"
 #include "SignalHold.h"
-#include "SyncSemaphore.h"
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
+
+namespace {
+
+kivevent::Queue makeQueue(const CommandLine& options) {
+    return options.queue ? kivevent::Queue(*options.queue) : kivevent::Queue();
+}
+
+}  // namespace
 
 Sender::Sender(const CommandLine& options)
-    : m_options(options), m_queue(options.queue), m_pace(options.rate) {}
+    : m_options(options), m_queue(makeQueue(options)), m_pace(options.rate) {
+    m_limit = m_queue.limit();
+}
+
+void Sender::checkSize(std::size_t size) const {
+    if (size <= m_limit) return;
+    throw Failure(Status::TooLarge, "message too large: " + std::to_string(size) +
+                                        " bytes, the queue takes " + std::to_string(m_limit));
+}
 
 void Sender::send(OutgoingEvent& event) {
     for (std::int64_t count = 0; count < m_options.repeat; ++count) {
@@ -20,30 +34,30 @@ void Sender::send(OutgoingEvent& event) {
         if (m_options.syncSeconds) {
             sendAndWait(event, *m_options.syncSeconds);
         } else {
-            post(event.text(), nullptr);
+            post(event.text(), Patience(m_options.timeout, Status::NoRoom, nullptr), nullptr);
         }
     }
 }
 
-/// Each event has a semaphore of its own: a late answer never counts for the next event.
+/// Each event has a receipt of its own: a late answer never counts for the next event.
 /// The locals go in reverse order, so that held signals strike after the semaphore is unlinked.
 void Sender::sendAndWait(OutgoingEvent& event, double seconds) {
     const SignalHold signals;
-    const SyncSemaphore semaphore;
-    const Patience patience(seconds, signals);
-    event.setSemaphore(semaphore.name());
-    post(event.text(), &patience);
-    while (!semaphore.wait(patience.nextSlice("no answer"))) {
+    kivevent::Receipt receipt;
+    const Patience patience(seconds, Status::SyncTimeOut, &signals);
+    event.dropSemaphore();
+    post(event.text(), patience, &receipt);
+    while (!receipt.wait(patience.nextSlice("no answer"))) {
     }
 }
 
-/// @param patience how long to wait for room; nullptr: as long as it takes
-void Sender::post(const std::string& text, const Patience* patience) {
-    m_queue.checkSize(text.size());
-    while (!m_queue.offer(text)) {
-        if (m_options.noWait) throw Failure(Status::QueueFull, m_queue.name() + ": full");
-        std::optional<std::chrono::milliseconds> slice;
-        if (patience != nullptr) slice = patience->nextSlice(m_queue.name() + ": no room");
-        m_queue.awaitRoom(slice);
+void Sender::post(const std::string& text, const Patience& patience,
+                  const kivevent::Receipt* receipt) {
+    for (;;) {
+        auto slice = std::chrono::milliseconds::zero();
+        if (!m_options.noWait) slice = patience.nextSlice(m_queue.name() + ": no room");
+        const kivevent_code code = m_queue.tryPost(text, slice, receipt);
+        if (code == KIVEVENT_OK) return;
+        if (code != KIVEVENT_TIMEOUT) throw kivevent::Error(code);
     }
 }

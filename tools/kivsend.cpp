@@ -22,16 +22,20 @@ void report(const CommandLine& options, const std::string& where, const std::exc
 }
 
 void sendLine(Sender& sender, const LineReader& line) {
-    if (!line.whole()) sender.queue().checkSize(line.size());
+    if (!line.whole()) sender.checkSize(line.size());
     OutgoingEvent event = OutgoingEvent::parse(line.text());
-    sender.send(event);
+    try {
+        sender.send(event);
+    } catch (const kivevent::Error& error) {
+        throw Failure(error);
+    }
 }
 
 /// Returns the status of the failure that ended the run, else of the first line that was skipped.
 Status sendLines(const CommandLine& options) {
     Sender sender(options);
     Status status = Status::Sent;
-    LineReader line(std::max(kLeastKept, sender.queue().limit()));
+    LineReader line(std::max(kLeastKept, sender.limit()));
     while (line.next()) {
         if (line.whole() && line.blank()) continue;
         try {
@@ -75,6 +79,9 @@ int main(int argc, char** argv) {
     } catch (const Failure& failure) {
         report(options, "", failure);
         status = failure.status();
+    } catch (const kivevent::Error& error) {
+        report(options, "", error);
+        status = Failure(error).status();
     } catch (const std::exception& failure) {
         report(options, "", failure);
     }

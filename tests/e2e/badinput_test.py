@@ -64,9 +64,10 @@ class QueueTest(WholeProgramTest):
     #: An event with a single quote is refused alone and does nothing else.
     def test_event_with_a_single_quote_is_refused_alone_and_does_nothing_else(self):
         self.start_with_consent()
-        self.device.send("usage.epg", {"text": "it's"})
+        self.device.post_raw(b'{"event-type":"usage.epg","data":{"text":"it\'s"}}')
         self.device.wait_for_error("kivDB: SQL error (insert event): ")
-        self.device.send("usage'); DELETE FROM TimeOffsets; --", {"text": "x"})
+        self.device.post_raw(b'{"event-type":"usage\'); DELETE FROM TimeOffsets; --",'
+                             b'"data":{"text":"x"}}')
         self.device.wait_for_error("kivDB: SQL error (insert event): ", 2)
         self.assertEqual(self.device.query("SELECT COUNT(*) FROM TimeOffsets"), [(1,)])
         self.assert_takes_events()

@@ -41,7 +41,7 @@ class AgeTest(WholeProgramTest):
     def test_an_event_with_a_quote_holds_up_no_other(self):
         self.start_with_consent()
         self.device.send("usage.epg", {"number": 1, **LONG})
-        self.device.send("usage.epg", {"number": 2, "text": "it's"})
+        self.device.post_raw(b'{"event-type":"usage.epg","data":{"number":2,"text":"it\'s"}}')
         self.device.wait_for_error("kivDB: SQL error (insert event): ")
         self.assertEqual([event["number"] for event in self.wait_for_events(1, "usage.epg")], [1])
         self.assertEqual(len(self.wait_for_events(1, "db.error")), 1)

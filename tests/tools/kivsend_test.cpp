@@ -52,20 +52,20 @@ class TestQueue {
     explicit TestQueue(long maxMessages = 10, long messageSize = 256) : m_size(messageSize) {
         static std::atomic<int> count{0};
         m_name = "/kivsend_test." + std::to_string(getpid()) + "." + std::to_string(++count);
-        mq_attr attributes{};
-        attributes.mq_maxmsg = maxMessages;
-        attributes.mq_msgsize = messageSize;
-        m_descriptor = mq_open(m_name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600, &attributes);
-        if (m_descriptor == -1) throw std::runtime_error("mq_open failed");
+        m_messages = maxMessages;
+        make();
     }
-    ~TestQueue() {
-        mq_close(m_descriptor);
-        mq_unlink(m_name.c_str());
-    }
+    ~TestQueue() { remove(); }
     TestQueue(const TestQueue&) = delete;
     TestQueue& operator=(const TestQueue&) = delete;
 
     const std::string& name() const { return m_name; }
+
+    /// As a daemon does that ends and starts.
+    void makeAnew() {
+        remove();
+        make();
+    }
 
     void fill(int messages) {
         for (int i = 0; i < messages; ++i) ASSERT_EQ(0, mq_send(m_descriptor, "{}", 2, 0));
@@ -89,6 +89,20 @@ class TestQueue {
     }
 
   private:
+    void make() {
+        mq_attr attributes{};
+        attributes.mq_maxmsg = m_messages;
+        attributes.mq_msgsize = m_size;
+        m_descriptor = mq_open(m_name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600, &attributes);
+        if (m_descriptor == -1) throw std::runtime_error("mq_open failed");
+    }
+
+    void remove() const {
+        mq_close(m_descriptor);
+        mq_unlink(m_name.c_str());
+    }
+
+    long m_messages = 0;
     long m_size;
     std::string m_name;
     mqd_t m_descriptor = -1;
@@ -373,8 +387,10 @@ const char* const kHelpText =
     "      --url PATH         announce a file for upload (\"oob-url\")\n"
     "      --info JSON        description of that file (\"oob-info\" in \"data\")\n"
     "      --kernel-time MS   monotonic milliseconds at which the event happened\n"
-    "      --no-wait          a full queue is an error\n"
-    "      --queue NAME       name of the queue (default /kiv_queue)\n"
+    "      --timeout SECONDS  how long an event may wait for room in the queue\n"
+    "                         (default 30)\n"
+    "      --no-wait          a full queue is an error at once\n"
+    "      --queue NAME       name of the queue (default $KIV_QUEUE, else /kiv_queue)\n"
     "  -q, --quiet            do not report what could not be sent\n"
     "  -h, --help             print this help and exit\n"
     "  -V, --version          print the version and exit\n"
@@ -387,7 +403,10 @@ const char* const kHelpText =
     "  4  message too large for the queue\n"
     "  5  queue full, with --no-wait\n"
     "  6  time-out of --sync\n"
-    "  7  other system error\n";
+    "  7  other system error\n"
+    "  8  no room in the queue in time (kivApp is dead or busy)\n"
+    "  9  no permission to post\n"
+    " 10  an event that kivApp could not store: a single quote\n";
 
 /// Help and version are printed whole with status 0, and nothing is sent.
 TEST_F(KivsendTest, HelpListsOptionsAndExitStatuses) {
@@ -576,6 +595,69 @@ TEST_F(KivsendTest, WaitsForRoomInAFullQueue) {
     EXPECT_TRUE(WaitUntil([&] { return sleepsOnQueue(child.pid(), queue.name()); }));
     for (int i = 0; i < 10; ++i) EXPECT_EQ("{}", queue.receive());
     EXPECT_EQ(R"({"event-type":"a"})", queue.receive());
+    expectSent(child.wait());
+}
+
+/// A queue that stays full, as that of a dead daemon does, ends the wait with status 8: after the
+/// time of "--timeout", 30 s unless told otherwise.
+TEST_F(KivsendTest, GivesUpOnAQueueThatNobodyReads) {
+    queue.fill(10);
+    const auto start = std::chrono::steady_clock::now();
+    const Outcome outcome = run({"a", "--timeout=0.25"});
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(250));
+    EXPECT_EQ(8, outcome.status);
+    EXPECT_EQ("kivsend: " + queue.name() + ": no room within 0.25 s (is kivApp dead or busy?)\n",
+              outcome.err);
+    EXPECT_EQ(10u, queue.drain().size());
+}
+
+/// A queue that stays full, as that of a dead daemon does, ends the wait with status 8: after the
+/// time of "--timeout", 30 s unless told otherwise.
+TEST_F(KivsendTest, GivesUpAfterThirtySecondsUnlessToldOtherwise) {
+    queue.fill(10);
+    const auto start = std::chrono::steady_clock::now();
+    const Outcome outcome = run({}, "{\"event-type\":\"a\"}\n{\"event-type\":\"b\"}\n");
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(30000));
+    EXPECT_EQ(8, outcome.status);
+    EXPECT_EQ(
+        "kivsend: line 1: " + queue.name() + ": no room within 30 s (is kivApp dead or busy?)\n",
+        outcome.err);
+}
+
+/// An event with a single quote, which the daemon could not store, is refused with status 10; of
+/// several lines the others are sent.
+TEST_F(KivsendTest, RefusesASingleQuote) {
+    const std::string why = "single quote in the event: kivApp cannot store it\n";
+    const Outcome one = run({"a", R"({"text":"it's"})"});
+    EXPECT_EQ(10, one.status);
+    EXPECT_EQ("kivsend: " + why, one.err);
+    const Outcome lines = run({},
+                              "{\"event-type\":\"a\",\"data\":{\"x\":\"\\u0027\"}}\n"
+                              "{\"event-type\":\"b\"}\n");
+    EXPECT_EQ(10, lines.status);
+    EXPECT_EQ("kivsend: line 1: " + why, lines.err);
+    EXPECT_THAT(queue.drain(), ElementsAre(R"({"event-type":"b"})"));
+}
+
+/// The environment's KIV_QUEUE names the queue where "--queue" does not; an impossible name there
+/// is wrong usage.
+TEST_F(KivsendTest, TakesTheNameOfTheQueueFromTheEnvironment) {
+    expectSent(
+        Child({"/usr/bin/env", "KIV_QUEUE=" + queue.name(), kProgram, "a"}, "/dev/null").wait());
+    EXPECT_THAT(queue.drain(), ElementsAre(R"({"event-type":"a"})"));
+    const Outcome bad = Child({"/usr/bin/env", "KIV_QUEUE=x", kProgram, "a"}, "/dev/null").wait();
+    EXPECT_EQ(1, bad.status);
+    EXPECT_EQ("kivsend: 'x' is not '/' and a name without slashes\n", bad.err);
+}
+
+/// A queue that was taken away and made anew while the command runs gets the next lines.
+TEST_F(KivsendTest, PostsToTheQueueThatWasMadeAnew) {
+    Child child(command({"-"}));
+    child.write("{\"event-type\":\"a\"}\n");
+    EXPECT_EQ(R"({"event-type":"a"})", queue.receive());
+    queue.makeAnew();
+    child.write("{\"event-type\":\"b\"}\n");
+    EXPECT_EQ(R"({"event-type":"b"})", queue.receive());
     expectSent(child.wait());
 }
 

@@ -38,6 +38,28 @@ FILES = """
 /usr/share/man/man1/kivsend.1.gz
 /usr/share/man/man8/kivApp.8.gz
 """.split()
+LIBRARY_FILES = {
+    "libkivevent0": """
+/usr/lib/{arch}/libkivevent.so.0
+/usr/lib/{arch}/libkivevent.so.0.1.0.0
+""",
+    "libkivevent-dev": """
+/usr/include/kivevent.h
+/usr/include/kivevent.hpp
+/usr/lib/{arch}/libkivevent.a
+/usr/lib/{arch}/libkivevent.so
+/usr/lib/{arch}/pkgconfig/kivevent.pc
+""",
+    "python3-kivevent": """
+/usr/lib/python3/dist-packages/kivevent.py
+"""}
+PROGRAM = """
+#include <kivevent.hpp>
+int main() {
+    kivevent::Queue queue;
+    queue.postSync(kivevent::Event("usage.app").add("compiled", true), std::chrono::seconds(20));
+}
+"""
 # A root of its own over the machine's: what is written goes to memory. It has its own processes,
 # queues, network (loopback alone), /tmp and /run, and asks no policy whether a daemon may start.
 MAKE_ROOT = """
@@ -76,7 +98,13 @@ def run(*command, status=0):
 def contents(deb):
     """{path: mode} of the files of a package."""
     lines = [line.split(None, 5) for line in run("dpkg-deb", "-c", deb).splitlines()]
-    return {line[5][1:]: line[0] for line in lines if not line[5].endswith("/")}
+    return {line[5][1:].split(" -> ")[0]: line[0] for line in lines if not line[5].endswith("/")}
+
+
+def library_files(package, arch):
+    """The files of one of the client library's packages, sorted."""
+    papers = [f"/usr/share/doc/{package}/{name}" for name in ("changelog.gz", "copyright")]
+    return sorted(LIBRARY_FILES[package].format(arch=arch).split() + papers)
 
 
 # --- on the copy of the root ----------------------------------------------------------------------
@@ -118,7 +146,7 @@ class InstalledTest(unittest.TestCase):
     #: stops when told, and after a purge nothing of the package is left on the machine.
     def test_package_installs_starts_takes_an_event_stops_and_leaves_nothing(self):
         before = everything()
-        deb = str(next(SHARED.glob("*.deb")))
+        deb = str(next(SHARED.glob("kivapp_*.deb")))
 
         run("dpkg", "-i", deb)
         self.assertEqual(len(daemons()), 1, "started by the installation")
@@ -149,6 +177,8 @@ class InstalledTest(unittest.TestCase):
         self.assertIn("CKivApp: Options summary:",
                       pathlib.Path("/var/log/kivApp.log").read_text())
 
+        self.use_the_library()
+
         run(INIT, "restart")
         second = daemons()
         self.assertEqual(len(second), 1)
@@ -174,6 +204,27 @@ class InstalledTest(unittest.TestCase):
         self.assertEqual(sorted(before - everything()), [])
 
 
+    def use_the_library(self):
+        """As a developer does: compiled programs and Python reach the daemon; nothing is left."""
+        before = everything()
+        run("dpkg", "-i", *(str(path) for package in LIBRARY_FILES
+                            for path in SHARED.glob(f"{package}_*.deb")))
+        pathlib.Path("/tmp/program.cpp").write_text(PROGRAM)
+        events = stored_event_types().count("usage.app")
+        for link in ("", "-static "):
+            run("/bin/sh", "-ec", f"cd /tmp; c++ -std=c++17 {link}program.cpp -o program "
+                f"$(pkg-config {link and '--static'} --cflags --libs kivevent); ./program")
+        for path in ("/tmp/program.cpp", "/tmp/program"):
+            os.unlink(path)
+        run("/usr/bin/python3", "-c",
+            "import kivevent; kivevent.Queue().post_sync('usage.app', {'key': 1}, timeout=20)")
+        wait_until(lambda: stored_event_types().count("usage.app") == events + 3,
+                   "the events of the programs and of Python")
+        run("dpkg", "--purge", *LIBRARY_FILES)
+        left = {path for path in everything() - before if not path.startswith("/var/")}
+        self.assertEqual(left, set())
+
+
 # --- on the machine itself ------------------------------------------------------------------------
 
 class PackagesTest(unittest.TestCase):
@@ -186,7 +237,7 @@ class PackagesTest(unittest.TestCase):
     def make_package(self):
         run("cpack", "--config", f"{self.build}/CPackConfig.cmake", "-B", str(self.folder))
         shutil.rmtree(self.folder / "_CPack_Packages")
-        return next(self.folder.glob("*.deb"))
+        return next(self.folder.glob("kivapp_*.deb"))
 
     def write_set(self):
         """The files of a set whose user and server have consented."""
@@ -205,6 +256,10 @@ class PackagesTest(unittest.TestCase):
                          run("dpkg-deb", "-I", deb, "conffiles").split(), FILES[:2])
         for program in ("/usr/bin/kivsend", "/usr/sbin/kivApp", INIT):
             self.assertEqual(files[program], "-rwxr-xr-x")
+        triplet = run("gcc", "-print-multiarch").strip()
+        for package in LIBRARY_FILES:
+            (library,) = self.folder.glob(f"{package}_*.deb")
+            self.assertEqual(sorted(contents(library)), library_files(package, triplet))
         self.write_set()
         shutil.copy(__file__, self.folder)
         with tempfile.TemporaryDirectory() as place:
@@ -221,7 +276,7 @@ class ArmPackageTest(unittest.TestCase):
 
     #: The ARM package holds the same files, built for 32-bit ARM.
     def test_arm_package_is_for_the_set(self):
-        debs = sorted((ROOT / "build/arm/packages").glob("*_armhf.deb"))
+        debs = sorted((ROOT / "build/arm/packages").glob("kivapp_*_armhf.deb"))
         self.assertTrue(debs, "no ARM package: ./build-arm --package makes it")
         self.assertEqual(run("dpkg-deb", "-f", debs[-1], "Architecture").strip(), "armhf")
         self.assertEqual(sorted(contents(debs[-1])), FILES)
@@ -239,6 +294,20 @@ class ArmPackageTest(unittest.TestCase):
         self.assertEqual(packages - set(depends), set(), "a library without its package")
         libraries = {name for name in depends if name.startswith(("lib", "zlib"))}
         self.assertEqual(libraries - packages, set(), "a package that is not needed")
+
+    #: The packages of the client library hold the same files for 32-bit ARM.
+    def test_arm_library_is_for_the_set(self):
+        folder = ROOT / "build/arm/packages"
+        for package in LIBRARY_FILES:
+            (deb,) = folder.glob(f"{package}_*.deb")
+            self.assertEqual(sorted(contents(deb)), library_files(package, "arm-linux-gnueabihf"))
+        (deb,) = folder.glob("libkivevent0_*_armhf.deb")
+        run("dpkg-deb", "-x", deb, str(self.folder))
+        library = str(next(self.folder.glob("**/libkivevent.so.0.*")))
+        self.assertRegex(run("readelf", "-h", library), r"Machine: +ARM\n")
+        needed = set(re.findall(r"NEEDED.*\[(.*)\]", run("readelf", "-d", library)))
+        depends = set(re.findall(r"[a-z][a-z0-9.+-]+", run("dpkg-deb", "-f", deb, "Depends")))
+        self.assertEqual({self.package_of(name) for name in needed} - depends, set())
 
     def package_of(self, library):
         """The Debian package of a library that the ARM programs name."""
