@@ -3,11 +3,13 @@
 #include "ClassLog.h"
 #include "Descriptor.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <mutex>
 #include <system_error>
 
 #include <cerrno>
+#include <cstddef>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -81,16 +83,39 @@ std::string syncDirectory(const fs::path& directory) {
 int openInPlace(const fs::path& path) {
     // Without O_NONBLOCK a named pipe would hold the caller for ever. O_CREAT only where it is
     // needed: in a sticky directory it is refused for other users' files.
-    constexpr int flags = O_WRONLY | O_TRUNC | O_CLOEXEC | O_NONBLOCK;
+    constexpr int flags = O_WRONLY | O_CLOEXEC | O_NONBLOCK;
     const int fd = ::open(path.c_str(), flags);
     if (fd >= 0 || errno != ENOENT) return fd;
     return ::open(path.c_str(), flags | O_CREAT, kNewFileMode);
 }
 
+bool writeAt(const Descriptor& file, off_t place, const std::string& text) {
+    return ::lseek(file.get(), place, SEEK_SET) == place && file.writeAll(text);
+}
+
+/// First what needs room: the end that goes beyond the old text. Without room the old one stays.
+bool overwrite(const Descriptor& file, off_t oldSize, const std::string& text) {
+    const auto kept = std::min(static_cast<std::size_t>(oldSize), text.size());
+    if (kept < text.size() && !writeAt(file, oldSize, text.substr(kept))) {
+        const int reason = errno;
+        if (::ftruncate(file.get(), oldSize) != 0) {
+            // It stays longer, as it would have become.
+        }
+        errno = reason;
+        return false;
+    }
+    return writeAt(file, 0, text.substr(0, kept)) &&
+           ::ftruncate(file.get(), static_cast<off_t>(text.size())) == 0;
+}
+
 std::string writeInPlace(const fs::path& path, const std::string& text) {
     Descriptor file(openInPlace(path));
     if (!file.isOpen()) return failure("open", path);
-    if (!file.writeAll(text)) return failure("write", path);
+    struct stat facts {};
+    if (::fstat(file.get(), &facts) != 0) return failure("look at", path);
+    const bool written =
+        S_ISREG(facts.st_mode) ? overwrite(file, facts.st_size, text) : file.writeAll(text);
+    if (!written) return failure("write", path);
     if (!syncToDisk(file.get())) return failure("sync", path);
     if (!file.close()) return failure("close", path);
     return "";
@@ -136,7 +161,8 @@ std::string AtomicFile::replace(const std::string& path, const std::string& text
     struct stat old {};
     const bool exists = ::stat(target.c_str(), &old) == 0;
     const bool missing = !exists && errno == ENOENT;
-    const bool replaceable = target.has_filename() && (missing || (exists && S_ISREG(old.st_mode)));
+    if (!exists && !missing) return failure("open", target);
+    const bool replaceable = target.has_filename() && (missing || S_ISREG(old.st_mode));
     if (!replaceable) return writeInPlace(target, text);
     const struct stat* const replaced = exists ? &old : nullptr;
     Descriptor file(makeTemporary(temporary, replaced));

@@ -69,7 +69,6 @@ void DB::setUp(bool recreateIfUnusable) {
     if (m_connection.metLock()) waitedEnough.emplace(m_connection);
     if (recreateIfUnusable && m_connection.foundDamage()) {
         if (replaceDamagedFile()) {
-            m_dbError = m_damageUnreported = false;
             open(std::string(m_connection.path()), false);
             return;
         }
@@ -124,6 +123,12 @@ bool DB::shouldOpenAgain() const {
     if (m_connection.wasClosedByOthers()) return true;
     const bool fails = !m_isComplete || m_connection.isStuck();
     return fails && Clock::now() - m_openedLast >= kBetweenOpenings;
+}
+
+/// Whether the next operation finds the store open and without known faults.
+bool DB::isReady() const {
+    return m_connection.isOpen() && m_isComplete && !m_connection.isStuck() &&
+           !SqlFiles::isDamaged(m_connection.file());
 }
 
 /// @return false when it is not possible now: somebody reads, or it was tried a moment ago, or it
@@ -231,9 +236,28 @@ bool DB::removeUpload(std::string id) {
     return m_files.remove(id);
 }
 
+bool DB::isUploadGone(const std::string& id) {
+    const Turn lock = lockFor("isUploadGone");
+    return m_files.isGone(id);
+}
+
 bool DB::addFile(std::string id, std::string url, std::string info) {
     const Turn lock = lockFor("addFile");
-    return m_files.add(id, url, info);
+    return m_files.add({id, url, info}) == FilesTable::Outcome::Registered;
+}
+
+FilesTable::Outcome DB::registerFile(const FilesTable::Announcement& file) {
+    const Turn lock = lockFor("addFile");
+    const SqlConnection::NoWaiting atOnce(m_connection);
+    return m_files.add(file);
+}
+
+FilesTable::Outcome DB::registerFileAtOnce(const FilesTable::Announcement& file) {
+    s_log.info("Take lock for addFile");
+    const std::unique_lock<std::recursive_mutex> lock(m_PruneLock, std::try_to_lock);
+    if (!lock.owns_lock() || !isReady()) return FilesTable::Outcome::NotNow;
+    const SqlConnection::NoWaiting atOnce(m_connection);
+    return m_files.add(file);
 }
 
 void DB::retryUpload(std::string id) {
@@ -300,6 +324,7 @@ bool DB::setLocation(double longitude, double latitude, const std::string& ip,
                      const std::string& city, const std::string& region,
                      const std::string& countryCode) {
     const Turn lock = lockFor("setLocation");
+    const SqlConnection::NoWaiting atOnce(m_connection);
     SqlStatement insert = m_connection.prepare(
         "INSERT OR REPLACE INTO Location "
         "(id, longitude, latitude, IP, city, region, countryCode) "
@@ -310,9 +335,13 @@ bool DB::setLocation(double longitude, double latitude, const std::string& ip,
     insert.bind(4, city);
     insert.bind(5, region);
     insert.bind(6, countryCode);
-    if (insert.step() == SQLITE_DONE) return true;
-    s_log.error("Can't Insert into table Location: ", m_connection.lastError());
-    return false;
+    const bool stored = insert.step() == SQLITE_DONE;
+    const std::string failure = stored ? "" : m_connection.lastError();
+    if (!stored && failure != m_locationFailure) {
+        s_log.error("Can't Insert into table Location: ", failure);
+    }
+    m_locationFailure = failure;
+    return stored;
 }
 
 bool DB::getLocation(double& longitude, double& latitude, std::string& ip, std::string& city,

@@ -108,14 +108,22 @@ class DB {
     std::unique_ptr<PendingUpload> getFirstUpload();
     /// @return whether the row is gone, also when there was none
     bool removeUpload(std::string id);
+    /// @return whether there is surely no such row
+    bool isUploadGone(const std::string& id);
     /// Registers an announced file. At most `FilesTable::kMostRows` of them, `kMostBytes` together,
     /// are kept: a new one pushes out those that were announced first. An info above `kLongestInfo`
     /// is refused. @return whether it is registered
     bool addFile(std::string id, std::string url, std::string info);
+    /// The same for those who keep what the store does not take now. It waits for no other
+    /// process's lock.
+    FilesTable::Outcome registerFile(const FilesTable::Announcement& file);
+    /// The same. It waits for no other thread either, and opens no store.
+    FilesTable::Outcome registerFileAtOnce(const FilesTable::Announcement& file);
     /// Counts a failed attempt, dated now in kernel milliseconds.
     void retryUpload(std::string id);
     void setOpTime(long bootCount, long standbyCount, unsigned int opTime);
     unsigned int getOpTime(long bootCount, long standbyCount) const;
+    /// Waits for no other process's lock. A failure that comes again has one line.
     bool setLocation(double longitude, double latitude, const std::string& ip,
                      const std::string& city, const std::string& region,
                      const std::string& countryCode);
@@ -160,6 +168,7 @@ class DB {
     // Everything below is called with m_PruneLock held.
     void makeReady();  // opens again, or has replaced, what should be
     bool shouldOpenAgain() const;
+    bool isReady() const;
     void setUp(bool recreateIfUnusable);
     void makeNewIdentity();
     bool replaceDamagedFile();
@@ -176,6 +185,7 @@ class DB {
     bool m_isComplete = false;       ///< the last opening succeeded, tables included
     Clock::time_point m_openedLast;  ///< or tried to
     const std::function<void()> m_makeReady{[this] { makeReady(); }};
+    std::string m_locationFailure;  ///< of the last attempt; "" when it worked
     FilesTable m_files;
     EventTable m_events;  ///< gone first: its threads use the connection
 };

@@ -1,6 +1,7 @@
 #include "FilesTable.h"
 
 #include "SqlConnection.h"
+#include "SqlResult.h"
 #include "SqlStatement.h"
 #include "TimeReference.h"
 
@@ -50,38 +51,72 @@ bool FilesTable::remove(const std::string& id) {
     return false;
 }
 
-bool FilesTable::add(const std::string& id, const std::string& url, const std::string& info) {
-    if (info.size() > kLongestInfo) {
-        s_log.error("File refused, its info has ", info.size(), " bytes: ", ClassLog::foreign(id));
+bool FilesTable::accepts(const Announcement& file) {
+    if (file.info.size() > kLongestInfo) {
+        s_log.error("File refused, its info has ", file.info.size(),
+                    " bytes: ", ClassLog::foreign(file.id));
         return false;
     }
-    const std::size_t bytes = id.size() + url.size() + info.size();
-    if (bytes > kMostBytes) {
-        s_log.error("File refused, it takes ", bytes, " bytes: ", ClassLog::foreign(id));
+    if (file.bytes() > kMostBytes) {
+        s_log.error("File refused, it takes ", file.bytes(),
+                    " bytes: ", ClassLog::foreign(file.id));
         return false;
     }
-    // One that is known already fails by itself, and must not push out another.
-    if (isRoomFor(bytes) || has(id)) return insert(id, url, info) || has(id);
-    SqlConnection::Transaction exchange(m_connection, "BEGIN IMMEDIATE TRANSACTION");
-    return exchange.hasBegun() && makeRoom(bytes) && insert(id, url, info) && exchange.commit();
+    return true;
 }
 
-bool FilesTable::insert(const std::string& id, const std::string& url, const std::string& info) {
+FilesTable::Outcome FilesTable::add(const Announcement& file) {
+    if (!accepts(file)) return Outcome::Refused;
+    // One that is known already fails by itself, and must not push out another.
+    if (!isRoomFor(file.bytes()) && !has(file.id)) return exchange(file);
+    const Outcome outcome = insert(file);
+    return outcome == Outcome::Refused && has(file.id) ? Outcome::Registered : outcome;
+}
+
+/// Puts it in the place of the oldest ones.
+FilesTable::Outcome FilesTable::exchange(const Announcement& file) {
+    std::vector<std::string> dropped;
+    SqlConnection::Transaction exchange(m_connection, "BEGIN IMMEDIATE TRANSACTION");
+    if (!exchange.hasBegun() || !makeRoom(file.bytes(), dropped)) return outcomeOfFailure();
+    const Outcome inserted = insert(file);
+    if (inserted != Outcome::Registered) return inserted;
+    if (!exchange.commit()) return outcomeOfFailure();
+    for (const std::string& id : dropped) {
+        s_log.error("Too many announced files: dropped ", ClassLog::foreign(id));
+    }
+    return Outcome::Registered;
+}
+
+FilesTable::Outcome FilesTable::outcomeOfFailure() const {
+    const bool mayPass = !m_connection.isOpen() || SqlResult::mayPass(m_connection.lastErrorCode());
+    return mayPass ? Outcome::NotNow : Outcome::Refused;
+}
+
+FilesTable::Outcome FilesTable::insert(const Announcement& file) {
     SqlStatement insert = m_connection.prepare(
         "INSERT INTO Files (id, url, status, retries, lastfail, info) "
         "VALUES (?1, ?2, ?3, ?3, ?4, ?5)");
-    insert.bind(1, id);
-    insert.bind(2, url);
+    insert.bind(1, file.id);
+    insert.bind(2, file.url);
     insert.bind(3, std::int64_t{0});
     insert.bind(4, std::int64_t{0});
-    if (info.empty()) {
+    if (file.info.empty()) {
         insert.bindNull(5);
     } else {
-        insert.bind(5, info);
+        insert.bind(5, file.info);
     }
-    if (insert.step() == SQLITE_DONE) return true;
-    std::fprintf(stderr, "%s Can't Insert into table Files\n", s_log.tag());
-    return false;
+    if (insert.step() == SQLITE_DONE) return Outcome::Registered;
+    const Outcome outcome = outcomeOfFailure();
+    if (outcome == Outcome::Refused) {
+        std::fprintf(stderr, "%s Can't Insert into table Files\n", s_log.tag());
+    }
+    return outcome;
+}
+
+bool FilesTable::isGone(const std::string& id) const {
+    SqlStatement same = m_connection.prepare("SELECT 1 FROM Files WHERE id=?");
+    same.bind(1, id);
+    return same.step() == SQLITE_DONE;
 }
 
 bool FilesTable::has(const std::string& id) const {
@@ -90,9 +125,9 @@ bool FilesTable::has(const std::string& id) const {
     return same.step() == SQLITE_ROW;
 }
 
-bool FilesTable::makeRoom(std::size_t bytes) {
+bool FilesTable::makeRoom(std::size_t bytes, std::vector<std::string>& dropped) {
     while (!isRoomFor(bytes)) {
-        if (!dropOldest()) return false;
+        if (!dropOldest(dropped)) return false;
     }
     return true;
 }
@@ -109,7 +144,7 @@ bool FilesTable::isRoomFor(std::size_t bytes) const {
 }
 
 /// ROWIDs grow with each announcement: the lowest is that of the first one.
-bool FilesTable::dropOldest() {
+bool FilesTable::dropOldest(std::vector<std::string>& dropped) {
     SqlStatement oldest = m_connection.prepare("SELECT ROWID,id FROM Files ORDER BY ROWID LIMIT 1");
     if (oldest.step() != SQLITE_ROW) return false;
     const std::int64_t row = oldest.columnInt64(0);
@@ -121,7 +156,7 @@ bool FilesTable::dropOldest() {
         s_log.error(" Can't delete from table Files : ", m_connection.lastError());
         return false;
     }
-    s_log.error("Too many announced files: dropped ", ClassLog::foreign(id));
+    dropped.push_back(id);
     return true;
 }
 

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <cstddef>
 #include <cstdint>
@@ -26,6 +27,21 @@ class FilesTable {
         std::string info;           ///< JSON text or ""
     };
 
+    /// A file that another process announces.
+    struct Announcement {
+        std::string id;
+        std::string url;
+        std::string info;  ///< JSON text or ""
+
+        std::size_t bytes() const { return id.size() + url.size() + info.size(); }
+    };
+    /// What became of an announcement.
+    enum class Outcome {
+        Registered,  ///< also when it was before
+        Refused,     ///< for a reason of its own
+        NotNow,      ///< the store fails, and may work later
+    };
+
     static constexpr std::size_t kMostRows = 256;
     static constexpr std::size_t kMostBytes = 262144;  ///< of id, url and info together
     static constexpr std::size_t kLongestInfo = 4096;  ///< bytes
@@ -37,20 +53,24 @@ class FilesTable {
     int count() const;
     /// The file whose last failure is oldest; null when there is none.
     std::unique_ptr<PendingUpload> first() const;
-    /// @return whether it is registered, also from before; not when it is longer than the bounds
-    /// allow
-    bool add(const std::string& id, const std::string& url, const std::string& info);
+    /// Whether the table may ever take it. One that is longer than the bounds allow gets a line.
+    static bool accepts(const Announcement& file);
+    Outcome add(const Announcement& file);
     /// @return whether the row is gone, also when there was none
     bool remove(const std::string& id);
+    /// @return whether there is surely no such row; not when that cannot be read
+    bool isGone(const std::string& id) const;
     /// Counts a failed attempt, dated now in kernel milliseconds.
     void countFailure(const std::string& id);
 
   private:
-    bool insert(const std::string& id, const std::string& url, const std::string& info);
+    Outcome insert(const Announcement& file);
+    Outcome exchange(const Announcement& file);
+    Outcome outcomeOfFailure() const;
     bool has(const std::string& id) const;
-    bool makeRoom(std::size_t bytes);
+    bool makeRoom(std::size_t bytes, std::vector<std::string>& dropped);
     bool isRoomFor(std::size_t bytes) const;
-    bool dropOldest();
+    bool dropOldest(std::vector<std::string>& dropped);
 
     SqlConnection& m_connection;
 };

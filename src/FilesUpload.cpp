@@ -66,7 +66,7 @@ struct FilesUpload::Pass {
 int FilesUpload::run() {
     s_log.info("uploadFiles request");
     if (!mayStart() || !serviceMayBeAsked()) return 0;
-    forgetOldFailures();
+    forgetOldAttempts();
     Pass pass;
     while (handleNext(pass)) {
     }
@@ -88,9 +88,11 @@ bool FilesUpload::serviceMayBeAsked() {
     return pause == 0;
 }
 
-void FilesUpload::forgetOldFailures() {
+/// Also what is done whose record went another way: the same name may be announced again.
+void FilesUpload::forgetOldAttempts() {
     for (auto attempt = m_attempts.begin(); attempt != m_attempts.end();) {
-        const bool old = !attempt->second.done && attempt->second.beforeNext.isOver();
+        const bool old = attempt->second.done ? m_store.isUploadGone(attempt->first)
+                                              : attempt->second.beforeNext.isOver();
         attempt = old ? m_attempts.erase(attempt) : std::next(attempt);
     }
 }

@@ -46,7 +46,7 @@ class FilesUpload {
     };
 
     bool mayStart();
-    void forgetOldFailures();
+    void forgetOldAttempts();
     bool handleNext(Pass& pass);
     bool serviceMayBeAsked();
     long delayBefore(const DB::PendingUpload& file) const;

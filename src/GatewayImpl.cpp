@@ -84,7 +84,8 @@ class DiscardAtTheEnd {
 
 }  // namespace
 
-GatewayImpl::GatewayImpl() : m_waiting(m_Queue, m_QueueMutex, s_log), m_db(std::make_unique<DB>()) {
+GatewayImpl::GatewayImpl()
+    : m_waiting(m_Queue, m_QueueMutex, s_log), m_waitingFiles(s_log), m_db(std::make_unique<DB>()) {
     makeFilters();
     const int storerError = startStorer();
     if (storerError != 0)
@@ -288,8 +289,23 @@ void GatewayImpl::registerFile(JsonObject& event, const std::string& url, const 
         s_log.error("File is the daemon's own: Ignore the file ", ClassLog::foreign(url));
         return;
     }
-    if (!m_db->addFile(id, url, info.isNull() ? "" : info.getStringRep()))
-        s_log.error("File could not be registered: ", ClassLog::foreign(url));
+    addFile({id, url, info.isNull() ? "" : info.getStringRep()});
+}
+
+/// At once where nothing is in the way: its event is not stored ahead of it. Otherwise the storing
+/// thread does it.
+void GatewayImpl::addFile(WaitingFiles::File file) {
+    using Outcome = WaitingFiles::Outcome;
+    const bool mayBeTaken = !m_waiting.isStoreFailing() && m_waitingFiles.isEmpty();
+    const Outcome outcome = !FilesTable::accepts(file) ? Outcome::Refused
+                            : mayBeTaken               ? m_db->registerFileAtOnce(file)
+                                                       : Outcome::NotNow;
+    if (outcome == Outcome::NotNow) {
+        m_waitingFiles.add(std::move(file));
+        return;
+    }
+    if (outcome == Outcome::Refused)
+        s_log.error("File could not be registered: ", ClassLog::foreign(file.url));
     m_upload->ScheduleFilesUpload();
 }
 
@@ -330,7 +346,7 @@ void GatewayImpl::store() {
         } catch (const std::exception& error) {  // cancellation is off: no unwinding passes here
             s_log.error("Events could not be stored: ", ClassLog::foreign(error.what()));
         }
-        if (m_waiting.isStoreFailing()) {
+        if (m_waiting.isStoreFailing() || (stored == 0 && !m_waitingFiles.isEmpty())) {
             WorkerThread::sleep(retries.next());
             continue;
         }
@@ -347,9 +363,11 @@ void GatewayImpl::store() {
 /// Goes on while full batches wait; fewer events are left for `gatherBatch` to make more of.
 std::size_t GatewayImpl::storeWaitingEvents() {
     std::size_t stored = 0;
+    registerWaitingFiles();  // the most of them here, where no sender waits for it
     for (bool more = true; more;) {
         long totalSize = 0;
         const auto addEvents = [&](const WaitingEvents::Rows& rows) {
+            registerWaitingFiles();  // ahead of their events, as far as that goes at once
             std::size_t taken = 0;
             totalSize = m_db->addEvents(rows, taken);
             return taken;
@@ -364,7 +382,17 @@ std::size_t GatewayImpl::storeWaitingEvents() {
         stored += batch.taken;
         more = batch.more;
     }
+    // Only now: until events are stored again the upload would find the store in error.
+    if (m_filesAreNew) m_upload->ScheduleFilesUpload();
+    m_filesAreNew = false;
     return stored;
+}
+
+void GatewayImpl::registerWaitingFiles() {
+    const auto inStore = [this](const WaitingFiles::File& file) {
+        return m_db->registerFile(file);
+    };
+    if (m_waitingFiles.registerAll(inStore)) m_filesAreNew = true;
 }
 
 /// While events pour in, gives the next full batch a moment to gather: one sync pays for it.

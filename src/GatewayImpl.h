@@ -18,6 +18,7 @@
 #include "TimeReference.h"
 #include "UploadImpl.h"
 #include "WaitingEvents.h"
+#include "WaitingFiles.h"
 #include "WorkerThread.h"
 
 class ReceivingQueue;
@@ -76,6 +77,7 @@ class GatewayImpl {
     void waitForInit();
     void store();                      ///< ends by cancellation
     std::size_t storeWaitingEvents();  ///< one look at the queue; how many events were handled
+    void registerWaitingFiles();
     void gatherBatch();
     /// @param handover when the message names no semaphore; a sender that waits for one always
     /// waits for the batch, too
@@ -85,6 +87,7 @@ class GatewayImpl {
     void handleEvent(JsonObject event, Handover handover);
     bool takeAnnouncedFile(JsonObject& event);  ///< whether the event travels as a file's facts
     void registerFile(JsonObject& event, const std::string& url, const JsonObject& info);
+    void addFile(WaitingFiles::File file);
     void completeAndQueue(JsonObject event, const std::string& typeText, Handover handover);
     bool handOver(Handover handover);  ///< `WaitingEvents::handOver` under m_logMutex
     static void postSemaphore(const std::string& name);
@@ -96,7 +99,9 @@ class GatewayImpl {
     std::unique_ptr<EventFilter> m_fileFilter;
     std::mutex m_logMutex;  ///< one message at a time in the filters and into m_waiting
     WaitingEvents m_waiting;
-    std::mutex m_initMutex;  ///< guards the wait for Init
+    WaitingFiles m_waitingFiles;
+    bool m_filesAreNew = false;  ///< registered since their upload was asked for; the storer's
+    std::mutex m_initMutex;      ///< guards the wait for Init
     std::condition_variable m_initDone;
     std::unique_ptr<DB> m_db;
 

@@ -215,9 +215,10 @@ void LocationInfo::StoreInDB(double lat, double lng, std::string ip, std::string
                              std::string region, std::string countryCode) {
     const Answer answer{{lat, lng}, ip, city, region, countryCode, false};
     std::string lastTrouble;
+    DB db;
     for (;;) {
         try {
-            if (tryToStore(answer)) return;
+            if (tryToStore(db, answer)) return;
         } catch (const std::exception& error) {
             if (lastTrouble != error.what()) s_log.error("Storing failed: ", error.what());
             lastTrouble = error.what();
@@ -226,9 +227,10 @@ void LocationInfo::StoreInDB(double lat, double lng, std::string ip, std::string
     }
 }
 
-bool LocationInfo::tryToStore(const Answer& answer) {
-    DB db;
-    db.open(dbPath(), false);
+/// The store that fails opens itself again, with the pauses of every store.
+bool LocationInfo::tryToStore(DB& db, const Answer& answer) {
+    const std::string path = dbPath();
+    if (path.empty() || db.path() != path) db.open(path, false);
     return db.setLocation(answer.at.lng, answer.at.lat, answer.ip, answer.city, answer.region,
                           answer.countryCode);
 }

@@ -8,6 +8,8 @@
 #include "JsonObject.h"
 #include "RetryPause.h"
 
+class DB;
+
 /// Where the television is, as far as its public IP address tells. An immutable record; the
 /// location of this run is class-wide, under a mutex of its own, and once found never replaced.
 class LocationInfo {
@@ -53,7 +55,7 @@ class LocationInfo {
     static std::shared_ptr<LocationInfo> readStored();
     static std::optional<Answer> askProvider();  ///< nothing when the request failed
     static std::optional<Answer> parseAnswer(const std::string& body);
-    static bool tryToStore(const Answer& answer);
+    static bool tryToStore(DB& db, const Answer& answer);
     static void storeInBackground(const Answer& answer);
     static std::shared_ptr<LocationInfo> remember(std::shared_ptr<LocationInfo> info);
     static std::string dbPath();

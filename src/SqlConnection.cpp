@@ -166,11 +166,18 @@ void SqlConnection::keepSafe() {
 bool SqlConnection::hasWal() {
     const bool granted = readText("PRAGMA journal_mode=WAL") == "wal";
     if (isReadable()) return granted;
-    if (lastErrorCode() == SQLITE_IOERR) m_obstacle = Obstacle::IndexCannotBeMapped;
+    if (isMappingRefused()) m_obstacle = Obstacle::IndexCannotBeMapped;
     if (lastErrorCode() == SQLITE_CANTOPEN && isOnReadOnlyDisk(m_file)) {
         m_obstacle = Obstacle::LogNeedsWriting;
     }
     return false;
+}
+
+/// Not for want of room or memory, which may come.
+bool SqlConnection::isMappingRefused() const {
+    if (sqlite3_extended_errcode(m_handle.get()) != SQLITE_IOERR_SHMMAP) return false;
+    const int reason = sqlite3_system_errno(m_handle.get());
+    return reason == ENODEV || reason == EINVAL;  // as the file system's own way is
 }
 
 /// Brings a file back to the rollback journal whose log cannot be used here. That takes no index

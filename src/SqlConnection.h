@@ -124,6 +124,7 @@ class SqlConnection {
     void restrict(Purpose purpose);
     void keepSafe();
     bool hasWal();
+    bool isMappingRefused() const;
     void leaveWal();
     bool isReadable();
     std::string readText(const char* sql);

@@ -375,7 +375,7 @@ void StoreRescue::putAside() {
     ::unlink(second.c_str());
     const bool linked = ::link(m_file.c_str(), second.c_str()) == 0;
     const std::string& from = linked ? second : m_file;
-    if (::rename(from.c_str(), damaged.c_str()) == 0) return;
-    fail("put it aside");
+    if (::rename(from.c_str(), damaged.c_str()) != 0) fail("put it aside");
+    // Still there also where a power cut left both names to one file: then nothing was renamed.
     if (linked) ::unlink(second.c_str());
 }

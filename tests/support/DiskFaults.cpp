@@ -1,5 +1,7 @@
 #include "support/DiskFaults.h"
 
+#include <algorithm>
+
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -76,7 +78,15 @@ int rename(const char* from, const char* to) noexcept {
     endWhenTold();
     if (t_watch == nullptr) return real(from, to);
     t_watch->calls.emplace_back("rename");
-    return fails(t_watch->renameError) ? -1 : real(from, to);
+    const auto number = std::count(t_watch->calls.begin(), t_watch->calls.end(), "rename");
+    const bool meant = t_watch->failingRename == 0 || t_watch->failingRename == number;
+    return meant && fails(t_watch->renameError) ? -1 : real(from, to);
+}
+
+int link(const char* from, const char* to) noexcept {
+    static auto* const real = libraryCall<int(const char*, const char*)>("link");
+    if (t_watch != nullptr && fails(t_watch->linkError)) return -1;
+    return real(from, to);
 }
 
 int link(const char* from, const char* to) noexcept {

@@ -20,7 +20,9 @@ class DiskWatch {
     int renameError = 0;
     int endAt =
         0;  ///< the process ends in the place of so many-th of these, link and unlink; 0: never
-    int endStatus = 0;  ///< its exit status then
+    int endStatus = 0;      ///< its exit status then
+    int failingRename = 0;  ///< the number of the one that `renameError` is for; 0: all
+    int linkError = 0;
 
     /// What one whole replacement asks for.
     static const std::vector<std::string>& safeReplacement();

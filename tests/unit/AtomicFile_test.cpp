@@ -268,6 +268,51 @@ TEST(AtomicFile, WritesInPlaceWhereTheDirectoryTakesNoNewFiles) {
     fs::permissions(dir.path(), fs::perms(0755));
 }
 
+/// Where the directory takes no new files and there is no room, the old text stays.
+TEST(AtomicFile, KeepsTheOldTextWhereItCanOnlyBeWrittenInPlaceAndThereIsNoRoom) {
+    const TempDir dir;
+    const SmallDisk disk(dir.file("disk"), "size=32k");
+    if (!disk.isThere()) GTEST_SKIP() << "no right to mount";
+    const std::string path = disk.file("config");
+    std::ofstream(path) << "old";
+    fs::permissions(path, fs::perms(0666));
+    disk.fill();
+    fs::permissions(dir.path(), fs::perms(0755));
+    const uid_t self = ::geteuid();
+    fs::permissions(dir.file("disk"), fs::perms(0555));
+    if (self == 0) {
+        ASSERT_EQ(::seteuid(65534), 0);
+    }
+    const std::string tooLong = AtomicFile::replace(path, std::string(8192, 'n'));
+    const std::string kept = TempDir::readFile(path);
+    const std::string shorter = AtomicFile::replace(path, "n");
+    const std::string written = TempDir::readFile(path);
+    ASSERT_EQ(::seteuid(self), 0);
+    EXPECT_EQ(tooLong, "cannot write " + path + ": No space left on device");
+    EXPECT_EQ(kept, "old");
+    EXPECT_EQ(shorter, "") << "needs no room";
+    EXPECT_EQ(written, "n");
+}
+
+/// In place, too, a longer text and a shorter one are whole.
+TEST(AtomicFile, WritesLongerAndShorterTextsInPlace) {
+    const TempDir dir;
+    const std::string path = dir.write("config", "old");
+    DiskWatch disk;
+    disk.renameError = EBUSY;
+    for (const std::string& text : Names{std::string(10000, 'n') + "end", "short", "", "x"}) {
+        EXPECT_EQ(AtomicFile::replace(path, text), "");
+        EXPECT_EQ(dir.read("config"), text);
+    }
+}
+
+/// Where it cannot be told whether there is a file, that is the failure.
+TEST(AtomicFile, SaysWhenItCannotBeToldWhetherThereIsAFile) {
+    const TempDir dir;
+    const std::string path = dir.write("file", "old") + "/config";
+    EXPECT_EQ(AtomicFile::replace(path, "new"), "cannot open " + path + ": Not a directory");
+}
+
 /// What keeps a temporary file from being made, and is not the directory's refusal, leaves the old
 /// text.
 TEST(AtomicFile, KeepsTheOldTextWhereTheTemporarysNameIsTaken) {

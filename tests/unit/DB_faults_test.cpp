@@ -11,9 +11,13 @@
 
 #include <cerrno>
 
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 
 #include "DBToken.h"
+#include "Descriptor.h"
 #include "EventSet.h"
 #include "JsonObject.h"
 #include "SqlStatement.h"
@@ -47,6 +51,31 @@ class DBFaultsTest : public StoreTest {
         db->addEvents(waiting, taken);
         waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(taken));
         return taken;
+    }
+    /// A store with one event, as a power cut leaves it: what is in the log has not gone into the
+    /// database, where it needs no more room, and the index is gone.
+    void leaveALogBehind() {
+        openStore();
+        db->addEvent(1, 1, 0, "t", "{}");
+        onStore("PRAGMA wal_checkpoint(TRUNCATE)");
+        for (int i = 0; i < 10; ++i) onStore("UPDATE Events SET status=1-status");
+        for (const char* end : {"", "-wal"}) {
+            std::filesystem::copy_file(path + end, dir.file("Kept") + end,
+                                       std::filesystem::copy_options::overwrite_existing);
+        }
+        db = std::make_unique<DB>();
+        for (const char* end : {"", "-wal"}) {
+            std::filesystem::copy_file(dir.file("Kept") + end, path + end,
+                                       std::filesystem::copy_options::overwrite_existing);
+        }
+    }
+    /// @return whether that is possible here
+    static bool setImmutable(const std::string& file, bool immutable) {
+        const Descriptor opened(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+        int flags = 0;
+        if (::ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0) return false;
+        flags = immutable ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+        return ::ioctl(opened.get(), FS_IOC_SETFLAGS, &flags) == 0;
     }
     void sixSecondsLater() { DBPeer::letTimePassSinceOpening(*db, std::chrono::seconds(6)); }
     std::string count() { return value("SELECT COUNT(*) FROM Events"); }
@@ -151,10 +180,8 @@ TEST_F(DBFaultsTest, ANewFileGetsOneIdentityHoweverOftenItsMakingIsTried) {
     db->getNumberOfFiles();
     capture.stop();
     EXPECT_EQ(value("PRAGMA user_version"), "2");
-    if (!token.empty()) {
-        EXPECT_EQ(dir.read("dbuuid.json"), token);
-    }
-    EXPECT_TRUE(dir.has("dbuuid.json"));
+    ASSERT_NE(token, "");
+    EXPECT_EQ(dir.read("dbuuid.json"), token);
 }
 
 // --- calls that fail while it runs ---
@@ -167,19 +194,28 @@ TEST_F(DBFaultsTest, AnErrorAtAnySingleCallLosesNoEvent) {
     for (const auto& [call, error] : std::vector<std::pair<Call, int>>{{Call::Write, EIO},
                                                                        {Call::Write, ENOSPC},
                                                                        {Call::Sync, EIO},
+                                                                       {Call::Sync, ENOSPC},
                                                                        {Call::Read, EIO},
                                                                        {Call::Open, EIO}}) {
-        for (int number = 1; number <= 12; ++number) {
+        // A connection that is warm opens and reads nothing.
+        const bool opensAgain = call == Call::Read || call == Call::Open;
+        int struck = 0;
+        for (int number = 1; number <= 40; ++number) {
             auto waiting = events(added, 5);
             added += 5;
             StoreFaults faults;
             faults.failOnce(call, error, number);
+            if (opensAgain) openStore();
             for (int attempt = 0; attempt < 5 && !waiting.empty(); ++attempt) {
                 add(waiting);
                 sixSecondsLater();
             }
             EXPECT_TRUE(waiting.empty()) << static_cast<int>(call) << " " << number;
+            if (faults.count(call) < number) break;  // there is no further call
+            ++struck;
         }
+        EXPECT_GE(struck, 1) << static_cast<int>(call) << " " << error;
+        EXPECT_LT(struck, 40) << "each of its calls was met";
     }
     capture.stop();
     EXPECT_EQ(count(), std::to_string(added));
@@ -231,6 +267,76 @@ TEST_F(DBFaultsTest, ADiskThatIsFullAtTheStartComesUp) {
     capture.stop();
     EXPECT_EQ(count(), "3");
     EXPECT_EQ(value("PRAGMA user_version"), "2");
+    EXPECT_EQ(value("PRAGMA journal_mode"), "wal");
+}
+
+/// A log that is there stays the store's log, though at the start there is no room for its index.
+TEST_F(DBFaultsTest, ALogStaysThoughThereIsNoRoomForItsIndexAtTheStart) {
+    const SmallDisk disk(dir.file("disk"), "size=512k");
+    if (!disk.isThere()) GTEST_SKIP() << "no right to mount";
+    path = disk.file("Db");
+    leaveALogBehind();
+    disk.fill();
+    OutputCapture capture;
+    db = std::make_unique<DB>();
+    db->open(path, true);
+    auto waiting = events(1, 3);
+    EXPECT_EQ(add(waiting), 0u);
+    disk.free();
+    sixSecondsLater();
+    EXPECT_EQ(add(waiting), 3u);
+    capture.stop();
+    EXPECT_EQ(count(), "4");
+    EXPECT_EQ(value("PRAGMA journal_mode"), "wal");
+    EXPECT_FALSE(SqlFiles::refusesWal(path));
+}
+
+/// An index that cannot be mapped for want of memory or room is no refusal: the log stays.
+TEST_F(DBFaultsTest, WantOfMemoryForTheIndexIsNoRefusal) {
+    for (const int error : {ENOMEM, ENOSPC, EIO}) {
+        path = dir.file("Db" + std::to_string(error));
+        leaveALogBehind();
+        db = std::make_unique<DB>();
+        OutputCapture capture;
+        auto waiting = events(1, 3);
+        {
+            StoreFaults faults;
+            faults.failEach(Call::Map, error);
+            openStore();
+            EXPECT_EQ(add(waiting), 0u) << error;
+        }
+        sixSecondsLater();
+        EXPECT_EQ(add(waiting), 3u) << error;
+        capture.stop();
+        EXPECT_EQ(count(), "4") << error;
+        EXPECT_EQ(value("PRAGMA journal_mode"), "wal") << error;
+        EXPECT_FALSE(SqlFiles::refusesWal(path)) << error;
+    }
+}
+
+/// A store that nobody may change is not taken for damaged, and takes events again afterwards.
+TEST_F(DBFaultsTest, AnImmutableFilePasses) {
+    openStore();
+    db->addEvent(1, 1, 0, "t", "{}");
+    const std::string token = dir.read("dbuuid.json");
+    db.reset();
+    if (!setImmutable(path, true)) GTEST_SKIP() << "no right to make a file immutable here";
+    db = std::make_unique<DB>();
+    OutputCapture capture;
+    db->open(path, true);
+    auto waiting = events(1, 3);
+    const std::size_t meanwhile = add(waiting);
+    const std::string oldest = db->getOldestEvent();
+    ASSERT_TRUE(setImmutable(path, false));
+    EXPECT_EQ(meanwhile, 0u);
+    EXPECT_EQ(oldest, "{}") << "it can be read";
+    sixSecondsLater();
+    EXPECT_EQ(add(waiting), 3u);
+    capture.stop();
+    EXPECT_EQ(count(), "4");
+    EXPECT_EQ(dir.read("dbuuid.json"), token);
+    EXPECT_FALSE(dir.has("Db.damaged"));
+    EXPECT_EQ(value("PRAGMA journal_mode"), "wal");
 }
 
 /// A store on a disk that is read-only for a while can be read, keeps its rows, and takes events

@@ -278,9 +278,14 @@ TEST_F(DBLifecycleTest, AForeignFileIsReplacedWhenRecreationIsAllowed) {
               "kivDB: SQL error (max_page_count): file is not a database\n" + replacedByNew());
     EXPECT_EQ(schema(), kSchema);
     EXPECT_EQ(value("PRAGMA user_version"), "2");
-    EXPECT_FALSE(DB::m_dbError);
     EXPECT_TRUE(dir.has("dbuuid.json"));
     EXPECT_EQ(db->addEvent(1, 1, 1, "t", "usable"), 8);
+    EXPECT_TRUE(DB::m_dbError) << "until it has been reported, and the store is asked";
+    EXPECT_EQ(DB::lastErrorMessage().rfind("Damaged database replaced, carried over: 0 events", 0),
+              0u)
+        << DB::lastErrorMessage();
+    EXPECT_TRUE(db->works());
+    EXPECT_FALSE(DB::m_dbError);
     EXPECT_EQ(pageLimit(), 768);
 }
 
@@ -332,7 +337,7 @@ TEST_F(DBLifecycleTest, AForeignFileThatCannotBePutAsideGetsALineAndStays) {
     const std::string lines = capture.errWithoutPrefixes();
     EXPECT_EQ(lines.find("kivDB: SQL error (max_page_count): file is not a database\n"
                          "kivDB: Can't replace damaged database " +
-                         path + ": cannot put it aside: No space left on device\n"),
+                         path + ": cannot name the new file: No space left on device\n"),
               0u)
         << lines;
     EXPECT_EQ(dir.read("Db"), text);

@@ -1,5 +1,6 @@
 #include "FilesTable.h"
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -74,6 +75,41 @@ TEST_F(FilesTableTest, AKnownFilePushesOutNoOther) {
     EXPECT_EQ(capture.err(), "kivDB:  Can't Insert into table Files\n");
     EXPECT_EQ(db->getNumberOfFiles(), 256);
     EXPECT_EQ(value("SELECT COUNT(*) FROM Files WHERE id='file0'"), "1");
+}
+
+/// A drop that is not committed is not told.
+TEST_F(FilesTableTest, ADropThatIsNotCommittedIsNotTold) {
+    for (int i = 0; i < 256; ++i) db->addFile("file" + std::to_string(i), "/f", "");
+    breakCommitsAfter("INSERT ON Files");
+    OutputCapture capture;
+    EXPECT_FALSE(db->addFile("new", "/f", ""));
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (commit): FOREIGN KEY constraint failed\n");
+    EXPECT_EQ(value("SELECT COUNT(*) FROM Files WHERE id='file0'"), "1");
+}
+
+/// Whoever keeps what is not taken learns whether to: not of a file that the table refuses.
+TEST_F(FilesTableTest, TellsWhetherLaterMayBeBetter) {
+    using Outcome = FilesTable::Outcome;
+    DB unopened;
+    OutputCapture capture;
+    EXPECT_EQ(unopened.registerFileAtOnce({"a", "/a", ""}), Outcome::NotNow);
+    EXPECT_EQ(db->registerFileAtOnce({"a", "/a", ""}), Outcome::Registered);
+    EXPECT_EQ(db->registerFile({"b", "/b", std::string(4097, 'i')}), Outcome::Refused);
+    PlainDatabase locker(path);
+    locker.run("BEGIN IMMEDIATE");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(db->registerFileAtOnce({"b", "/b", ""}), Outcome::NotNow);
+    EXPECT_EQ(db->registerFile({"b", "/b", ""}), Outcome::NotNow);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+    locker.run("ROLLBACK");
+    EXPECT_EQ(db->registerFile({"b", "/b", ""}), Outcome::Registered);
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(), "kivDB: File refused, its info has 4097 bytes: b\n");
+    EXPECT_TRUE(db->isUploadGone("c"));
+    EXPECT_FALSE(db->isUploadGone("b"));
+    EXPECT_FALSE(unopened.isUploadGone("c")) << "that cannot be read";
 }
 
 /// All files together take at most 256 KiB: as many give way as the new one needs.

@@ -330,6 +330,20 @@ TEST_F(FilesUploadTest, SendsAFileThatIsAnnouncedAgainAfterTheRemoval) {
     EXPECT_EQ(storedFiles(), "0");
 }
 
+/// Where the record went another way, an announcement of the same name is a new file, too.
+TEST_F(FilesUploadTest, SendsAFileThatIsAnnouncedAgainAfterItsRecordWentAnotherWay) {
+    announce("log1");
+    runWithALockedStore(accept);
+    sql("DELETE FROM Files");
+    FilesUploadPeer::letAMinutePass(files);
+    files.run();
+    EXPECT_EQ(FilesUploadPeer::remembered(files), 0u);
+    announce("log1");
+    EXPECT_EQ(files.run(), 1);
+    EXPECT_EQ(objects().size(), 2u);
+    EXPECT_EQ(storedFiles(), "0");
+}
+
 /// A record of that name with another path is another file.
 TEST_F(FilesUploadTest, SendsAFileOfTheSameNameFromAnotherPlace) {
     announce("log1");

@@ -12,12 +12,14 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -653,6 +655,35 @@ TEST_F(LocationInfoTest, PausesForASecondBetweenTwoTriesToStore) {
                   ": unable to open database file\n"
                   "kivDB: Can't Insert into table Location: no open database\n")
         << "one try in vain";
+}
+
+/// A store that is locked is told once, and no other thread waits for the attempts.
+TEST_F(LocationInfoTest, TellsOnceOfALockedStoreAndHoldsUpNobody) {
+    LocationInfo::setDbPath(m_db);
+    DB().open(m_db, false);
+    sqlite3* opened = nullptr;
+    ASSERT_EQ(::sqlite3_open(m_db.c_str(), &opened), SQLITE_OK);
+    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> other(opened, ::sqlite3_close);
+    ASSERT_EQ(::sqlite3_exec(opened, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    OutputCapture capture;
+    std::thread storer(LocationInfo::StoreInDB, 1.5, 2.5, "", "Brussels", "", "BE");
+    const std::string line = "kivDB: Can't Insert into table Location: database is locked\n";
+    EXPECT_TRUE(WaitUntil([&] { return capture.err().find(line) != std::string::npos; }));
+    std::chrono::steady_clock::duration longest{};
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(2500);
+    while (std::chrono::steady_clock::now() < end) {  // over two attempts more
+        const auto begin = std::chrono::steady_clock::now();
+        const std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
+        longest = std::max(longest, std::chrono::steady_clock::now() - begin);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(::sqlite3_exec(opened, "ROLLBACK", nullptr, nullptr, nullptr), SQLITE_OK);
+    storer.join();
+    capture.stop();
+    EXPECT_LT(longest, std::chrono::milliseconds(500));
+    const std::string errors = capture.errWithoutPrefixes();
+    EXPECT_EQ(errors.find(line), errors.rfind(line)) << errors;
+    EXPECT_EQ(storedPlace(m_db).city, "Brussels");
 }
 
 /// Storing is tried every second until the database takes it, at the path of the moment.

@@ -162,6 +162,53 @@ TEST_F(StoreRescueTest, ACutAtAnyCallLosesNoRow) {
     EXPECT_GE(cuts, 8);
 }
 
+/// Where the new file cannot take the place yet, the next opening puts it there: with links, and
+/// without.
+TEST_F(StoreRescueTest, ANewFileThatCannotTakeThePlaceTakesItAtTheNextOpening) {
+    for (const int linkError : {0, EPERM}) {
+        {
+            DiskWatch disk;
+            disk.linkError = linkError;
+            disk.renameError = EIO;
+            disk.failingRename = 3;
+            StoreRescuePeer::forgetAttempts();
+            EXPECT_EQ(rescue().problem, "cannot put the new file in its place: Input/output error");
+        }
+        StoreRescuePeer::forgetAttempts();
+        {
+            const OutputCapture quiet;
+            DB next;
+            next.open(path, true);
+        }
+        EXPECT_EQ(value("SELECT COUNT(*) FROM Events"), "100") << linkError;
+        for (const char* left : {"Db.new", "Db.rescued", "Db.damaged.new"})
+            EXPECT_FALSE(dir.has(left)) << left;
+    }
+}
+
+/// Where the file system has no second names the old file is kept all the same.
+TEST_F(StoreRescueTest, WithoutLinksTheOldFileIsKeptAllTheSame) {
+    const std::string old = dir.read("Db");
+    DiskWatch disk;
+    disk.linkError = EPERM;
+    const auto result = rescue();
+    EXPECT_EQ(result.problem, "");
+    EXPECT_EQ(result.eventRows.size(), 100u);
+    EXPECT_EQ(names(), (Texts{"Db", "Db.damaged"}));
+    EXPECT_EQ(dir.read("Db.damaged"), old);
+}
+
+/// A power cut between the two renames leaves one file with two names; the next attempt leaves
+/// nothing of that behind.
+TEST_F(StoreRescueTest, ACutBetweenTheRenamesLeavesNothingBehind) {
+    const std::string old = dir.read("Db");
+    std::filesystem::create_hard_link(path, dir.file("Db.damaged"));
+    EXPECT_EQ(rescue().problem, "");
+    EXPECT_EQ(names(), (Texts{"Db", "Db.damaged"}));
+    EXPECT_EQ(dir.read("Db.damaged"), old);
+    EXPECT_EQ(std::filesystem::hard_link_count(path), 1u);
+}
+
 /// The next attempt is due 5 s after the last one.
 TEST_F(StoreRescueTest, TheNextAttemptIsDueAfterFiveSeconds) {
     EXPECT_TRUE(StoreRescue::isDue(path));
