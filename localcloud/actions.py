@@ -11,7 +11,7 @@ REQUESTS = DOCUMENTS + ("firehose", "s3")
 SECURE = ("config", "tou", "time", "firehose", "s3")
 TARGETS = REQUESTS + ("https",)
 
-CERTIFICATES = ("untrusted", "expired", "other-host", "too-new")
+CERTIFICATES = ("untrusted", "expired", "other-host", "too-new", "forged")
 DATES = ("years-ahead", "before-1970", "beyond-31-bits", "beyond-32-bits", "missing")
 NO_RECORD_ID = ("json", "empty", "html", "broken", "nothing")
 

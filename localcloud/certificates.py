@@ -79,6 +79,7 @@ class Certificates:
         self._write(self._pem("expired"), ca.server_pem(self._names, until=LONG_AGO))
         self._write(self._pem("other-host"), ca.server_pem(["other.example"]))
         self._write(self._pem("too-new"), ca.server_pem(self._names, since=FAR_AHEAD))
+        self._write(self._pem("forged"), ca.server_pem(self._names, signed_by=other.key))
         certificate = ca.certificate.public_bytes(serialization.Encoding.PEM)
         self._write(self.ca_file, certificate, 0o644)
         hashed = os.path.join(self.directory, name_hash(ca.certificate.subject) + ".0")
@@ -109,7 +110,7 @@ class _Authority:
             .sign(self.key, hashes.SHA256())
         )
 
-    def server_pem(self, names, since=VALID_FROM, until=VALID_UNTIL):
+    def server_pem(self, names, since=VALID_FROM, until=VALID_UNTIL, signed_by=None):
         key = ec.generate_private_key(ec.SECP256R1())
         authority = x509.AuthorityKeyIdentifier.from_issuer_public_key(self.key.public_key())
         certificate = (
@@ -121,7 +122,7 @@ class _Authority:
                 critical=False,
             )
             .add_extension(authority, critical=False)
-            .sign(self.key, hashes.SHA256())
+            .sign(signed_by or self.key, hashes.SHA256())
         )
         return _key_pem(key) + certificate.public_bytes(serialization.Encoding.PEM)
 

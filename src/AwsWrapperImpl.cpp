@@ -7,6 +7,7 @@
 #include "Descriptor.h"
 #include "JsonObject.h"
 #include "OwnFiles.h"
+#include "RegularFile.h"
 #include "SkewRetryStrategy.h"
 #include "TimedChild.h"
 
@@ -343,7 +344,7 @@ bool AwsWrapperImpl::GetVerbose() {
 /// value adds nothing. @return whether the file could be read and written
 bool AwsWrapperImpl::appendToTestFile(const std::string& path, const char* list,
                                       const std::string& text) {
-    if (!std::ifstream(path)) return false;
+    if (!RegularFile(path).isRead()) return false;  // a pipe would hold the writer for good
     JsonObject file = JsonObject::loadFile(path);
     if (!file.isObject()) file = JsonObject::createObject();
     JsonObject elements = file.getObject(list);

@@ -1,21 +1,21 @@
 #include "CertificateClock.h"
 
 #include "AppClock.h"
-#include "BuildInfo.h"
 
 #include <chrono>
 
 namespace {
 
 constexpr std::int64_t kYear = 31557600;  // seconds
-constexpr std::int64_t kEarliest = BuildInfo::buildTime;
-constexpr std::int64_t kLatest = kEarliest + 25 * kYear;
+constexpr std::int64_t kLongest = 25 * kYear;
 
 std::int64_t secondsOf(std::chrono::system_clock::time_point moment) {
     return std::chrono::duration_cast<std::chrono::seconds>(moment.time_since_epoch()).count();
 }
 
 }  // namespace
+
+const std::int64_t CertificateClock::earliest = KIV_BUILD_EPOCH;
 
 std::optional<std::int64_t> CertificateClock::now() {
     // Unset, the application clock reads as the system clock.
@@ -27,5 +27,5 @@ std::optional<std::int64_t> CertificateClock::now() {
 }
 
 bool CertificateClock::isBelievable(std::int64_t utcSeconds) {
-    return utcSeconds >= kEarliest && utcSeconds <= kLatest;
+    return utcSeconds >= earliest && utcSeconds <= earliest + kLongest;
 }

@@ -11,6 +11,10 @@
 /// Only functions; any thread.
 class CertificateClock {
   public:
+    /// UTC seconds: the date of this build, or of what it was built from. What the daemon prints as
+    /// its build time is another one.
+    static const std::int64_t earliest;
+
     /// UTC seconds; nothing while no clock can be believed.
     static std::optional<std::int64_t> now();
     static bool isBelievable(std::int64_t utcSeconds);

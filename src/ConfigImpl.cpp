@@ -191,6 +191,7 @@ bool ConfigImpl::Refresh(bool force) {
     }
     const std::int32_t now = currentUtcSeconds();
     if (attemptIsTooRecent(now)) return false;
+    recordAttempt(now);  // also one that throws
     s_log.info(" trying to load config from server... force=", force);
     if (!termsOfUseExist()) {
         if (termsOfUseAreUnreadable()) return waitForTerms();
@@ -252,12 +253,12 @@ bool ConfigImpl::waitForTerms() {
 }
 
 bool ConfigImpl::takeAnswer(const NetworkHelper& answer, std::int32_t now) {
-    JsonObject doc = JsonObject::parse(answer.data);
-    const bool refused = ConfigDocument::isErrorAnswer(doc);
-    if (!answer.isGoodAnswer() && !(refused && answer.status >= 400)) {
+    if (!answer.isGoodAnswer()) {
         s_log.error("Config could not be retrieved from server");
         return giveUp(now);
     }
+    JsonObject doc = JsonObject::parse(answer.data);
+    const bool refused = ConfigDocument::isErrorAnswer(doc);
     if (!refused && !ConfigDocument::isConfiguration(doc)) {
         s_log.error("Invalid Config JSON object received: ", ClassLog::foreign(answer.data));
         return giveUp(now);

@@ -75,7 +75,8 @@ void DB::setUp(bool recreateIfUnusable) {
     } else if (recreateIfUnusable) {
         const std::string damage = schema.findDamage();
         if (!damage.empty()) {
-            s_log.error("Database ", m_connection.path(), " is damaged: ", damage);
+            s_log.error("Database ", m_connection.path(),
+                        " is damaged: ", ClassLog::foreign(damage));
             SqlFiles::noteDamage(m_connection.file());
             if (replaceDamagedFile()) {
                 open(std::string(m_connection.path()), false);
@@ -140,7 +141,8 @@ bool DB::replaceDamagedFile() {
     m_dbError = true;
     if (!result.problem.empty()) {
         m_DBErrorMessage = "Can't replace damaged database: " + result.problem;
-        s_log.error("Can't replace damaged database ", file, ": ", result.problem);
+        s_log.error("Can't replace damaged database ", file, ": ",
+                    ClassLog::foreign(result.problem));
         return false;
     }
     m_damageUnreported = true;
@@ -309,7 +311,7 @@ void DB::setOpTime(long bootCount, long standbyCount, unsigned int opTime) {
     bindCycle(insert, Cycle(bootCount, standbyCount));
     insert.bind(3, std::int64_t{opTime});
     if (insert.step() == SQLITE_DONE) return;
-    s_log.error("Can't Insert into table OpTimes: ", m_connection.lastError());
+    s_log.error("Can't Insert into table OpTimes: ", ClassLog::foreign(m_connection.lastError()));
 }
 
 unsigned int DB::getOpTime(long bootCount, long standbyCount) const {
@@ -338,7 +340,7 @@ bool DB::setLocation(double longitude, double latitude, const std::string& ip,
     const bool stored = insert.step() == SQLITE_DONE;
     const std::string failure = stored ? "" : m_connection.lastError();
     if (!stored && failure != m_locationFailure) {
-        s_log.error("Can't Insert into table Location: ", failure);
+        s_log.error("Can't Insert into table Location: ", ClassLog::foreign(failure));
     }
     m_locationFailure = failure;
     return stored;
@@ -361,7 +363,8 @@ bool DB::getLocation(double& longitude, double& latitude, std::string& ip, std::
 bool DB::hasRow(SqlStatement& query, const char* table) const {
     const int result = query.step();
     if (result != SQLITE_ROW && result != SQLITE_DONE) {
-        s_log.error("Can't read from table ", table, ": ", m_connection.lastError());
+        s_log.error("Can't read from table ", table, ": ",
+                    ClassLog::foreign(m_connection.lastError()));
     }
     return result == SQLITE_ROW;
 }

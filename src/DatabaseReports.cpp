@@ -2,6 +2,7 @@
 
 #include "AwsWrapperImpl.h"
 #include "CGlobalInfoImpl.h"
+#include "CertificateClock.h"
 #include "Config.h"
 #include "CycleTimes.h"
 #include "DB.h"
@@ -34,6 +35,12 @@ const ClassLog& s_log = UploadLog::log;
 
 bool isPermitted() {
     return Config()->collectionAllowed();
+}
+
+/// Whether the dates of the cloud's certificates can be held against any clock. What is sent waits
+/// for that.
+bool canJudgeTheCloud() {
+    return CertificateClock::now().has_value();
 }
 
 /// Creates or truncates, but neither follows a link nor waits for the reader of a pipe.
@@ -102,10 +109,11 @@ std::string DatabaseReports::componentFolder() {
 int DatabaseReports::sendFullFile() {
     if (m_fullFileSent || !isPermitted()) return 1;
     // A full store asks at every event that it refuses.
-    if (!m_fullFileFailed.isOver()) return 0;
+    if (!m_fullFileFailed.isOver() || !canJudgeTheCloud()) return 0;
+    m_fullFileFailed.begin();
     m_fullFileSent = sendListing();
     if (!m_fullFileSent) {
-        m_fullFileFailed.begin();
+        m_fullFileFailed.begin();  // the minute counts from the end
         return 0;
     }
     s_log.info(" Sent full DB file to AWS ");
@@ -124,6 +132,12 @@ void DatabaseReports::sendOwedErrorEvent() {
 void DatabaseReports::sendErrorEvent() {
     if (m_errorEventSent || !isPermitted()) return;
     if (!m_errorEventFailed.isOver()) return;
+    m_errorEventOwed = true;
+    if (!canJudgeTheCloud()) {
+        m_schedule.requestEventsUpload(UploadSchedule::kRetryMs);
+        return;
+    }
+    m_errorEventFailed.begin();
     LocationInfo::getLocation();  // may use the network: before the packet's times are asked for
     m_errorEventSent = sendAlone(errorEvent());
     m_errorEventOwed = !m_errorEventSent;

@@ -10,7 +10,8 @@ class UploadSchedule;
 
 /// What is sent about the store itself, past the store: the listing of the data partition when the
 /// store is full, and an event when it is in error. Each goes out once a run, and not without
-/// consent; after a failure none is tried for a minute.
+/// consent, nor while no clock can judge the cloud's certificate; after a failure, and after an
+/// attempt that threw, none is tried for a minute.
 ///
 /// Belongs to the upload side, which lends it the cloud client and the schedule; needs no store.
 /// For the upload thread, without locks held. Failures are results and error lines.
@@ -22,7 +23,7 @@ class DatabaseReports {
     DatabaseReports& operator=(const DatabaseReports&) = delete;
 
     /// @return whether the listing was sent; 1 too when there was nothing to do, 0 too within a
-    /// minute of a failure
+    /// minute of a failure and while no clock can be believed
     int sendFullFile();
     /// A failed one is owed: it asks for an upload in a minute, which sends it.
     void sendErrorEvent();
@@ -41,7 +42,7 @@ class DatabaseReports {
     UploadSchedule& m_schedule;
     bool m_fullFileSent = false;
     bool m_errorEventSent = false;
-    bool m_errorEventOwed = false;  ///< it failed; the store may be in order again
+    bool m_errorEventOwed = false;  ///< it failed or waits; the store may be in order again
     Pause m_fullFileFailed{std::chrono::minutes(1)};
     Pause m_errorEventFailed{std::chrono::minutes(1)};
     std::string m_listedDirectory = "/3rd_rw";

@@ -58,6 +58,7 @@ int EventsUpload::upload() {
         return 0;
     }
     s_log.info("Try to send packet");
+    m_lastFailureTime = now;  // should it throw
     if (!packet.Send()) return recordFailedSend("Event upload failed");
     m_sent = events;
     return deleteSentEvents() ? scheduleAfterSend() : recordFailedSend(kDeletionFailed);

@@ -47,7 +47,7 @@ bool FilesTable::remove(const std::string& id) {
     SqlStatement removal = m_connection.prepare("DELETE FROM Files WHERE id=?");
     removal.bind(1, id);
     if (removal.step() == SQLITE_DONE) return true;
-    s_log.error(" Can't delete from table Files : ", m_connection.lastError());
+    s_log.error(" Can't delete from table Files : ", ClassLog::foreign(m_connection.lastError()));
     return false;
 }
 
@@ -153,7 +153,8 @@ bool FilesTable::dropOldest(std::vector<std::string>& dropped) {
     SqlStatement removal = m_connection.prepare("DELETE FROM Files WHERE ROWID=?");
     removal.bind(1, row);
     if (removal.step() != SQLITE_DONE) {
-        s_log.error(" Can't delete from table Files : ", m_connection.lastError());
+        s_log.error(" Can't delete from table Files : ",
+                    ClassLog::foreign(m_connection.lastError()));
         return false;
     }
     dropped.push_back(id);
@@ -167,5 +168,5 @@ void FilesTable::countFailure(const std::string& id) {
     update.bind(1, std::int64_t{now.kernelTime});
     update.bind(2, id);
     if (update.step() == SQLITE_DONE) return;
-    s_log.error(" Can't update table Files : ", m_connection.lastError());
+    s_log.error(" Can't update table Files : ", ClassLog::foreign(m_connection.lastError()));
 }

@@ -6,7 +6,6 @@
 #include "Descriptor.h"
 #include "JsonObject.h"
 #include "KernelTime.h"
-#include "OwnFiles.h"
 #include "UploadLog.h"
 #include "UploadSchedule.h"
 
@@ -14,6 +13,7 @@
 #include <chrono>
 #include <iterator>
 #include <set>
+#include <utility>
 
 #include <cerrno>
 #include <cstdint>
@@ -33,15 +33,46 @@ const ClassLog& s_log = UploadLog::log;
 
 enum class Kind { Readable, Invalid, Own };
 
+OwnFiles::Identity identityOf(const struct stat& facts) {
+    return {facts.st_dev, facts.st_ino};
+}
+
+/// An announced file as its turn comes. Held open while it is sent: no other file can have its
+/// device and inode until then.
+struct Announced {
+    Descriptor file;
+    Kind kind;
+    OwnFiles::Identity identity;  ///< of a readable one
+};
+
 /// Opened without waiting, as a pipe would for its writer; asked what it is where no other file can
 /// take its place any more. A link may lead elsewhere than when it was announced.
-Kind kindOf(const std::string& path) {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+Announced openAnnounced(const std::string& path) {
+    Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat facts = {};
     const bool readable =
         file.isOpen() && ::fstat(file.get(), &facts) == 0 && S_ISREG(facts.st_mode);
-    if (!readable) return Kind::Invalid;
-    return OwnFiles::contains(facts) ? Kind::Own : Kind::Readable;
+    if (!readable) return {Descriptor(), Kind::Invalid, {}};
+    const Kind kind = OwnFiles::contains(facts) ? Kind::Own : Kind::Readable;
+    return {std::move(file), kind, identityOf(facts)};
+}
+
+/// Deletes the file that was sent, and no other: its path may lead to another one by now, the
+/// daemon's own among them. Looked at and deleted by the same folder, which may be renamed between.
+void deleteSent(const std::string& path, const OwnFiles::Identity& sent) {
+    const std::string::size_type slash = path.rfind('/');
+    const std::string folderName = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const std::string name = path.substr(slash == std::string::npos ? 0 : slash + 1);
+    const Descriptor folder(::open(folderName.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct stat facts = {};
+    if (folder.isOpen() && ::fstatat(folder.get(), name.c_str(), &facts, 0) == 0 &&
+        (!sent.is(facts) || OwnFiles::contains(facts))) {
+        s_log.error("Another file has taken its place: Not deleted: ", ClassLog::foreign(path));
+        return;
+    }
+    if (!folder.isOpen() || ::unlinkat(folder.get(), name.c_str(), 0) != 0) {
+        s_log.error("Cannot delete ", ClassLog::foreign(path), ": ", ClassLog::errnoText(errno));
+    }
 }
 
 /// How long a file that failed still has to wait; 0 when it is due. The last failure is dated in
@@ -137,8 +168,10 @@ void FilesUpload::handle(const DB::PendingUpload& file, Pass& pass) {
         return;
     }
     s_log.info("Trying upload of \"", file.url, "\" ", file.id, " (retries=", file.retries, ")");
-    const Kind kind = kindOf(file.url);
-    if (kind == Kind::Readable && !upload(file)) {
+    const Announced announced = openAnnounced(file.url);
+    const Kind kind = announced.kind;
+    remember(file, false);  // should it throw
+    if (kind == Kind::Readable && !upload(file, announced.identity)) {
         recordAttempt(file, false);
         recordFailure();
         return;
@@ -172,15 +205,20 @@ bool FilesUpload::remove(const DB::PendingUpload& file) {
 /// Counts it in the store too, which puts the file after the others, should that work.
 void FilesUpload::recordAttempt(const DB::PendingUpload& file, bool done) {
     m_store.retryUpload(file.id);
+    remember(file, done);
+    m_schedule.requestFilesUpload(kRetryMs);
+}
+
+/// Within a minute it is not tried again.
+void FilesUpload::remember(const DB::PendingUpload& file, bool done) {
     Attempt attempt{file.url, done, Pause(std::chrono::milliseconds(kRetryMs))};
     attempt.beforeNext.begin();
     m_attempts.insert_or_assign(file.id, attempt);
-    m_schedule.requestFilesUpload(kRetryMs);
 }
 
 /// @return whether the file is in the cloud. A bucket that one file names stays in force for the
 /// later ones that name none.
-bool FilesUpload::upload(const DB::PendingUpload& file) {
+bool FilesUpload::upload(const DB::PendingUpload& file, const OwnFiles::Identity& identity) {
     const JsonObject metadata = file.info.empty() ? JsonObject() : JsonObject::parse(file.info);
     std::string objectName = file.id;
     if (metadata.isNull()) {
@@ -191,9 +229,6 @@ bool FilesUpload::upload(const DB::PendingUpload& file) {
     }
     if (!m_cloud.UploadFile(objectName, file.url)) return false;
     remove(file);
-    if (!metadata.isNull() && ::unlink(file.url.c_str()) != 0) {
-        s_log.error("Cannot delete ", ClassLog::foreign(file.url), ": ",
-                    ClassLog::errnoText(errno));
-    }
+    if (!metadata.isNull()) deleteSent(file.url, identity);
     return true;
 }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "DB.h"
+#include "OwnFiles.h"
 #include "Pause.h"
 #include "UploadConditions.h"
 
@@ -52,9 +53,10 @@ class FilesUpload {
     long delayBefore(const DB::PendingUpload& file) const;
     bool isDone(const DB::PendingUpload& file) const;
     void handle(const DB::PendingUpload& file, Pass& pass);
-    bool upload(const DB::PendingUpload& file);
+    bool upload(const DB::PendingUpload& file, const OwnFiles::Identity& identity);
     bool remove(const DB::PendingUpload& file);
     void recordAttempt(const DB::PendingUpload& file, bool done);
+    void remember(const DB::PendingUpload& file, bool done);
     void recordFailure();
 
     DB& m_store;

@@ -21,7 +21,8 @@ bool JsonFilter::matches(const JsonObject& event) const {
         const JsonObject element = rule.current();
         // A value that is not an object has no keys: as a rule it would match every event.
         if (!element.isObject()) {
-            s_log.error("Invalid json object in filter array", m_filter);
+            s_log.error("Invalid json object in filter array",
+                        ClassLog::foreign(m_filter.dumpAsString()));
             continue;
         }
         if (JsonFilterRule(element).matches(event)) return true;

@@ -49,7 +49,9 @@ class Effort {
     std::intptr_t m_bottom = here();
 };
 
-/// A place in a text whose reading counts.
+/// A place in a text whose reading counts while its thread has an effort to spend. All matching
+/// goes by it: a second kind of place would bring the whole matcher into the program once more. It
+/// keeps nothing else, because the matcher copies many.
 class CountedPlace {
   public:
     using iterator_category = std::bidirectional_iterator_tag;
@@ -59,16 +61,19 @@ class CountedPlace {
     using reference = const char&;
 
     CountedPlace() = default;  ///< of no text
-    CountedPlace(const char* place, Effort& effort) : m_place(place), m_effort(&effort) {}
+    explicit CountedPlace(const char* place) : m_place(place) {}
+
+    /// Of this thread, from now on; null: reading costs nothing.
+    static void limit(Effort* effort) { m_effort = effort; }
 
     reference operator*() const {
-        m_effort->spend();
+        if (m_effort != nullptr) m_effort->spend();
         return *m_place;
     }
     CountedPlace& operator++() { return ++m_place, *this; }
     CountedPlace& operator--() { return --m_place, *this; }
-    CountedPlace operator++(int) { return {m_place++, *m_effort}; }
-    CountedPlace operator--(int) { return {m_place--, *m_effort}; }
+    CountedPlace operator++(int) { return CountedPlace(m_place++); }
+    CountedPlace operator--(int) { return CountedPlace(m_place--); }
     bool operator==(const CountedPlace& other) const {
         if (m_effort != nullptr) m_effort->spend();
         return m_place == other.m_place;
@@ -76,9 +81,12 @@ class CountedPlace {
     bool operator!=(const CountedPlace& other) const { return !(*this == other); }
 
   private:
+    static thread_local Effort* m_effort;
+
     const char* m_place = nullptr;
-    Effort* m_effort = nullptr;
 };
+
+thread_local Effort* CountedPlace::m_effort = nullptr;
 
 struct Compiled {
     std::regex regex;
@@ -170,14 +178,15 @@ SharedPattern compile(const std::string& pattern) {
     return std::make_shared<const Compiled>(Compiled{std::regex(pattern, ECMAScript), true});
 }
 
-/// With an expression that backtracks. A line, and false, where that takes too much.
-bool matchesByTrying(const std::regex& expression, const std::string& pattern,
-                     const std::string& text) {
+/// A line, and false, where an expression that backtracks takes too much.
+bool matchesWithin(const Compiled& expression, const std::string& pattern,
+                   const std::string& text) {
     Effort effort;
+    CountedPlace::limit(expression.backtracks ? &effort : nullptr);
     try {
-        const CountedPlace begin(text.data(), effort);
-        const CountedPlace end(text.data() + text.size(), effort);
-        return std::regex_match(begin, end, expression);
+        const CountedPlace begin(text.data());
+        const CountedPlace end(text.data() + text.size());
+        return std::regex_match(begin, end, expression.regex);
     } catch (const Effort::Excess& excess) {
         s_log.error("Matching given up after ", excess.of, ": ", ClassLog::foreign(pattern));
         return false;
@@ -225,8 +234,7 @@ bool RegexCache::matches(const std::string& pattern, const std::string& text) {
                     ") for a pattern with back-references: ", ClassLog::foreign(pattern));
         return false;
     }
-    return expression->backtracks ? matchesByTrying(expression->regex, pattern, text)
-                                  : std::regex_match(text, expression->regex);
+    return matchesWithin(*expression, pattern, text);
 }
 
 bool RegexCache::holds(const std::string& pattern) {

@@ -18,6 +18,12 @@ void RetryPause::lengthen() {
     m_endKernelMs = now + m_lengthMs;
 }
 
+void RetryPause::beginAnew() {
+    const std::int64_t now = KernelTime::getTimeMonotonicAsInt64();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_endKernelMs = now + m_lengthMs;
+}
+
 void RetryPause::forget() {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_lengthMs = 0;

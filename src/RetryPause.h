@@ -15,8 +15,10 @@ class RetryPause {
 
     /// Milliseconds until the next attempt may be made; 0: now.
     std::int64_t leftMs() const;
-    /// An attempt failed: the next pause begins.
+    /// An attempt failed, or is made and may throw: the next pause begins.
     void lengthen();
+    /// The pause that `lengthen` began before the attempt counts from its end: now.
+    void beginAnew();
     /// An attempt succeeded, or another matter begins: no pause.
     void forget();
 

@@ -148,7 +148,7 @@ std::string ShellCommand::outputOf(const std::string& command) {
     try {
         return Exec(command.c_str());
     } catch (const std::runtime_error& error) {
-        s_log.error("Command ", command, " not started: ", error.what());
+        s_log.error("Command ", ClassLog::foreign(command), " not started: ", error.what());
         return "";
     }
 }

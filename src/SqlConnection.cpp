@@ -248,7 +248,7 @@ int SqlConnection::readPragma(const char* pragma) const {
 
 void SqlConnection::reportFailure(const char* failureText, const char* message,
                                   OnFailure onFailure) const {
-    m_log.error(failureText, message);
+    m_log.error(failureText, ClassLog::foreign(message));  // it quotes a sender's text
     if (onFailure == OnFailure::Record && m_recordFailure) m_recordFailure(message);
 }
 

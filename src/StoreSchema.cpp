@@ -86,7 +86,7 @@ bool StoreSchema::bringUpToDate(const std::function<void()>& onNewFile) {
     const std::optional<int> version = readVersion();
     if (!version) {
         createTables();  // each says what it thinks of the file
-        s_log.error("SQL error (user_version): ", m_connection.lastError());
+        s_log.error("SQL error (user_version): ", ClassLog::foreign(m_connection.lastError()));
         return false;
     }
     if (*version == kVersion) return createTables() && hasItsColumns();
@@ -105,7 +105,8 @@ bool StoreSchema::hasItsColumns() {
     for (const Table& table : kTables) {
         if (m_connection.prepare(table.insertion).isPrepared()) continue;
         if (m_connection.lastErrorCode() != SQLITE_ERROR) continue;  // it says nothing of the text
-        s_log.error("Database ", m_connection.file(), " is damaged: ", m_connection.lastError());
+        s_log.error("Database ", m_connection.file(),
+                    " is damaged: ", ClassLog::foreign(m_connection.lastError()));
         SqlFiles::noteDamage(m_connection.file());
         return false;
     }

@@ -27,11 +27,12 @@ bool WebTimeImpl::getWebTime() {
         s_log.info(" no request for the time within the next ", m_pause.leftMs(), "ms");
         return false;
     }
+    m_pause.lengthen();  // before the attempt, which may throw
     takeTimeFromServer();
     if (knownSeconds() != 0) {
         m_pause.forget();
     } else {
-        m_pause.lengthen();
+        m_pause.beginAnew();
     }
     // m_WebTime is not read again: the call that obtains the time still says that it was unknown.
     return false;
@@ -69,7 +70,11 @@ std::int32_t WebTimeImpl::takeDate(const std::string& date, const ClassLog& log)
     }
     const std::int32_t seconds = UtcTime(date).seconds();
     const Singleton<TimeMgrImpl> timeManager;
-    if (!timeManager->isSystemTimeAcceptable(static_cast<unsigned long long>(seconds))) return 0;
+    if (!timeManager->isSystemTimeAcceptable(static_cast<unsigned long long>(seconds))) {
+        // A text that is not a date has its line already.
+        if (seconds != 0) log.error("The server's date cannot be now: ", ClassLog::foreign(date));
+        return 0;
+    }
     timeManager->setTime(TimeSourceWeb, TimeReference(),
                          UtcTimeMs(static_cast<std::int64_t>(seconds) * 1000));
     return seconds;

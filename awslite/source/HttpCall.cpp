@@ -198,6 +198,9 @@ void setAddress(Easy& easy, const std::string& url) {
 void setLimits(Easy& easy, const ClientConfiguration& configuration) {
     easy.set(CURLOPT_NOSIGNAL, 1L);
     easy.set(CURLOPT_CONNECTTIMEOUT_MS, configuration.connectTimeoutMs);
+#if LIBCURL_VERSION_NUM >= 0x075700
+    easy.set(CURLOPT_QUICK_EXIT, 1L);  // waits for no name server after the time-out
+#endif
     easy.set(CURLOPT_TIMEOUT_MS, configuration.httpRequestTimeoutMs);
     if (configuration.requestTimeoutMs > 0) {
         easy.set(CURLOPT_LOW_SPEED_LIMIT, 1L);

@@ -10,6 +10,7 @@ from harness import BUILD, WholeProgramTest, kernel_ms, wait_until
 
 LONG = {"text": "x" * 100}
 IN_1970 = 3600
+IN_2020 = calendar.timegm((2020, 1, 1, 0, 0, 0))
 IN_2110 = calendar.timegm((2110, 1, 1, 0, 0, 0))
 WITH_AWS_SDK = os.environ.get("KIV_CLOUD_CLIENT") == "sdk"
 
@@ -119,6 +120,11 @@ class ClockTest(WholeProgramTest):
     def test_certificate_of_another_host_is_refused(self):
         self.expect_no_trust("other-host")
 
+    #: A certificate that bears the authority's name and another key's signature is refused while the
+    #: time is not known.
+    def test_forged_certificate_is_refused(self):
+        self.expect_no_trust("forged")
+
     def expect_the_time_and_no_more(self, kind, year, reason):
         self.cloud.misbehave(https={"action": "certificate", "kind": kind})
         self.start_in(year)
@@ -140,6 +146,11 @@ class ClockTest(WholeProgramTest):
     #: on.
     def test_certificate_too_new_tells_a_set_of_2110_the_time_and_no_more(self):
         self.expect_the_time_and_no_more("too-new", IN_2110, "certificate is not yet valid")
+
+    #: A clock that lies before the daemon was built is not believed: a certificate that was not
+    #: valid then tells a set of 2020 the time, and is refused from then on.
+    def test_set_of_2020_is_not_believed(self):
+        self.expect_the_time_and_no_more("too-new", IN_2020, "certificate is not yet valid")
 
     def expect_refused_from_the_first_request_on(self, kind):
         self.cloud.misbehave(https={"action": "certificate", "kind": kind})

@@ -75,11 +75,11 @@ class AnswerTest(WholeProgramTest):
         self.wait_for_events(1, "usage.epg")
         self.assert_configuration_in_force_stays()
 
-    #: An error answer changes nothing and counts as fresh.
-    def test_forbidden_is_an_error_answer_too(self):
+    #: An error answer with a status of 400 or more is a failed request: nothing counts as fresh.
+    def test_forbidden_is_a_failed_request(self):
         self.start_with_old_config("refuse")
-        self.wait_for_events(1, "usage.epg")
-        self.assert_configuration_in_force_stays()
+        self.device.wait_for_error("kivconfig: Config could not be retrieved from server")
+        self.assert_expired_until_next_start()
 
     #: Answers that are not a JSON object change nothing and are reported.
     def test_broken_json_is_reported_whole_and_changes_nothing(self):
@@ -104,8 +104,7 @@ class AnswerTest(WholeProgramTest):
                                    + "x" * 249 + "... (1007 bytes)")
         self.assert_expired_until_next_start()
 
-    #: An answer with a status of 400 or more that is not an error answer changes nothing, and the log
-    #: names URL and status.
+    #: An answer with a status of 400 or more changes nothing, and the log names URL and status.
     def test_status_of_400_or_more_changes_nothing(self):
         self.start_with_old_config("server-error")
         self.device.wait_for_error("kivNetwork: Request of https://localhost:18443/prod/config/"

@@ -105,7 +105,7 @@ class Authority {
         addExtension(certificate, certificate, NID_basic_constraints, "critical,CA:TRUE");
         addExtension(certificate, certificate, NID_key_usage, "critical,keyCertSign,cRLSign");
         addExtension(certificate, certificate, NID_subject_key_identifier, "hash");
-        sign(certificate);
+        sign(certificate, m_key.get());
         writePem("ca.pem");
         char hashed[32];
         std::snprintf(hashed, sizeof hashed, "%08lx.0", X509_subject_name_hash(certificate));
@@ -124,13 +124,13 @@ class Authority {
         addExtension(certificate.get(), issuer, NID_subject_alt_name, names.c_str());
         addExtension(certificate.get(), issuer, NID_ext_key_usage, "serverAuth");
         addExtension(certificate.get(), issuer, NID_authority_key_identifier, "keyid");
-        sign(certificate.get());
+        sign(certificate.get(), wishes.forged ? key : m_key.get());
         return certificate;
     }
 
   private:
-    void sign(X509* certificate) const {
-        require(X509_sign(certificate, m_key.get(), EVP_sha256()) > 0, "sign a certificate");
+    static void sign(X509* certificate, EVP_PKEY* key) {
+        require(X509_sign(certificate, key, EVP_sha256()) > 0, "sign a certificate");
     }
 
     void writePem(const std::string& name) const {

@@ -47,6 +47,7 @@ class ScriptedHttpServer {
         std::string notAfter = "21991231235959Z";
         std::string host = "localhost";  ///< 127.0.0.1 besides, when it is this one
         bool trusted = true;             ///< signed by the CA of `caFile`, not of `otherCaFile`
+        bool forged = false;             ///< bears that CA's name, and another key's signature
     };
 
     explicit ScriptedHttpServer(Script script, Transport transport = Transport::Plain);

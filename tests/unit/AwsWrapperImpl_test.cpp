@@ -757,6 +757,16 @@ TEST_F(AwsWrapperImplTest, FailsWithoutTheTestFileAndNeverMakesIt) {
     EXPECT_FALSE(dir.has("missing.json"));
 }
 
+/// A pipe in the place of the test file is a failure, and not waited for.
+TEST_F(AwsWrapperImplTest, WaitsForNobodyAtAPipeInTheTestFilesPlace) {
+    ASSERT_EQ(::mkfifo(dir.file("test-pipe").c_str(), 0600), 0);
+    AwsWrapperImpl::SetTestMode(dir.file("test-pipe"));
+    OutputCapture output;
+    EXPECT_FALSE(client().UploadToKinesisFirehose("{}"));
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(), "kivAWSWrapper: UploadToKinesisFirehose failed \n");
+}
+
 /// A missing test file is a failure, "UploadToKinesisFirehose failed ", and never made.
 TEST_F(AwsWrapperImplTest, FailsWhenTheTestFileCannotBeWritten) {
     AwsWrapperImpl::SetTestMode("/proc/self/status");  // readable only

@@ -13,10 +13,11 @@
 namespace {
 
 constexpr std::int64_t kYear = 31557600;
-constexpr std::int64_t kBuild = BuildInfo::buildTime;
+const std::int64_t kBuild = CertificateClock::earliest;
 constexpr std::int64_t kIn1970 = 5;
+constexpr std::int64_t kIn2020 = 1577836800;
 constexpr std::int64_t kIn2110 = 4417977600;
-constexpr std::int64_t kNow = kBuild + 7 * kYear;
+const std::int64_t kNow = kBuild + 7 * kYear;
 
 class CertificateClockTest : public ::testing::Test {
   protected:
@@ -39,6 +40,15 @@ TEST_F(CertificateClockTest, BelievesAClockFor25YearsFromTheBuildOn) {
     EXPECT_FALSE(CertificateClock::isBelievable(kBuild + 25 * kYear + 1));
     EXPECT_FALSE(CertificateClock::isBelievable(kIn1970));
     EXPECT_FALSE(CertificateClock::isBelievable(kIn2110));
+}
+
+/// What the daemon was built from is younger than 2020: a clock that a set was reset to then is not
+/// believed.
+TEST_F(CertificateClockTest, DoesNotBelieveAClockThatIsOlderThanItsSource) {
+    if (kBuild == BuildInfo::buildTime) GTEST_SKIP() << "built without git and SOURCE_DATE_EPOCH";
+    EXPECT_FALSE(CertificateClock::isBelievable(kIn2020));
+    const WallClock clock(kIn2020);
+    EXPECT_FALSE(CertificateClock::now().has_value());
 }
 
 /// The system clock judges until the application clock is known, if it can be believed.

@@ -35,6 +35,7 @@
 #include "support/KivTest.h"
 #include "support/NoDescriptors.h"
 #include "support/OutputCapture.h"
+#include "support/PoisonedOutput.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TaggedLines.h"
 #include "support/TempDir.h"
@@ -952,14 +953,22 @@ TEST_F(ConfigRefreshTest, EmptyMessagesAreNoErrorAnswer) {
     EXPECT_TRUE(m_config->GetTouAccepted());
 }
 
-/// An error answer moves only the configuration's time and is true; an answer with empty messages
-/// is not an error.
-TEST_F(ConfigRefreshTest, AnHttpErrorWithAMessageIsAnErrorAnswerToo) {
-    m_answer.status = 403;
-    m_answer.body = R"({"message": "Forbidden"})";
-    EXPECT_TRUE(refresh(false));
-    EXPECT_FALSE(m_config->GetTouAccepted());
-    EXPECT_EQ(m_config->GetUtcTime(), kDateSeconds);
+/// An answer with another HTTP status than 200 to 299 is a failed request, a message in it or not:
+/// nothing counts as fresh, and its Date is not taken.
+TEST_F(ConfigRefreshTest, AnHttpErrorWithAMessageIsAFailedRequest) {
+    const std::int32_t before = m_config->GetUtcTime();
+    for (const int status : {403, 429, 503}) {
+        m_asked.clear();
+        ConfigImplPeer::setLastAttempt(*m_config, 0);
+        ConfigImplPeer::lastAttemptKernelMs(*m_config) = -1;
+        m_answer.status = status;
+        m_answer.body = R"({"message": "Service Unavailable"})";
+        EXPECT_EQ(refreshErrors(false, false),
+                  "kivconfig: Config could not be retrieved from server\n");
+        EXPECT_EQ(m_config->GetUtcTime(), before);
+        EXPECT_TRUE(askedOnceFor(600));
+    }
+    EXPECT_NEAR(static_cast<double>(m_time->getTime()) / 1000, kNow, 60);
 }
 
 /// An error answer of a server whose clock is a little ahead does not date the configuration ahead.
@@ -973,8 +982,19 @@ TEST_F(ConfigRefreshTest, AnErrorAnswerDoesNotDateTheConfigurationAhead) {
     EXPECT_EQ(requests(), 1u);
 }
 
-/// An answer with another HTTP status than 200 to 299 is not a configuration, but for an error
-/// answer of the server.
+/// An attempt that throws counts as one: the next follows 600 s later.
+TEST_F(ConfigRefreshTest, AnAttemptThatThrewIsNotRepeatedAtOnce) {
+    ConfigImpl::SetVerbose(true);
+    {
+        const PoisonedOutput output("trying to load config", [] { ConfigImpl::SetVerbose(false); });
+        EXPECT_ANY_THROW(m_config->Refresh(true));
+    }
+    EXPECT_FALSE(refresh(true));
+    EXPECT_EQ(requests(), 0u);
+    EXPECT_TRUE(askedOnceFor(600));
+}
+
+/// An answer with another HTTP status than 200 to 299 is not a configuration.
 TEST_F(ConfigRefreshTest, ABadHttpStatusIsAFailedRequest) {
     const std::string file = m_dir.read("Config");
     for (const int status : {302, 400, 404, 500, 503}) {

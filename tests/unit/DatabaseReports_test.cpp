@@ -9,7 +9,9 @@
 #include "JsonArrayIterator.h"
 #include "support/JsonMemory.h"
 #include "support/LocationInfoPeer.h"
+#include "support/PoisonedOutput.h"
 #include "support/UploadRooms.h"
+#include "support/WallClock.h"
 
 using DatabaseReportsTest = UploadRooms;
 
@@ -83,6 +85,32 @@ TEST_F(DatabaseReportsTest, TriesAFailedFullReportOnceAMinute) {
     EXPECT_EQ(reports.sendFullFile(), 0);
     output.stop();
     EXPECT_EQ(objects().size(), 2u);
+}
+
+/// A report that threw is not tried again within a minute either.
+TEST_F(DatabaseReportsTest, TriesAFullReportThatThrewOnceAMinute) {
+    AwsWrapperImpl::SetVerbose(true);
+    {
+        const PoisonedOutput output("Set AWS ClientConfiguration caPath",
+                                    [] { AwsWrapperImpl::SetVerbose(false); });
+        EXPECT_ANY_THROW(reports.sendFullFile());
+    }
+    EXPECT_EQ(reports.sendFullFile(), 0);
+    EXPECT_EQ(objects(), Objects{});
+    DatabaseReportsPeer::letAMinutePass(reports);
+    EXPECT_EQ(reports.sendFullFile(), 1);
+}
+
+/// While no clock can be believed the report waits: the next message sends it.
+TEST_F(DatabaseReportsTest, SendsNoFullReportWhileNoClockCanBeBelieved) {
+    {
+        const WallClock clock(5);
+        EXPECT_EQ(reports.sendFullFile(), 0);
+        EXPECT_FALSE(dir.has("full.log"));
+    }
+    EXPECT_EQ(objects(), Objects{});
+    EXPECT_EQ(reports.sendFullFile(), 1);
+    EXPECT_EQ(objects().size(), 1u);
 }
 
 /// An old listing is replaced; a link or a pipe in its place is refused with a line.
@@ -287,4 +315,34 @@ TEST_F(DatabaseReportsTest, TakesAnErrorEventThatCannotBePackedForFailed) {
               "kivUpload: DB Error event upload failed \n");
     EXPECT_FALSE(DatabaseReportsPeer::errorEventSent(reports));
     EXPECT_EQ(records().size(), 0u);
+}
+
+/// One that threw is owed, and not tried again within a minute.
+TEST_F(DatabaseReportsTest, OwesAnErrorEventThatThrew) {
+    AwsWrapperImpl::SetVerbose(true);
+    {
+        const PoisonedOutput output("UploadToKinesisFirehose: ",
+                                    [] { AwsWrapperImpl::SetVerbose(false); });
+        EXPECT_ANY_THROW(reports.sendErrorEvent());
+    }
+    reports.sendOwedErrorEvent();
+    EXPECT_EQ(records().size(), 0u);
+    DatabaseReportsPeer::letAMinutePass(reports);
+    reports.sendOwedErrorEvent();
+    EXPECT_EQ(records().size(), 1u);
+}
+
+/// While no clock can be believed the event is owed: nothing is asked of the cloud, and an upload
+/// in a minute sends it.
+TEST_F(DatabaseReportsTest, OwesTheErrorEventWhileNoClockCanBeBelieved) {
+    {
+        const WallClock clock(5);
+        reports.sendErrorEvent();
+    }
+    EXPECT_EQ(records().size(), 0u);
+    EXPECT_FALSE(DatabaseReportsPeer::errorEventSent(reports));
+    EXPECT_TRUE(isDelayed(1, 60000));
+    reports.sendOwedErrorEvent();
+    EXPECT_EQ(records().size(), 1u);
+    EXPECT_TRUE(DatabaseReportsPeer::errorEventSent(reports));
 }

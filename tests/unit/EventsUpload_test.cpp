@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "JsonArrayIterator.h"
+#include "AwsWrapperImpl.h"
 #include "support/LocationInfoPeer.h"
+#include "support/PoisonedOutput.h"
 #include "support/UploadRooms.h"
 
 namespace {
@@ -818,4 +820,21 @@ TEST_F(EventsUploadTest, PacksUnderTheStoresLockAndSendsWithoutIt) {
         EXPECT_EQ(sending.free, 1);
     }
     UploadLog::log.setVerbose(false);
+}
+
+/// A send that throws is followed by a minute without sending too.
+TEST_F(EventsUploadTest, WaitsOutTheMinuteAfterASendThatThrew) {
+    addEvent();
+    AwsWrapperImpl::SetVerbose(true);
+    {
+        const PoisonedOutput output("UploadToKinesisFirehose: ",
+                                    [] { AwsWrapperImpl::SetVerbose(false); });
+        EXPECT_ANY_THROW(events.upload());
+    }
+    EXPECT_EQ(events.upload(), 0);
+    EXPECT_EQ(records().size(), 0u);
+    EventsUploadPeer::letAMinutePass(events);
+    EXPECT_NE(events.upload(), 0);
+    EXPECT_EQ(records().size(), 1u);
+    EXPECT_EQ(EventsUploadPeer::lastFailureTime(events), 0);
 }

@@ -9,6 +9,7 @@
 
 #include "OwnFiles.h"
 #include "support/FilesUploadPeer.h"
+#include "support/PoisonedOutput.h"
 #include "support/UploadRooms.h"
 
 namespace {
@@ -266,6 +267,81 @@ TEST_F(FilesUploadTest, RefusesOneOfTheDaemonsOwnFilesBehindALink) {
     EXPECT_TRUE(dir.has("secret"));
 }
 
+/// A folder that is renamed while its file is sent, with a link to the daemon's folder in its
+/// place, costs none of the daemon's own files.
+TEST_F(FilesUploadTest, DeletesNoneOfTheDaemonsOwnFilesWhenTheFolderIsSwapped) {
+    std::filesystem::create_directory(dir.file("own"));
+    std::filesystem::create_directory(dir.file("victim"));
+    OwnFiles::add(dir.write("own/Config", "{}"));
+    const std::string announced = dir.write("victim/Config", "content");
+    db().addFile("log1", announced, R"({"bucketname": "b1"})");
+    script([this](const Request& request) {
+        std::filesystem::rename(dir.file("victim"), dir.file("moved"));
+        std::filesystem::create_directory_symlink(dir.file("own"), dir.file("victim"));
+        return accept(request);
+    });
+    OutputCapture output;
+    EXPECT_EQ(files.run(), 1);
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivUpload: Another file has taken its place: Not deleted: " + announced + "\n");
+    EXPECT_EQ(objects(), (Objects{"/b1/log1"}));
+    EXPECT_EQ(storedFiles(), "0");
+    EXPECT_TRUE(dir.has("own/Config"));
+}
+
+/// A file that replaced the announced one while that was sent is not deleted: nobody has sent it.
+TEST_F(FilesUploadTest, KeepsAFileThatReplacedTheOneThatWasSent) {
+    const std::string path = announce("log1", R"({"bucketname": "b1"})");
+    script([this, &path](const Request& request) {
+        std::filesystem::remove(path);
+        dir.write("file-log1", "later content");
+        return accept(request);
+    });
+    OutputCapture output;
+    EXPECT_EQ(files.run(), 1);
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivUpload: Another file has taken its place: Not deleted: " + path + "\n");
+    EXPECT_EQ(dir.read("file-log1"), "later content");
+    EXPECT_EQ(storedFiles(), "0");
+}
+
+/// A file that became one of the daemon's own while it was sent is not deleted.
+TEST_F(FilesUploadTest, KeepsAFileThatHasBecomeTheDaemonsOwn) {
+    const std::string path = announce("log1", R"({"bucketname": "b1"})");
+    script([&path](const Request& request) {
+        OwnFiles::add(path);
+        return accept(request);
+    });
+    const OutputCapture output;
+    EXPECT_EQ(files.run(), 1);
+    EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+/// A file that somebody else deleted while it was sent gets a line.
+TEST_F(FilesUploadTest, SaysThatAFileIsGoneThatItWantedToDelete) {
+    const std::string path = announce("log1", R"({"bucketname": "b1"})");
+    script([&path](const Request& request) {
+        std::filesystem::remove(path);
+        return accept(request);
+    });
+    OutputCapture output;
+    EXPECT_EQ(files.run(), 1);
+    output.stop();
+    EXPECT_EQ(output.errWithoutPrefixes(),
+              "kivUpload: Cannot delete " + path + ": No such file or directory\n");
+}
+
+/// The link under whose name a file was announced is deleted, the file that it leads to is not.
+TEST_F(FilesUploadTest, DeletesTheLinkThatWasAnnounced) {
+    std::filesystem::create_symlink(dir.write("target", "text"), dir.file("link"));
+    db().addFile("log1", dir.file("link"), R"({"bucketname": "b1"})");
+    EXPECT_EQ(files.run(), 1);
+    EXPECT_FALSE(dir.has("link"));
+    EXPECT_TRUE(dir.has("target"));
+}
+
 /// No name is handled twice in a pass.
 TEST_F(FilesUploadTest, HandlesNoNameTwiceInAPass) {
     announce("log1");
@@ -380,6 +456,23 @@ TEST_F(FilesUploadTest, WaitsOutTheMinuteOfAFailureThatTheStoreDoesNotKnow) {
     FilesUploadPeer::letAMinutePass(files);
     EXPECT_EQ(files.run(), 1);
     EXPECT_EQ(objects().size(), 2u);
+    EXPECT_EQ(FilesUploadPeer::remembered(files), 0u);
+}
+
+/// A file whose sending throws waits its minute too.
+TEST_F(FilesUploadTest, WaitsOutTheMinuteOfASendThatThrew) {
+    announce("log1");
+    AwsWrapperImpl::SetVerbose(true);
+    {
+        const PoisonedOutput output("Set AWS ClientConfiguration caPath",
+                                    [] { AwsWrapperImpl::SetVerbose(false); });
+        EXPECT_ANY_THROW(files.run());
+    }
+    EXPECT_EQ(files.run(), 0);
+    EXPECT_EQ(objects(), Objects{});
+    EXPECT_TRUE(isDelayed(2, 60000));
+    FilesUploadPeer::letAMinutePass(files);
+    EXPECT_EQ(files.run(), 1);
     EXPECT_EQ(FilesUploadPeer::remembered(files), 0u);
 }
 

@@ -458,7 +458,7 @@ TEST_F(JsonFilterRuleTest, DoesNotMatchAPatternThatIsTooLong) {
     const std::string errors = errorsOf(R"({"x":{"$regex":")" + pattern + R"("}})",
                                         R"({"x":")" + pattern + R"("})", false);
     EXPECT_EQ(errors, "JsonFilterRule: Pattern of 1025 characters is too long (limit 1024): " +
-                          std::string(64, 'a') + "...\n");
+                          std::string(256, 'a') + "... (1025 bytes)\n");
 }
 
 // ---- Traces --------------------------------------------------------------------------------

@@ -86,6 +86,15 @@ TEST_F(JsonFilterTest, PassesOverElementsThatAreNoObject) {
     }
 }
 
+/// Of a long filter the line shows the beginning.
+TEST_F(JsonFilterTest, ShowsALongFilterCut) {
+    OutputCapture capture;
+    EXPECT_FALSE(matches("[\"" + std::string(10000, 'x') + "\"]", "{}"));
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(), "JsonFilter: Invalid json object in filter array[\"" +
+                                                std::string(254, 'x') + "... (10004 bytes)\n");
+}
+
 /// An element that is not a rule gets "Invalid json object in filter array" and is passed over.
 TEST_F(JsonFilterTest, ItsLineCarriesTheDiagnosticPrefix) {
     OutputCapture capture;

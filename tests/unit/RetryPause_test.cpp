@@ -39,6 +39,17 @@ TEST(RetryPauseTest, RunsDown) {
     EXPECT_EQ(seconds(pause), 20);
 }
 
+/// A pause that was begun before an attempt counts from the attempt's end, and is no longer for it.
+TEST(RetryPauseTest, CountsFromTheEndOfTheAttempt) {
+    RetryPause pause;
+    pause.lengthen();
+    RetryPausePeer::pass(pause, 120000);
+    pause.beginAnew();
+    EXPECT_EQ(seconds(pause), 10);
+    pause.lengthen();
+    EXPECT_EQ(seconds(pause), 20);
+}
+
 /// After a success there is none, and the next begins with 10 s.
 TEST(RetryPauseTest, BeginsAnewAfterASuccess) {
     RetryPause pause;

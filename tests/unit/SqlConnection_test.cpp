@@ -117,6 +117,21 @@ TEST_F(SqlConnectionTest, NoWaitingEndsWithItsScope) {
 
 // --- statements ---
 
+/// Of a message that quotes a long or many-lined text the line shows the beginning, on one line; it
+/// is recorded whole.
+TEST_F(SqlConnectionTest, ALongMessageIsShownCutAndOnOneLine) {
+    openIt();
+    OutputCapture capture;
+    EXPECT_EQ(execute("\"a\nkivDB: forged " + std::string(7000, 'x')), SQLITE_ERROR);
+    capture.stop();
+    const std::string line = capture.errWithoutPrefixes();
+    EXPECT_EQ(line.rfind("kivDB: failed: unrecognized token: \"\"a\\x0AkivDB: forged xxx", 0), 0u);
+    EXPECT_EQ(line.find('\n'), line.size() - 1);
+    EXPECT_LT(line.size(), 350u);
+    ASSERT_EQ(recorded.size(), 1u);
+    EXPECT_GT(recorded[0].size(), 7000u);
+}
+
 /// A failed statement gets its line and is recorded with SQLite's message, unless told otherwise.
 TEST_F(SqlConnectionTest, AFailedStatementGetsItsLineAndIsRecorded) {
     openIt();

@@ -13,6 +13,7 @@
 #include "support/CredentialsPeer.h"
 #include "support/KivTest.h"
 #include "support/OutputCapture.h"
+#include "support/PoisonedOutput.h"
 #include "support/RetryPausePeer.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TaggedLines.h"
@@ -166,6 +167,17 @@ TEST_F(WebTimeImplTest, PausesAfterAFailedRequest) {
     EXPECT_EQ(WebTimeImplPeer::pause().leftMs(), 0);
 }
 
+/// An attempt that throws begins the pause too.
+TEST_F(WebTimeImplTest, PausesAfterAnAttemptThatThrew) {
+    WebTimeImpl::SetVerbose(true);
+    {
+        const PoisonedOutput output("trying to get time", [] { WebTimeImpl::SetVerbose(false); });
+        EXPECT_ANY_THROW(m_webTime->getWebTime());
+    }
+    EXPECT_FALSE(getWebTime());
+    EXPECT_EQ(requests(), 0u);
+}
+
 /// A time that cannot be now begins the pause too.
 TEST_F(WebTimeImplTest, PausesAfterATimeThatCannotBeNow) {
     m_answer.headers = {{"Date", "Sun, 31 Jul 2016 23:59:59 GMT"}};
@@ -306,11 +318,12 @@ TEST_F(WebTimeImplTest, ADateOfNoKnownFormIsNotStored) {
     EXPECT_EQ(m_time->getTime(TimeSourceWeb, TimeReference()), 0);
 }
 
-/// A Date of no known form, or that cannot be now, is not stored.
+/// A Date of no known form, or that cannot be now, is not stored; each gets a line.
 TEST_F(WebTimeImplTest, ADateThatCannotBeNowIsNotStored) {
     for (const char* date : {"Sun, 31 Jul 2016 23:59:59 GMT", "Thu, 07 Mar 1968 10:15:02 GMT"}) {
         m_answer.headers = {{"Date", date}};
-        EXPECT_EQ(errors(), "");
+        EXPECT_EQ(errors(),
+                  std::string("kivwebtime: The server's date cannot be now: ") + date + "\n");
         EXPECT_EQ(m_time->getTime(TimeSourceWeb, TimeReference()), 0) << date;
         WebTimeImplPeer::pause().forget();
     }
