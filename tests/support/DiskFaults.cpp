@@ -85,13 +85,8 @@ int rename(const char* from, const char* to) noexcept {
 
 int link(const char* from, const char* to) noexcept {
     static auto* const real = libraryCall<int(const char*, const char*)>("link");
-    if (t_watch != nullptr && fails(t_watch->linkError)) return -1;
-    return real(from, to);
-}
-
-int link(const char* from, const char* to) noexcept {
-    static auto* const real = libraryCall<int(const char*, const char*)>("link");
     endWhenTold();
+    if (t_watch != nullptr && fails(t_watch->linkError)) return -1;
     return real(from, to);
 }
 
