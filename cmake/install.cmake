@@ -19,6 +19,9 @@ if(CMAKE_INSTALL_PREFIX MATCHES "^/usr/?$")
 else()
   set(KIV_SETTINGS ${CMAKE_INSTALL_PREFIX}/etc/default/kivApp)
 endif()
+# kivstat looks for a set's files where an installed daemon has them.
+target_compile_definitions(kivstat PRIVATE KIV_STATE_DIR="${KIV_STATE_DIR}"
+                           KIV_SETTINGS="${KIV_SETTINGS}")
 set(KIV_PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
 set(KIV_INSTALLED ${PROJECT_BINARY_DIR}/installed)  # with this build's paths filled in
 
@@ -26,7 +29,7 @@ foreach(file kivApp.service kivApp.init kivApp.default postinst prerm postrm)
   configure_file(${KIV_PACKAGING}/${file}.in ${KIV_INSTALLED}/${file} @ONLY)
 endforeach()
 
-foreach(page kivApp.8 kivsend.1)
+foreach(page kivApp.8 kivsend.1 kivstat.1)
   add_custom_command(OUTPUT ${KIV_INSTALLED}/${page}.gz
     COMMAND gzip -9nc ${KIV_PACKAGING}/${page} > ${KIV_INSTALLED}/${page}.gz
     DEPENDS ${KIV_PACKAGING}/${page} VERBATIM)
@@ -36,12 +39,13 @@ add_custom_target(manual_pages ALL DEPENDS ${KIV_PAGES})
 
 # Where the AWS SDK's shared libraries are in no place of the system's, the daemon has to know it.
 if(AWSSDK_FOUND)
-  set_target_properties(kivApp PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
+  set_target_properties(kivApp kivstat PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
 endif()
 install(TARGETS kivApp RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(TARGETS kivsend RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS kivsend kivstat RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${KIV_INSTALLED}/kivApp.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-install(FILES ${KIV_INSTALLED}/kivsend.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${KIV_INSTALLED}/kivsend.1.gz ${KIV_INSTALLED}/kivstat.1.gz
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${KIV_INSTALLED}/kivApp.service DESTINATION lib/systemd/system)
 
 # Settings of what is installed in /usr are in /etc, else in the prefix's own etc.

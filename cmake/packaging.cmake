@@ -9,7 +9,8 @@ Other processes post small JSON events on a POSIX message queue. The daemon
 keeps those that the server's configuration selects and the user's consent
 allows, stores them through power cuts, gives each a trustworthy time, and
 uploads them in packets to Amazon Kinesis Firehose, and announced files to
-Amazon S3. kivsend posts events from the command line.")
+Amazon S3. kivsend posts events from the command line, and kivstat says whether
+they arrive and, if not, why.")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL daemon library development python)

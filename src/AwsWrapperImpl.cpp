@@ -9,6 +9,7 @@
 #include "OwnFiles.h"
 #include "RegularFile.h"
 #include "SkewRetryStrategy.h"
+#include "Status.h"
 #include "TimedChild.h"
 
 #include <algorithm>
@@ -375,9 +376,15 @@ bool AwsWrapperImpl::UploadToKinesisFirehose(std::string record) {
     Aws::Firehose::Model::PutRecordRequest request;
     request.SetDeliveryStreamName(config->GetFirehoseStream().c_str());
     request.SetRecord(firehoseRecord);
+    Status::asked(Status::Stream);
     const auto outcome = client.PutRecord(request);
     const bool named = outcome.IsSuccess() && !outcome.GetResult().GetRecordId().empty();
-    if (named) return true;
+    if (named) {
+        Status::succeeded(Status::Stream);
+        return true;
+    }
+    Status::failed(Status::Stream,
+                   outcome.IsSuccess() ? "the answer has no record id" : reasonOf(outcome));
     s_log.error("Failed sending packet to Firehose AWS");
     s_log.error("Error = ", reasonOf(outcome));
     if (outcome.IsSuccess()) {
@@ -388,7 +395,13 @@ bool AwsWrapperImpl::UploadToKinesisFirehose(std::string record) {
 
 bool AwsWrapperImpl::UploadFile(std::string objectName, std::string localPath) {
     const Upload upload = prepareUpload(objectName, localPath);
-    return TimedChild::run([&upload] { return runUpload(upload); }, m_uploadLimitSeconds);
+    Status::asked(Status::Objects);
+    if (TimedChild::run([&upload] { return runUpload(upload); }, m_uploadLimitSeconds)) {
+        Status::succeeded(Status::Objects);
+        return true;
+    }
+    Status::failed(Status::Objects, "the daemon's lines on standard error say why");
+    return false;
 }
 
 /// Everything that takes a lock is read here, before the fork.

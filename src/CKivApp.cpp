@@ -17,6 +17,7 @@
 #include "NetworkHelper.h"
 #include "OwnFiles.h"
 #include "PimAppVersion.h"
+#include "Status.h"
 #include "TimeMgrImpl.h"
 #include "UploadImpl.h"
 
@@ -169,6 +170,7 @@ void CKivApp::applyOption(int letter, const char* program, Switches& given) {
 
 void CKivApp::readGivenBootFile(Switches& given) {
     OwnFiles::add(::optarg);
+    Status::setPath(Status::BootInfo, ::optarg);
     if (ParseBootFile(::optarg))
         given.bootFileRead = true;
     else
@@ -177,6 +179,7 @@ void CKivApp::readGivenBootFile(Switches& given) {
 
 void CKivApp::readGivenGlobalInfo(Switches& given) {
     OwnFiles::add(::optarg);
+    Status::setPath(Status::GlobalInfo, ::optarg);
     m_globalInfo->Load(::optarg);
     if (!m_globalInfo->getDeviceId().empty())
         given.globalInfoRead = true;
@@ -294,6 +297,11 @@ std::unique_ptr<CKivApp::Running> CKivApp::start() {
 }
 
 void CKivApp::nameOwnFiles(const std::string& directory) const {
+    Status::setPath(Status::GlobalInfo, m_globalInfoFile);
+    Status::setPath(Status::BootInfo, m_bootFile);
+    Status::setPath(Status::ConfigFile, m_configFile);
+    Status::setPath(Status::Database, m_dbFile);
+    Status::setPath(Status::TermsFolder, m_touDir);
     OwnFiles::addStore(m_dbFile);
     for (const std::string& path :
          {m_globalInfoFile, m_bootFile, m_configFile, StoreLock::nameFor(m_dbFile)})

@@ -7,6 +7,7 @@
 #include "NetworkHelper.h"
 #include "RegularFile.h"
 #include "ServiceTables.h"
+#include "Status.h"
 
 #include <iterator>
 #include <limits>
@@ -99,6 +100,8 @@ void CTouImpl::read() {
     m_version = 0;
     read(RegularFile(m_directory + kConsentFile), RegularFile(m_directory + kServerAnswerFile));
     m_readKernelMs = KernelTime::getTimeMonotonicAsInt64();
+    const Answer answer = m_answer;
+    Status::set(Status::UserConsent, answer == Answer::Yes ? 1 : answer == Answer::None ? 0 : -1);
 }
 
 void CTouImpl::read(const RegularFile& file, const RegularFile& serverAnswer) {
@@ -170,6 +173,7 @@ bool CTouImpl::Refresh() {
     if (m_refreshWaits) return false;
     const std::string url = ServiceTables::getTouUrl();
     NetworkHelper request;
+    request.countFor(Status::Terms);
     const bool arrived = request.UrlRequest(url, true, ServiceTables::getLambdaKey());
     m_refreshWaits = request.waitsForTime();
     return arrived && announceNewer(takeAnswer(request));

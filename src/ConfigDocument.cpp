@@ -112,7 +112,12 @@ bool ConfigDocument::isConfiguration(const JsonObject& doc) {
 }
 
 bool ConfigDocument::isErrorAnswer(const JsonObject& doc) {
-    return !doc.optString("message").empty() || !doc.optString("errorMessage").empty();
+    return !refusal(doc).empty();
+}
+
+std::string ConfigDocument::refusal(const JsonObject& doc) {
+    const std::string message = doc.optString("message");
+    return message.empty() ? doc.optString("errorMessage") : message;
 }
 
 void ConfigDocument::stamp(JsonObject& doc, std::int32_t utcSeconds, const std::string& date) {

@@ -76,6 +76,8 @@ class ConfigDocument {
     static bool isConfiguration(const JsonObject& doc);
     /// Whether the answer says why there is no configuration, instead of being one.
     static bool isErrorAnswer(const JsonObject& doc);
+    /// What such an answer says.
+    static std::string refusal(const JsonObject& doc);
     /// Notes in an answer when it came: `utcSeconds`, and `date`, the server's word for it.
     static void stamp(JsonObject& doc, std::int32_t utcSeconds, const std::string& date);
 

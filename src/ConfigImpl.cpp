@@ -9,6 +9,7 @@
 #include "RegularFile.h"
 #include "ServiceTables.h"
 #include "Singleton.h"
+#include "Status.h"
 #include "TimeMgrImpl.h"
 #include "WebTimeImpl.h"
 
@@ -117,6 +118,7 @@ void ConfigImpl::saveConfig(const JsonObject& doc) {
 void ConfigImpl::parseConfig(const JsonObject& doc) {
     const std::lock_guard<std::recursive_mutex> lock(m_lock);
     ConfigDocument::parse(doc, m_values, s_log);
+    Status::set(Status::ConfigTime, m_values.utcTime);
 }
 
 // --- validity -----------------------------------------------------------------------------------
@@ -200,6 +202,7 @@ bool ConfigImpl::Refresh(bool force) {
     }
     NetworkHelper request;
     const std::string url = ServiceTables::getConfigUrl() + device;
+    request.countFor(Status::Config);
     request.allowUnknownTime();  // its Date may be what tells the time
     if (!request.UrlRequest(url, true, ServiceTables::getLambdaKey())) {
         s_log.error("Config could not be retrieved from server");
@@ -261,11 +264,13 @@ bool ConfigImpl::takeAnswer(const NetworkHelper& answer, std::int32_t now) {
     const bool refused = ConfigDocument::isErrorAnswer(doc);
     if (!refused && !ConfigDocument::isConfiguration(doc)) {
         s_log.error("Invalid Config JSON object received: ", ClassLog::foreign(answer.data));
+        Status::failed(Status::Config, "the answer is not a configuration");
         return giveUp(now);
     }
     const std::int32_t serverTime = WebTimeImpl::takeDate(answer.date, s_log);
     ConfigDocument::stamp(doc, currentUtcSeconds(), answer.date);
     if (refused) {
+        Status::failed(Status::Config, "the server refuses: " + ConfigDocument::refusal(doc));
         countAsFresh(serverTime);
     } else {
         replaceStored(doc);
@@ -284,6 +289,7 @@ void ConfigImpl::countAsFresh(std::int32_t serverTime) {
     const std::int32_t now = currentUtcSeconds();
     const std::lock_guard<std::recursive_mutex> lock(m_lock);
     m_values.utcTime = now == 0 ? serverTime : std::min(serverTime, now);
+    Status::set(Status::ConfigTime, m_values.utcTime);
 }
 
 void ConfigImpl::callBack() const {

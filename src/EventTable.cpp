@@ -3,6 +3,7 @@
 #include "JsonObject.h"
 #include "SqlConnection.h"
 #include "SqlStatement.h"
+#include "Status.h"
 
 #include <algorithm>
 #include <exception>
@@ -139,6 +140,7 @@ void EventTable::refuseQuotedEvent(const std::string& statement) {
     const SqlStatement attempt = m_connection.prepare(statement);
     const std::string message =
         attempt.isPrepared() ? "single quote in the event's text" : m_connection.lastError();
+    Status::count(Status::NotStorable);
     m_connection.reportFailure(kInsertFailure, message.c_str(), SqlConnection::OnFailure::Record);
 }
 
@@ -368,6 +370,7 @@ bool EventTable::replaceByOverflowEvent(const EventPruner& victims) {
     if (!pruning.execute(overflow, "SQL error (insert overflow event): ")) return false;
     s_log.info("Completing pruning transaction ...");
     if (!pruning.commit()) return false;
+    Status::count(Status::Pruned, victims.rows().size());
     clearFailure();
     m_shared.totalSize +=
         static_cast<std::int32_t>(static_cast<long>(data.length()) + 1 - victims.freed());

@@ -7,6 +7,7 @@
 #include "JsonObject.h"
 #include "LocationInfo.h"
 #include "Singleton.h"
+#include "Status.h"
 #include "TimeMgrImpl.h"
 #include "UploadLog.h"
 #include "UploadSchedule.h"
@@ -61,6 +62,9 @@ int EventsUpload::upload() {
     m_lastFailureTime = now;  // should it throw
     if (!packet.Send()) return recordFailedSend("Event upload failed");
     m_sent = events;
+    Status::count(Status::RecordsSent);
+    Status::count(Status::EventsSent, m_sent->getReturnedRows().size());
+    Status::setMoment(Status::LastRecord);
     return deleteSentEvents() ? scheduleAfterSend() : recordFailedSend(kDeletionFailed);
 }
 

@@ -6,6 +6,7 @@
 #include "Descriptor.h"
 #include "JsonObject.h"
 #include "KernelTime.h"
+#include "Status.h"
 #include "UploadLog.h"
 #include "UploadSchedule.h"
 
@@ -228,6 +229,8 @@ bool FilesUpload::upload(const DB::PendingUpload& file, const OwnFiles::Identity
         m_cloud.SetBucketName(metadata.optString("bucketname", defaultBucket));
     }
     if (!m_cloud.UploadFile(objectName, file.url)) return false;
+    Status::count(Status::FilesSent);
+    Status::setMoment(Status::LastFile);
     remove(file);
     if (!metadata.isNull()) deleteSent(file.url, identity);
     return true;

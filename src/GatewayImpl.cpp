@@ -11,6 +11,8 @@
 #include "PimAppVersion.h"
 #include "ReceivingQueue.h"
 #include "SenderSemaphore.h"
+#include "Status.h"
+#include "StatusDocument.h"
 
 #include <algorithm>
 #include <chrono>
@@ -227,9 +229,11 @@ std::string GatewayImpl::handleMessage(const std::string& message, Handover hand
         s_log.error("Gateway not initialized: Ignore");
         return JsonObject::parse(message).optString("syncsem");
     }
+    Status::count(Status::Received);
     JsonObject event = JsonObject::parse(message);
     if (!event.isObject()) {
         s_log.error("Invalid JSON object: Ignore");
+        Status::count(Status::NotAnEvent);
         return "";
     }
     std::string semaphore = event.optString("syncsem");
@@ -255,11 +259,15 @@ void GatewayImpl::handleEvent(JsonObject event, Handover handover) {
     }
     if (!Config()->collectionAllowed()) {
         s_log.info("TOU not accepted: will not send event");
+        Status::count(Status::RefusedByConsent);
         return;
     }
     if (m_filtersAreDefaults) makeFilters();
     s_log.info(" will be sent");
-    if (!m_eventFilter->matches(event)) return;
+    if (!m_eventFilter->matches(event)) {
+        Status::count(Status::RefusedByFilter);
+        return;
+    }
     const bool travelsAsFile = takeAnnouncedFile(event);
     if (!travelsAsFile) completeAndQueue(std::move(event), typeText, handover);
 }
@@ -338,8 +346,10 @@ void GatewayImpl::store() {
     const DiscardAtTheEnd discard(m_waiting);
     const ExitTrace trace("Gateway logging thread exited");
     RetryPace retries;
+    StatusDocument status;
     for (int idlePolls = 0;;) {
         restartReceiver();
+        status.write();
         std::size_t stored = 0;
         try {
             stored = storeWaitingEvents();
@@ -380,6 +390,7 @@ std::size_t GatewayImpl::storeWaitingEvents() {
             m_upload->ScheduleEventsUpload();
         if (batch.taken == 0) break;  // nothing waits, or the store fails
         stored += batch.taken;
+        Status::count(Status::Stored, batch.taken);
         more = batch.more;
     }
     // Only now: until events are stored again the upload would find the store in error.

@@ -5,6 +5,7 @@
 #include "DB.h"
 #include "NetworkHelper.h"
 #include "Services.h"
+#include "Status.h"
 #include "WorkerThread.h"
 
 #include <algorithm>
@@ -176,6 +177,7 @@ std::shared_ptr<LocationInfo> LocationInfo::readStored() {
 
 std::optional<LocationInfo::Answer> LocationInfo::askProvider() {
     NetworkHelper request;
+    request.countFor(Status::Place);
     if (!request.UrlRequest(PROVIDER, false, "") || !request.isGoodAnswer()) return std::nullopt;
     return parseAnswer(request.data);
 }

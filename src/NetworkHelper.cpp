@@ -182,6 +182,7 @@ bool NetworkHelper::GetVerbose() {
 
 bool NetworkHelper::UrlRequest(std::string url, bool deviceHeaders, std::string apiKey) {
     clearResults();
+    Status::asked(m_target);
     initializeCurl();
     Request request(std::move(url));
     if (request.curl == nullptr) {
@@ -194,6 +195,7 @@ bool NetworkHelper::UrlRequest(std::string url, bool deviceHeaders, std::string 
     if (m_waitsForTime) {
         s_log.error(" Request of ", ClassLog::foreign(request.url),
                     " not made: the time is not known, so no certificate can be judged");
+        Status::failed(m_target, "the time is not known, so no certificate can be judged");
         return false;
     }
     if (!apiKey.empty()) appendHeader(request.headers, "x-api-key", apiKey);
@@ -263,7 +265,11 @@ void NetworkHelper::setCertificateOptions(Request& request) {
 
 bool NetworkHelper::succeed(const Request& request) const {
     s_log.info(" Got answer from server ", data);
-    if (!isGoodAnswer()) fail(request);
+    if (!isGoodAnswer()) {
+        fail(request);
+    } else {
+        Status::succeeded(m_target);
+    }
     return true;
 }
 
@@ -272,6 +278,8 @@ bool NetworkHelper::fail(const Request& request) const {
     const std::string detail = ClassLog::foreign(request.detail);
     s_log.error(" Request of ", ClassLog::foreign(request.url), " failed: HTTP status ", status,
                 detail.empty() ? "" : ", ", detail);
+    const std::string answer = "HTTP status " + std::to_string(status);
+    Status::failed(m_target, status == 0 ? request.detail : answer, status == 0);
     return false;
 }
 
@@ -342,6 +350,7 @@ bool NetworkHelper::IsNetworkAvailable(bool force) {
         m_callbackPending = false;
     }
     m_NetworkAvailable = available;
+    Status::set(Status::Network, available ? 1 : -1);
     m_TimeAtLastNetworkPoll = static_cast<std::int32_t>(now);
     return available;
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "ShellCommand.h"
+#include "Status.h"
 
 /// What one HTTP request brought. The leading part of a `NetworkHelper`; libcurl's callbacks get
 /// it as their user pointer.
@@ -42,6 +43,8 @@ class NetworkHelper : public url_data {
     bool UrlRequest(std::string url, bool deviceHeaders, std::string apiKey);
     /// The request may be made while the time is not known: its answer may tell it.
     void allowUnknownTime() { m_timeMayBeUnknown = true; }
+    /// Counts the request, and how it is answered, as one of that target.
+    void countFor(Status::Target target) { m_target = target; }
     /// Whether the last request was not made because the time is not known.
     bool waitsForTime() const { return m_waitsForTime; }
     /// Whether the server gave what it was asked for: a status of 200 to 299.
@@ -87,6 +90,7 @@ class NetworkHelper : public url_data {
 
     bool m_timeMayBeUnknown = false;
     bool m_waitsForTime = false;
+    Status::Target m_target = Status::Nobody;
     std::function<void()> m_callback;
     bool m_callbackPending = true;
     std::int32_t m_pollIntervalMs = 60000;

@@ -4,6 +4,7 @@
 #include "ClassLog.h"
 #include "DB.h"
 #include "Singleton.h"
+#include "Status.h"
 
 #include <limits>
 #include <utility>
@@ -261,6 +262,7 @@ void TimeMgrImpl::setClockFrom(TimeSource source, UtcTimeMs utc) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_currentSource > source) return;
     m_currentSource = source;
+    Status::set(Status::ClockSource, source + 1);
     setSystemTime(utc);
 }
 

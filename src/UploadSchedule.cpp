@@ -1,5 +1,7 @@
 #include "UploadSchedule.h"
 
+#include "KernelTime.h"
+#include "Status.h"
 #include "UploadLog.h"
 
 #include <algorithm>
@@ -10,6 +12,14 @@ namespace {
 constexpr long long kMaxDelayMs = 2147483647;  ///< a delay's width, and about 24 days
 
 const ClassLog& s_log = UploadLog::log;
+
+/// The job's timer will end at that moment, in monotonic ms; 0: it has.
+void noteDue(int id, std::int64_t moment) {
+    constexpr Status::Fact facts[] = {Status::NextEvents, Status::NextFiles, Status::NextRefresh,
+                                      Status::NextTimeCheck, Status::NextInitialization};
+    if (id >= UploadSchedule::UploadEvents && id <= UploadSchedule::Initialization)
+        Status::set(facts[id - UploadSchedule::UploadEvents], moment);
+}
 
 }  // namespace
 
@@ -69,6 +79,7 @@ void UploadSchedule::request(std::uint64_t& timer, long long delay, int id, long
     const std::lock_guard<std::mutex> lock(m_timerMutex);
     if (timer != 0) m_timers.cancel(timer);
     timer = m_timers.add(clamped, m_instance, id, postTo);
+    noteDue(id, KernelTime::getTimeMonotonicAsInt64() + clamped);
 }
 
 void UploadSchedule::requestEventsUpload(long delay) {
@@ -98,6 +109,7 @@ long UploadSchedule::delayOfSeconds(std::int64_t seconds) {
 
 void UploadSchedule::postTo(bool cancelled, unsigned int instance, int id) {
     if (cancelled) return;
+    noteDue(id, 0);
     instances().with(instance, [id](UploadSchedule& schedule) { schedule.post(id, 0); });
 }
 

@@ -1,6 +1,7 @@
 #include "WaitingEvents.h"
 
 #include "ClassLog.h"
+#include "Status.h"
 
 #include <algorithm>
 #include <iterator>
@@ -124,10 +125,13 @@ std::size_t WaitingEvents::attempt(const Store& store, const NameLost& nameLost)
 }
 
 void WaitingEvents::reportChange(std::size_t kept, std::size_t dropped) const {
-    if (m_failing)
+    if (m_failing) {
         m_log.error("Events are kept in memory: the store fails");
-    else
+        Status::failed(Status::Store, DB::lastErrorMessage());
+    } else {
         m_log.error("The store works again: ", kept, " events kept, ", dropped, " dropped");
+        Status::succeeded(Status::Store);
+    }
 }
 
 void WaitingEvents::readFront() {
@@ -175,6 +179,7 @@ void WaitingEvents::dropOldest() {
 void WaitingEvents::lose(const EventPruner::Moment& moment) {
     widen(m_lost, {moment, moment});
     ++m_dropped;
+    Status::count(Status::Dropped);
 }
 
 void WaitingEvents::freeMemory() {

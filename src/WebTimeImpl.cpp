@@ -4,6 +4,7 @@
 #include "NetworkHelper.h"
 #include "ServiceTables.h"
 #include "Singleton.h"
+#include "Status.h"
 #include "TimeMgrImpl.h"
 #include "TimeReference.h"
 #include "UtcTime.h"
@@ -54,12 +55,14 @@ void WebTimeImpl::takeTimeFromServer() {
     NetworkHelper request;
     const std::string url = ServiceTables::getWebTimeUrl();
     request.allowUnknownTime();
+    request.countFor(Status::Time);
     if (!request.UrlRequest(url, false, ServiceTables::getLambdaKey()) || !request.isGoodAnswer()) {
         s_log.error("Time could not be retrieved from server");
     } else if (request.date.empty()) {
         s_log.error("No time received");
-    } else {
-        takeDate(request.date, s_log);
+        Status::failed(Status::Time, "the answer has no date");
+    } else if (takeDate(request.date, s_log) == 0) {
+        Status::failed(Status::Time, "the server's date cannot be now: " + request.date);
     }
 }
 

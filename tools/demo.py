@@ -21,6 +21,7 @@ import signal
 import sqlite3
 import subprocess
 import sys
+import tempfile
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
@@ -114,12 +115,13 @@ class Cloud:
 
 
 class Daemon:
-    def __init__(self, binary, folder, ca):
+    def __init__(self, binary, folder, ca, memory):
         self.folder = folder
+        self.status = pathlib.Path(memory) / "status.json"
         self.database = folder / "Db"
         self.log = folder / "kivApp.log"
         self._write_device(folder)
-        environment = dict(os.environ, CURL_CA_BUNDLE=ca)
+        environment = dict(os.environ, CURL_CA_BUNDLE=ca, KIV_STATUS_FILE=str(self.status))
         environment.pop("KIV_SERVERENV", None)
         self.output = open(self.log, "w")
         self.process = subprocess.Popen(
@@ -376,7 +378,7 @@ def prepare(options):
     print(path)
 
 
-def demonstrate(options, started):
+def demonstrate(options, started, memory):
     refuse_second_daemon()
     scratch = options.scratch.resolve()
     for old in ("device", "cloud"):  # nothing else: the directory may be somebody's
@@ -384,12 +386,15 @@ def demonstrate(options, started):
     (scratch / "device").mkdir(parents=True)
     cloud = Cloud(scratch / "cloud", options)
     started.append(cloud.process)
-    daemon = Daemon(options.build.resolve() / "kivApp", scratch / "device", cloud.ca)
+    daemon = Daemon(options.build.resolve() / "kivApp", scratch / "device", cloud.ca,
+                    memory)
     started.append(daemon.process)
     print(f"page: {cloud.page} shows live what arrives, and can make the cloud misbehave\n"
           f"device {DEVICE}: files, database and log in {scratch / 'device'}\n"
           f"cloud: records in {cloud.state / 'records' / STREAM}, "
-          f"objects in {cloud.state / 'objects'}, requests in {cloud.state / 'requests.jsonl'}",
+          f"objects in {cloud.state / 'objects'}, requests in {cloud.state / 'requests.jsonl'}\n"
+          f"whether it delivers: {options.build / 'tools/kivstat'} --status {daemon.status} "
+          "(add --watch to go on, doctor to try the servers)",
           flush=True)
     say_what_is_open(options)
     wait_until(daemon.is_ready, "the configuration with consent", daemon)
@@ -422,7 +427,9 @@ def main():
         if options.prepare:
             prepare(options)
         else:
-            demonstrate(options, started)
+            # What the daemon says of itself is kept in memory, as on a set.
+            with tempfile.TemporaryDirectory(prefix="kivApp-run.", dir="/dev/shm") as memory:
+                demonstrate(options, started, memory)
     except Failed as failure:
         print(f"run: {failure}", file=sys.stderr)
         return 1

@@ -9,10 +9,7 @@
 //     {"line": 2, "error": "not a JSON object"}
 // A filter that cannot be used: one line on standard error, status 2.
 
-#include "EventFilter.h"
-#include "JsonArrayIterator.h"
-#include "JsonFilter.h"
-#include "JsonFilterRule.h"
+#include "FilterReason.h"
 #include "JsonObject.h"
 
 #include <cstdlib>
@@ -24,40 +21,15 @@ namespace {
 
 constexpr int kUnusable = 2;
 
-/// The place of the first rule that matches, from 1 on; 0 when none does.
-unsigned int matchingRule(const JsonObject& rules, const JsonObject& event) {
-    for (JsonArrayIterator rule(rules); rule; ++rule) {
-        const JsonObject element = rule.current();
-        if (element.isObject() && JsonFilterRule(element).matches(event)) return rule.index() + 1;
-    }
-    return 0;
-}
-
-std::string ruleMatches(unsigned int rule, const char* list) {
-    return "rule " + std::to_string(rule) + " of " + list + " matches";
-}
-
-/// What decided, in words; `kept` is the filter's own verdict.
-std::string reason(const JsonObject& filter, const JsonObject& event, bool kept) {
-    const JsonObject include = filter.getObject("include");
-    const JsonObject exclude = filter.getObject("exclude");
-    const bool included = include.isNull() || JsonFilter(include).matches(event);
-    if (included && !kept) return ruleMatches(matchingRule(exclude, event), "exclude");
-    if (include.isNull()) return "there is no include, and no rule of exclude matches";
-    if (included) return ruleMatches(matchingRule(include, event), "include");
-    return include.isArray() ? "no rule of include matches"
-                             : "include is not an array: it matches nothing";
-}
-
-JsonObject verdict(const EventFilter& decider, const JsonObject& filter, const JsonObject& event) {
+JsonObject verdict(const JsonObject& filter, const JsonObject& event) {
     JsonObject result = JsonObject::createObject();
     if (!event.isObject()) {
         result.set("error", "not a JSON object");
         return result;
     }
-    const bool kept = decider.matches(event);
-    result.set("kept", JsonObject::adopt(json_boolean(kept)));
-    result.set("why", reason(filter, event, kept));
+    const FilterReason::Verdict verdict = FilterReason::judge(filter, event);
+    result.set("kept", JsonObject::adopt(json_boolean(verdict.kept)));
+    result.set("why", verdict.why);
     return result;
 }
 
@@ -77,10 +49,9 @@ JsonObject loadFilter(const char* path) {
 int judge(const char* path) {
     const JsonObject filter = loadFilter(path);
     if (filter.isNull()) return kUnusable;
-    const EventFilter decider(filter);
     long long number = 0;
     for (std::string line; std::getline(std::cin, line);) {
-        JsonObject result = verdict(decider, filter, JsonObject::parse(line));
+        JsonObject result = verdict(filter, JsonObject::parse(line));
         result.set("line", JsonObject::createInteger(++number));
         std::cout << result.dumpAsString() << "\n";
     }

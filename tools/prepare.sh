@@ -10,7 +10,7 @@ kiv_packages=(
 )
 kiv_test_packages=(
     libgtest-dev libgmock-dev e2fsprogs clang-format groff-base iso-codes tzdata dpkg-dev file
-    chromium chromium-driver
+    chromium chromium-driver strace openssl
 )
 # Beside those of the build, for fuzz/run.
 kiv_fuzz_packages=(clang libclang-rt-14-dev iproute2 util-linux)

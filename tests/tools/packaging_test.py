@@ -31,11 +31,13 @@ FILES = """
 /etc/default/kivApp
 /etc/init.d/kivApp
 /usr/bin/kivsend
+/usr/bin/kivstat
 /usr/lib/systemd/system/kivApp.service
 /usr/sbin/kivApp
 /usr/share/doc/kivapp/changelog.gz
 /usr/share/doc/kivapp/copyright
 /usr/share/man/man1/kivsend.1.gz
+/usr/share/man/man1/kivstat.1.gz
 /usr/share/man/man8/kivApp.8.gz
 """.split()
 LIBRARY_FILES = {
@@ -174,6 +176,10 @@ class InstalledTest(unittest.TestCase):
         wait_until(pathlib.Path("/dev/mqueue/kiv_queue").exists, "the message queue")
         run("kivsend", "--sync=20", "usage.epg", '{"channel": 5}')
         wait_until(lambda: "usage.epg" in stored_event_types(), "the event in the store")
+        # The places of an installed set are known to it; there is no server here, and no network.
+        told = run("kivstat", status=1)
+        self.assertRegex(told, r"^not delivering")
+        self.assertIn(", has run for ", told)
         self.assertIn("CKivApp: Options summary:",
                       pathlib.Path("/var/log/kivApp.log").read_text())
 
