@@ -55,6 +55,7 @@
 
 std::string AwsWrapperImpl::m_TestModeFile;
 unsigned int AwsWrapperImpl::m_uploadLimitSeconds = 300;
+std::int64_t AwsWrapperImpl::m_bytesPerSecond = 50000000;
 
 namespace {
 
@@ -66,7 +67,6 @@ constexpr long kTimeoutMs = 30000;  ///< to connect, and without any progress
 /// In all, of a call that keeps the upload thread. One in a child has the child's limit.
 constexpr long kCallTimeoutMs = 120000;
 constexpr std::chrono::seconds kRefusalLimit(10);  ///< of such a call, if it is made once more
-constexpr std::int64_t kBytesPerSecond = 50000000;
 
 /// The configured endpoint may be a host or a URL; the client wants a URL.
 std::string endpointUrl(std::string host) {
@@ -293,7 +293,7 @@ AwsWrapperImpl::AwsWrapperImpl() : m_sdk(std::make_unique<Sdk>()) {
     m_sdk->startTimestamp =
         Aws::Utils::DateTime::CalculateLocalTimestampAsString("%Y%m%dt%H%M%Sz").c_str();
     m_sdk->rateLimiter = Aws::MakeShared<Aws::Utils::RateLimits::DefaultRateLimiter<>>(
-        m_sdk->allocationTag, kBytesPerSecond);
+        m_sdk->allocationTag, m_bytesPerSecond);
     m_bucketName = Config()->GetS3Bucket();
 }
 

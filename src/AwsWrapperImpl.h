@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -57,4 +58,5 @@ class AwsWrapperImpl {
 
     static std::string m_TestModeFile;
     static unsigned int m_uploadLimitSeconds;  ///< 300
+    static std::int64_t m_bytesPerSecond;      ///< 50000000, of all clients together
 };

@@ -16,6 +16,8 @@ std::atomic<int> SystemCallFaults::closeQueueError{0};
 std::atomic<int> SystemCallFaults::closeSemaphoreError{0};
 std::atomic<int> SystemCallFaults::receiveError{0};
 std::atomic<int> SystemCallFaults::receiveFailures{0};
+std::atomic<int> SystemCallFaults::receives{0};
+std::atomic<bool> SystemCallFaults::waitForMessages{false};
 std::atomic<bool> SystemCallFaults::holdSleeps{false};
 std::atomic<int> SystemCallFaults::heldSleeps{0};
 std::atomic<bool> SystemCallFaults::shortenSleeps{false};
@@ -55,6 +57,8 @@ void SystemCallFaults::clear() {
     closeSemaphoreError = 0;
     receiveError = 0;
     receiveFailures = 0;
+    receives = 0;
+    waitForMessages = false;
     holdSleeps = false;
     shortenSleeps = false;
     longestSleep = 0;
@@ -73,6 +77,17 @@ Function* libraryCall(const char* name) {
 int failWith(int error) {
     errno = error;
     return -1;
+}
+
+bool isEmpty(mqd_t queue) {
+    mq_attr attributes{};
+    libraryCall<int(mqd_t, mq_attr*)>("mq_getattr")(queue, &attributes);
+    return attributes.mq_curmsgs == 0;
+}
+
+void waitForMessage(mqd_t queue) {
+    const timespec step = {0, 100000};
+    while (SystemCallFaults::waitForMessages && isEmpty(queue)) ::nanosleep(&step, nullptr);
 }
 
 class Held {
@@ -97,7 +112,16 @@ int mq_close(mqd_t queue) noexcept {
     return result;
 }
 
+ssize_t mq_timedreceive(mqd_t queue, char* buffer, size_t size, unsigned int* priority,
+                        const timespec* limit) {
+    waitForMessage(queue);
+    return libraryCall<ssize_t(mqd_t, char*, size_t, unsigned int*, const timespec*)>(
+        "mq_timedreceive")(queue, buffer, size, priority, limit);
+}
+
 ssize_t mq_receive(mqd_t queue, char* buffer, size_t size, unsigned int* priority) {
+    ++SystemCallFaults::receives;
+    waitForMessage(queue);
     if (SystemCallFaults::receiveFailures > 0) {
         --SystemCallFaults::receiveFailures;
         return failWith(SystemCallFaults::receiveError);

@@ -11,6 +11,9 @@ struct SystemCallFaults {
     static std::atomic<int> closeSemaphoreError;
     static std::atomic<int> receiveError;
     static std::atomic<int> receiveFailures;  ///< how many receive calls still fail
+    static std::atomic<int> receives;         ///< how many messages were waited for
+    /// Receive calls find a message: they wait for one first, also those that do not wait else.
+    static std::atomic<bool> waitForMessages;
     static std::atomic<bool> holdSleeps;
     static std::atomic<int> heldSleeps;             ///< sleeps held at this moment
     static std::atomic<bool> shortenSleeps;         ///< to a millisecond

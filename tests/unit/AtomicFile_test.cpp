@@ -313,6 +313,25 @@ TEST(AtomicFile, SaysWhenItCannotBeToldWhetherThereIsAFile) {
     EXPECT_EQ(AtomicFile::replace(path, "new"), "cannot open " + path + ": Not a directory");
 }
 
+/// A text that was written in place and cannot be synced is told.
+TEST(AtomicFile, SaysWhenATextInPlaceCannotBeSynced) {
+    const TempDir dir;
+    const std::string path = dir.write("config", "old");
+    fs::permissions(dir.path(), fs::perms(0555));
+    fs::permissions(path, fs::perms(0666));
+    const uid_t self = ::geteuid();
+    if (self == 0) {
+        ASSERT_EQ(::seteuid(65534), 0);
+    }
+    DiskWatch disk;
+    disk.fileSyncError = EIO;
+    const std::string problem = AtomicFile::replace(path, "new");
+    ASSERT_EQ(::seteuid(self), 0);
+    EXPECT_EQ(problem, "cannot sync " + path + ": Input/output error");
+    EXPECT_EQ(disk.calls, Names{"sync file"});
+    fs::permissions(dir.path(), fs::perms(0755));
+}
+
 /// What keeps a temporary file from being made, and is not the directory's refusal, leaves the old
 /// text.
 TEST(AtomicFile, KeepsTheOldTextWhereTheTemporarysNameIsTaken) {

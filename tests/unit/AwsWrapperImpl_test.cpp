@@ -93,6 +93,18 @@ TEST_F(AwsWrapperImplTest, StartsWithTheConfiguredBucket) {
     EXPECT_EQ(client().GetBucketName(), "b1");
 }
 
+/// What is sent and what is received share a rate of 50 MB/s.
+TEST_F(AwsWrapperImplTest, SendsAndReceivesWithinTheRate) {
+    EXPECT_EQ(AwsWrapperImplPeer::bytesPerSecond(), 50000000);
+    AwsWrapperImplPeer::setBytesPerSecond(10000);
+    giveCredentials();
+    client();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(client().UploadToKinesisFirehose(std::string(15000, 'x')));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900))
+        << "the record takes 20000 bytes, of which the first 10000 are free; the answer waits";
+}
+
 /// The user's own settings of the SDK are kept.
 TEST_F(AwsWrapperImplTest, KeepsTheUsersSettingsOfTheSdk) {
     ::setenv("AWS_EC2_METADATA_DISABLED", "mine", 1);

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <malloc.h>
 #include <stdlib.h>
 
 #include <gtest/gtest.h>
@@ -236,6 +237,18 @@ TEST_F(CredentialsAesTest, AWrongKeyGivesOtherText) {
     const std::string cipher = encrypted(kNistCounter, "a secret of the cloud");
     CredentialsPeer::setStorageKey("another key 0123");
     EXPECT_NE(m_credentials.decryptAES(kNistCounter, cipher), "a secret of the cloud");
+}
+
+/// The context of the cipher is freed.
+TEST_F(CredentialsAesTest, FreesTheContextOfTheCipher) {
+    const auto decryptMany = [this] {
+        for (int i = 0; i < 1000; ++i) m_credentials.decryptAES(kNistCounter, kNistCipher);
+    };
+    decryptMany();  // what OpenSSL keeps for itself
+    const auto before = ::mallinfo2().uordblks;
+    decryptMany();
+    const auto after = ::mallinfo2().uordblks;
+    EXPECT_LT(after < before ? 0 : after - before, 50000u) << "a context takes 100 bytes or more";
 }
 
 /// A failing call prints the library's error queue; a failed assertion ends the process.

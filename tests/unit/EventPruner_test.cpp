@@ -62,6 +62,25 @@ TEST_F(EventPrunerTest, AnOverflowEventHandsItsRangeOn) {
     EXPECT_EQ(range.optInteger("highest-kernel-time", -1), 6);
 }
 
+/// An overflow event that is pruned hands its range on.
+TEST_F(EventPrunerTest, EachOverflowEventAmongThoseSelectedHandsItsRangeOn) {
+    const auto naming = [](int highest) {
+        return "{\"data\": {\"highest-boot-count\": 1, \"highest-standby-count\": 1, "
+               "\"highest-kernel-time\": " +
+               std::to_string(highest) + "}}";
+    };
+    db->addEvent(1, 1, 9, EventPruner::overflowType(), naming(99));  // is not selected
+    db->addEvent(1, 1, 1, "t", "first");
+    db->addEvent(1, 1, 2, EventPruner::overflowType(), naming(5));
+    db->addEvent(1, 1, 3, EventPruner::overflowType(), naming(7));
+    const long ofThree = 6 + 2 * (static_cast<long>(naming(5).size()) + 1);
+    const EventPruner pruner(connection(), 1000, 1000 - ofThree);
+    EXPECT_EQ(pruner.rows(), (Rows{2, 3, 4}));
+    EXPECT_EQ(pruner.lowest().kernelTime, 1);
+    const JsonObject range = pruner.overflowEvent().getObject("data");
+    EXPECT_EQ(range.optInteger("highest-kernel-time", -1), 7);
+}
+
 /// Only a later end counts; broken overflow events hand nothing on.
 TEST_F(EventPrunerTest, ARangeThatEndsBeforeTheLastEventChangesNothing) {
     db->addEvent(1, 1, 1, EventPruner::overflowType(),

@@ -297,6 +297,31 @@ TEST_F(EventTableBatchesTest, AFailedCommitOfABatchIsRolledBackAndTriedSingly) {
     EXPECT_FALSE(transactionIsOpen());
 }
 
+/// What is stored singly does not wait for the locks of others: the batch has waited for them.
+TEST_F(EventTableBatchesTest, WhatIsStoredSinglyDoesNotWaitForLocks) {
+    std::vector<int> timeouts;
+    const auto note = [](sqlite3_context* call, int, sqlite3_value**) {
+        SqlStatement timeout(sqlite3_context_db_handle(call), "PRAGMA busy_timeout");
+        timeout.step();
+        static_cast<std::vector<int>*>(sqlite3_user_data(call))
+            ->push_back(static_cast<int>(timeout.columnInt64(0)));
+    };
+    ASSERT_EQ(sqlite3_create_function_v2(DBPeer::connection(*db), "note", 0,
+                                         SQLITE_UTF8 | SQLITE_INNOCUOUS, &timeouts, note, nullptr,
+                                         nullptr, nullptr),
+              SQLITE_OK);
+    DBPeer::allowTriggers(*db);
+    onStore(
+        "CREATE TEMP TRIGGER Note BEFORE INSERT ON Events BEGIN "
+        "SELECT note(); SELECT RAISE(ROLLBACK,'all gone') WHERE new.data='e1'; END");
+    OutputCapture capture;
+    std::size_t taken = 0;
+    db->addEvents(events(2), taken);
+    db->addEvents(events(1), taken);
+    capture.stop();
+    EXPECT_EQ(timeouts, (std::vector<int>{1000, 1000, 0, 0, 1000}));
+}
+
 /// A reader delays no batch, however long it reads.
 TEST_F(EventTableBatchesTest, AReaderDelaysNoBatch) {
     db->addEvent(1, 1, 0, "t", "first");

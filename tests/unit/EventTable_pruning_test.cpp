@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <set>
 #include <string>
 #include <thread>
@@ -12,6 +11,8 @@
 
 #include "EventType.h"
 #include "JsonObject.h"
+#include "support/HoldingOutput.h"
+#include "support/NewThreads.h"
 #include "support/StoreTest.h"
 #include "support/WaitUntil.h"
 
@@ -57,11 +58,6 @@ class EventTablePruningTest : public StoreTest {
     }
 
     long recount() { return std::stol(value("SELECT SUM(length(data)+1)+1 FROM Events")); }
-
-    static std::ptrdiff_t threadsOfProcess() {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                             std::filesystem::directory_iterator());
-    }
 
     /// Kernel times of the events in `texts`, and all that the overflow events among them name.
     static void collect(const Texts& timesAndTexts, std::multiset<long long>& times) {
@@ -370,17 +366,33 @@ TEST_F(EventTablePruningTest, ARolledBackPruneLeavesTheMarks) {
     EXPECT_TRUE(storedData().empty());
 }
 
+/// A prune that is rolled back leaves the marks.
+TEST_F(EventTablePruningTest, APruneWhoseCommitFailsLeavesTheMarks) {
+    addMany(3, 50);
+    DB::EventSet set = db->getEvents(false);
+    while (!set.getNextAndMark().empty()) continue;
+    breakCommitsAfter("DELETE ON Events");
+    OutputCapture capture;
+    db->pruneAboveSize(10);
+    capture.stop();
+    EXPECT_EQ(capture.errWithoutPrefixes(),
+              "kivDB: SQL error (commit): FOREIGN KEY constraint failed\n");
+    onStore("DROP TRIGGER OrphanMaker");
+    EXPECT_TRUE(db->deleteMarkedEvents(set));
+    EXPECT_TRUE(storedData().empty()) << "the rows were accepted, and are still stored";
+}
+
 // --- when it runs ---
 
 /// An insert above 131072 bytes starts a pruning thread and does not wait for it; one at it
 /// does not.
 TEST_F(EventTablePruningTest, AnInsertAtTheThresholdStartsNoThreadAndOneAboveDoes) {
     std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
-    const auto before = threadsOfProcess();
+    const NewThreads pruners;
     EXPECT_EQ(db->addEvent(1, 1, 1, "t", std::string(kThreshold - 2, 'x')), kThreshold);
-    EXPECT_EQ(threadsOfProcess(), before);
+    EXPECT_EQ(pruners.count(), 0);
     EXPECT_EQ(db->addEvent(1, 1, 2, "t", ""), kThreshold + 1);
-    EXPECT_EQ(threadsOfProcess(), before + 1);
+    EXPECT_EQ(pruners.count(), 1);
     EXPECT_EQ(value("SELECT COUNT(*) FROM Events"), "2") << "the insert does not wait for it";
     lock.unlock();
     DBPeer::waitForPruners(*db);
@@ -390,10 +402,10 @@ TEST_F(EventTablePruningTest, AnInsertAtTheThresholdStartsNoThreadAndOneAboveDoe
 /// A flood starts one thread while one waits, and inserts let it go first.
 TEST_F(EventTablePruningTest, AFloodStartsOneThreadWhileThatOneWaits) {
     std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
-    const auto before = threadsOfProcess();
+    const NewThreads pruners;
     DBPeer::setPruneSizes(*db, 100, 50);
     addMany(100, 20);
-    EXPECT_EQ(threadsOfProcess(), before + 1);
+    EXPECT_EQ(pruners.count(), 1);
     EXPECT_EQ(storedData().size(), 100u);
     lock.unlock();
     DBPeer::waitForPruners(*db);
@@ -411,6 +423,21 @@ TEST_F(EventTablePruningTest, ABatchThatPassesTheThresholdIsPruned) {
     DBPeer::waitForPruners(*db);
     EXPECT_EQ(value("SELECT MIN(kernelTime) FROM Events WHERE type='t'"), "38");
     EXPECT_EQ(db->getOldestEvent(), overflowText(0, 37));
+}
+
+/// A pruner that has the lock counts no longer as the one that waits.
+TEST_F(EventTablePruningTest, APrunerThatHasTheLockIsNoLongerTheOneThatWaits) {
+    DBPeer::setPruneSizes(*db, 1000, 500);
+    HoldingOutput output("PruneAboveSize invoked");
+    std::unique_lock<std::recursive_mutex> lock(DB::m_PruneLock);
+    db->addEvent(1, 1, 1, "t", std::string(2000, 'x'));
+    DB::setVerbose(true);
+    lock.unlock();
+    EXPECT_TRUE(WaitUntil([&] { return output.holds(); }));
+    EXPECT_FALSE(PrunerThreads::takeHeadStart()) << "nobody waits";
+    output.release();
+    DBPeer::waitForPruners(*db);
+    DB::setVerbose(false);
 }
 
 /// A flood starts one thread while one waits, and inserts let it go first.

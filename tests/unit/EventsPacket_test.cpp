@@ -258,7 +258,7 @@ TEST_F(EventsPacketTest, RefusesAnEventThatCannotBeWrittenAndStaysAsItWas) {
     AwsWrapperImpl::SetVerbose(true);
     {
         const NoJsonMemoryFrom rework(" Rework Event ");
-        EXPECT_FALSE(packet.AddEvent(event(3, 0), kTime));
+        EXPECT_FALSE(packet.AddEvent(event(3, 0, R"(, "value": 1.5)"), kTime));  // takes memory
         EXPECT_TRUE(rework.hasCome());
     }
     AwsWrapperImpl::SetVerbose(false);

@@ -93,6 +93,8 @@ TEST_F(GatewayImplTest, SaysWhenItIsInitialized) {
     m_gateway->Init(m_db);
     silent.stop();
     EXPECT_EQ(silent.out(), "");
+    // The receiving thread has lines of its own until it waits for its first message.
+    ASSERT_TRUE(WaitUntil([] { return SystemCallFaults::receives > 0; }));
     GatewayImpl::SetVerbose(true);
     OutputCapture capture;
     m_gateway->Init(m_db);

@@ -3,6 +3,7 @@
 #include "Singleton.h"
 #include "UploadImpl.h"
 #include "support/GatewaySetup.h"
+#include "support/HoldingOutput.h"
 #include "support/NoThreads.h"
 #include "support/OutputCapture.h"
 #include "support/PoisonedOutput.h"
@@ -21,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <regex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -39,37 +41,6 @@
 namespace {
 
 using Messages = UploadImplPeer::Messages;
-
-/// Holds, in a wait that can be cancelled, whoever writes a text that contains `moment` on
-/// standard output. Writes nothing.
-class HoldingOutput : public std::streambuf {
-  public:
-    explicit HoldingOutput(std::string moment)
-        : m_moment(std::move(moment)), m_before(std::cout.rdbuf(this)) {}
-    ~HoldingOutput() override {
-        release();
-        std::cout.rdbuf(m_before);
-    }
-
-    bool holds() const { return m_holds; }
-    void release() { m_released = true; }
-
-  private:
-    std::streamsize xsputn(const char* text, std::streamsize size) override {
-        if (std::string(text, static_cast<std::size_t>(size)).find(m_moment) != std::string::npos) {
-            m_holds = true;
-            const timespec step = {0, 1000000};
-            while (!m_released) ::nanosleep(&step, nullptr);
-        }
-        return size;
-    }
-    int overflow(int character) override { return character; }
-
-    std::string m_moment;
-    std::streambuf* m_before;
-    std::atomic<bool> m_holds{false};
-    std::atomic<bool> m_released{false};
-};
 
 std::string replaced(std::string text, const std::string& pattern, const std::string& with) {
     return std::regex_replace(text, std::regex(pattern), with);
@@ -300,21 +271,23 @@ TEST_F(GatewayImplThreadsTest, NamesTheReceivingThread) {
 /// Neither of its threads takes the alarm.
 TEST_F(GatewayImplThreadsTest, LeavesTheAlarmToTheThreadThatMadeIt) {
     const auto thatTakeTheAlarm = [] {
-        std::ptrdiff_t count = 0;
+        std::set<std::string> threads;
         for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
             const std::string status = TempDir::readFile(task.path().string() + "/status");
             const std::size_t at = status.find("SigBlk:");
             if (at == std::string::npos) continue;
             const auto blocked = std::stoull(status.substr(at + 7), nullptr, 16);
-            if ((blocked & (1ULL << (SIGALRM - 1))) == 0) ++count;
+            if ((blocked & (1ULL << (SIGALRM - 1))) == 0) threads.insert(task.path().string());
         }
-        return count;
+        return threads;
     };
-    const std::ptrdiff_t before = thatTakeTheAlarm();
+    const std::set<std::string> before = thatTakeTheAlarm();
     makeGateway();
     ASSERT_TRUE(GatewayImplPeer::isReceiverStarted(*m_gateway));
     ASSERT_TRUE(GatewayImplPeer::isStorerStarted(*m_gateway));
-    EXPECT_EQ(thatTakeTheAlarm(), before) << "neither the receiving thread nor the storing one";
+    for (const std::string& thread : thatTakeTheAlarm()) {
+        EXPECT_EQ(before.count(thread), 1u) << "the receiving thread or the storing one";
+    }
     EXPECT_EQ(storedFor(R"({"event-type": "x"})").optString("event-type"), "x") << "both run";
 }
 
@@ -718,24 +691,29 @@ TEST_F(GatewayImplThreadsTest, WaitsForTheBatchWithAnEventWhoseSenderWaits) {
 
 /// While a batch is stored, receiving goes on for up to a batch more; the order stays.
 TEST_F(GatewayImplThreadsTest, HoldsAtMostABatchWhileOneIsStored) {
-    makeGateway();
-    std::unique_lock<std::mutex> batch(GatewayImpl::m_QueueMutex);
+    constexpr int kRoom = 4;
+    constexpr int kTaken = 256;  // 255 are set aside; with the last one in hand it waits
+    createQueue(kRoom);
+    // Finding no message, the receiving thread would wait for the batch with what it has.
+    SystemCallFaults::waitForMessages = true;
     std::vector<std::string> expected;
     for (int i = 0; i < 300; ++i) expected.push_back("e" + std::to_string(i));
-    std::atomic<std::size_t> handled{0};
-    std::thread receiver([&] {
+    makeGateway();
+    std::unique_lock<std::mutex> batch(GatewayImpl::m_QueueMutex);
+    std::atomic<int> sent{0};
+    std::thread sender([&] {
+        const Queue queue(m_queueName, O_WRONLY);
         for (const std::string& type : expected) {
-            GatewayImplPeer::handleReceived(*m_gateway, R"({"event-type": ")" + type + "\"}");
-            ++handled;
+            queue.send(R"({"event-type": ")" + type + "\"}");
+            ++sent;
         }
     });
-    EXPECT_TRUE(WaitUntil([&] { return handled == 255; }));
-    EXPECT_FALSE(WaitUntil([&] { return handled > 255; }, std::chrono::milliseconds(50)));
+    EXPECT_TRUE(WaitUntil([&] { return sent == kTaken + kRoom; }));
+    EXPECT_FALSE(WaitUntil([&] { return sent > kTaken + kRoom; }, std::chrono::milliseconds(50)));
     batch.unlock();
-    receiver.join();
-    // As the receiving thread asks before it waits for the next message.
-    EXPECT_TRUE(WaitUntil([&] { return !GatewayImplPeer::isAnySetAside(*m_gateway); }));
-    EXPECT_TRUE(WaitUntil([&] { return rows().size() == expected.size(); }));
+    sender.join();
+    SystemCallFaults::waitForMessages = false;
+    EXPECT_TRUE(WaitUntil([this] { return rows().size() == 300; }));
     EXPECT_EQ(storedTypes(), expected);
 }
 

@@ -132,6 +132,16 @@ TEST_F(SqlConnectionTest, ALongMessageIsShownCutAndOnOneLine) {
     EXPECT_GT(recorded[0].size(), 7000u);
 }
 
+/// SQLite's message of a failed statement is freed.
+TEST_F(SqlConnectionTest, FreesTheMessageOfAFailedStatement) {
+    openIt();
+    OutputCapture capture;
+    execute("SELECT a FROM Nowhere");
+    const sqlite3_int64 before = sqlite3_memory_used();
+    for (int i = 0; i < 100; ++i) execute("SELECT a FROM Nowhere");
+    EXPECT_LT(sqlite3_memory_used() - before, 1000) << "100 messages take 3000 bytes";
+}
+
 /// A failed statement gets its line and is recorded with SQLite's message, unless told otherwise.
 TEST_F(SqlConnectionTest, AFailedStatementGetsItsLineAndIsRecorded) {
     openIt();

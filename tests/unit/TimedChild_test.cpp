@@ -9,9 +9,13 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
+#include <stddef.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -39,6 +43,21 @@ class TimedChildTest : public KivTest {
             ::_exit(99);
         }
         return child;
+    }
+
+    /// From now on this process is on a kernel that has no close_range(2).
+    static bool refuseToCloseRanges() {
+        sock_filter program[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close_range, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        };
+        sock_fprog filter = {};
+        filter.len = sizeof program / sizeof program[0];
+        filter.filter = program;
+        return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+               ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
     }
 
     /// Not for ever, so that a child that nobody ends fails its test.
@@ -129,6 +148,31 @@ TEST_F(TimedChildTest, SparesTheChildTheDaemonsDescriptors) {
         kLimit));
     EXPECT_NE(::fcntl(descriptor, F_GETFD), -1) << "its own stays open";
     ::close(descriptor);
+}
+
+/// The child closes the daemon's descriptors also where the kernel cannot close a range of them.
+TEST_F(TimedChildTest, SparesTheChildTheDaemonsDescriptorsWithoutTheCallForARange) {
+    constexpr int kRefused = 97;
+    const int descriptor = ::open(dir.write("store", "x").c_str(), O_RDONLY);
+    ASSERT_GT(descriptor, STDERR_FILENO);
+    const pid_t older = ::fork();
+    if (older == 0) {
+        const rlimit few = {256, 256};
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        if (!refuseToCloseRanges()) ::_exit(kRefused);
+        const bool spared = TimedChild::run(
+            [descriptor] {
+                return ::fcntl(descriptor, F_GETFD) == -1 && ::fcntl(255, F_GETFD) == -1 &&
+                       ::fcntl(STDERR_FILENO, F_GETFD) != -1;
+            },
+            kLimit);
+        ::_exit(spared ? 0 : 1);
+    }
+    ::close(descriptor);
+    int status = -1;
+    ASSERT_EQ(::waitpid(older, &status, 0), older);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kRefused) GTEST_SKIP() << "no filter to be had";
+    EXPECT_EQ(status, 0);
 }
 
 /// A failed fork: "Fork failed: ".

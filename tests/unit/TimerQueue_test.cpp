@@ -21,6 +21,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <time.h>
 
 #include <gtest/gtest.h>
 
@@ -484,6 +485,26 @@ TEST(TimerQueue, LeavesAlarmsToOtherThreads) {
         blocked.set_value(::sigismember(&mask, SIGALRM) == 1);
     });
     EXPECT_TRUE(blocked.get_future().get());
+}
+
+/// Its thread sleeps when there is nothing to do, and until the next item is due.
+TEST(TimerQueue, SleepsWhileNothingIsDue) {
+    TimerQueue queue;
+    const auto processorTime = [&queue] {
+        std::promise<milliseconds> used;
+        queue.add(0, 0, 0, [&used](bool, unsigned int, int) {
+            timespec spent{};
+            ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &spent);
+            used.set_value(milliseconds(spent.tv_sec * 1000 + spent.tv_nsec / 1000000));
+        });
+        return used.get_future().get();
+    };
+    for (const bool hasItem : {false, true}) {
+        if (hasItem) queue.add(kMinutes, 0, 0, [](bool, unsigned int, int) {});
+        const milliseconds before = processorTime();
+        std::this_thread::sleep_for(milliseconds(300));
+        EXPECT_LT(processorTime() - before, milliseconds(20)) << "with an item: " << hasItem;
+    }
 }
 
 /// A thread that cannot be started gets a line; what was added is cancelled at the end.
