@@ -192,7 +192,7 @@ class Device:
         self.environment = {"PATH": os.environ["PATH"], "CURL_CA_BUNDLE": cloud.ca, "TZ": "UTC",
                             "HOME": str(self.folder)}
         for name, value in os.environ.items():
-            if name.startswith(("ASAN_", "UBSAN_", "LSAN_", "QEMU_", "LD_LIBRARY_PATH")):
+            if name.startswith(("ASAN_", "UBSAN_", "LSAN_", "TSAN_", "QEMU_", "LD_LIBRARY_PATH")):
                 self.environment[name] = value
         self.launcher = os.environ.get("KIV_LAUNCHER", "").split()
         self.process = None

@@ -1,5 +1,7 @@
 #include "support/SystemCallFaults.h"
 
+#include "support/MessageQueue.h"
+
 #include <dlfcn.h>
 #include <errno.h>
 #include <malloc.h>
@@ -126,8 +128,10 @@ ssize_t mq_receive(mqd_t queue, char* buffer, size_t size, unsigned int* priorit
         --SystemCallFaults::receiveFailures;
         return failWith(SystemCallFaults::receiveError);
     }
-    return libraryCall<ssize_t(mqd_t, char*, size_t, unsigned int*)>("mq_receive")(queue, buffer,
-                                                                                   size, priority);
+    const ssize_t length = libraryCall<ssize_t(mqd_t, char*, size_t, unsigned int*)>("mq_receive")(
+        queue, buffer, size, priority);
+    static_cast<void>(messagesSent.load());
+    return length;
 }
 
 int sem_close(sem_t* semaphore) noexcept {

@@ -345,14 +345,7 @@ TEST_F(FilesUploadTest, DeletesTheLinkThatWasAnnounced) {
 /// No name is handled twice in a pass.
 TEST_F(FilesUploadTest, HandlesNoNameTwiceInAPass) {
     announce("log1");
-    std::shared_ptr<sqlite3> locked;
-    script([&](const Request& request) {
-        locked = lockStore();  // nothing can be noted of it
-        return accept(request);
-    });
-    OutputCapture output;
-    EXPECT_EQ(files.run(), 1);
-    output.stop();
+    EXPECT_EQ(runWithALockedStore(accept), 1);  // nothing can be noted of it
     EXPECT_EQ(objects().size(), 1u);
     EXPECT_TRUE(isDelayed(2, 60000));
 }
@@ -541,7 +534,7 @@ TEST_F(FilesUploadTest, AsksAStoreThatFailsAgainInAMinute) {
 /// A file that cannot be deleted gets a line.
 TEST_F(FilesUploadTest, TellsThatAnUploadedFileCannotBeDeleted) {
     const std::string path = announce("log1", R"({"bucketname": "b1"})");
-    script([&](const Request& request) {
+    script([path](const Request& request) {
         ::unlink(path.c_str());
         return accept(request);
     });
@@ -555,7 +548,7 @@ TEST_F(FilesUploadTest, TellsThatAnUploadedFileCannotBeDeleted) {
 /// A path is the announcer's text: in an error line it is cut and escaped.
 TEST_F(FilesUploadTest, EscapesThePathInAnErrorLine) {
     const std::string path = announce("two\nlines", R"({"bucketname": "b1"})");
-    script([&](const Request& request) {
+    script([path](const Request& request) {
         ::unlink(path.c_str());
         return accept(request);
     });

@@ -722,7 +722,9 @@ TEST_F(GatewayImplThreadsTest, QueuesWhatItSetAsideAlsoWhileMessagesThatAreRefus
     makeGateway();
     {
         const std::lock_guard<std::mutex> batch(GatewayImpl::m_QueueMutex);
-        GatewayImplPeer::handleReceived(*m_gateway, R"({"event-type": "a"})");
+        std::thread([this] {
+            GatewayImplPeer::handleReceived(*m_gateway, R"({"event-type": "a"})");
+        }).join();
     }
     EXPECT_TRUE(GatewayImpl::m_Queue.empty());
     EXPECT_FALSE(GatewayImplPeer::isAnySetAside(*m_gateway)) << "asked before each message";
