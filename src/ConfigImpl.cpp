@@ -193,10 +193,11 @@ bool ConfigImpl::Refresh(bool force) {
     }
     const std::int32_t now = currentUtcSeconds();
     if (attemptIsTooRecent(now)) return false;
+    const bool termsExist = termsOfUseExist();
+    if (termsOfUseAreUnreadable()) return waitForTerms();
     recordAttempt(now);  // also one that throws
     s_log.info(" trying to load config from server... force=", force);
-    if (!termsOfUseExist()) {
-        if (termsOfUseAreUnreadable()) return waitForTerms();
+    if (!termsExist) {
         s_log.error("Tou does not exist, Retry later");
         return giveUp(now);
     }

@@ -104,7 +104,7 @@ class KivstatTest(WholeProgramTest):
         for _ in range(2):
             self.device.send("usage.app", {"name": "x"})
         self.device.post_raw(b"[1]")
-        self.device.send("usage.epg", {"text": "it's"})
+        self.device.post_raw(b'{"event-type":"usage.epg","data":{"text":"it\'s"}}')
 
         def counts():
             return json.loads(self.status_file.read_text())["counts"]

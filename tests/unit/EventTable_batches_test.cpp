@@ -118,12 +118,14 @@ TEST_F(EventTableBatchesTest, AnEventThatFailsAloneInABatchFailsAlone) {
 TEST_F(EventTableBatchesTest, RowsOfABatchAreThoseOfSingleEvents) {
     constexpr long long kMost = std::numeric_limits<long long>::max();
     constexpr long long kLeast = std::numeric_limits<long long>::min();
+    constexpr auto kBeyond = static_cast<long>(4294967295LL);  // -1 where a long has 32 bits
+    constexpr auto kFirstBeyond = static_cast<long>(2147483648LL);
     const std::vector<DB::NewEvent> odd = {
         {1, 1, 1, "t", "plain"},
         {0, 0, 0, "", ""},
         {-1, -2, -3, "t", "negative"},
-        {2147483647, 4294967295L, kMost, "t", "large"},
-        {4294967295L, 2147483648L, kLeast, "t", "least"},
+        {2147483647, kBeyond, kMost, "t", "large"},
+        {kBeyond, kFirstBeyond, kLeast, "t", "least"},
         {1, 1, 5, "12", "34"},
         {1, 1, 6, "1e3", "0x10"},
         {1, 1, 7, "t", "NULL"},
