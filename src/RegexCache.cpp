@@ -178,11 +178,20 @@ SharedPattern compile(const std::string& pattern) {
     return std::make_shared<const Compiled>(Compiled{std::regex(pattern, ECMAScript), true});
 }
 
+/// Has reading count on this thread while it lives; not where there is no effort.
+class Limit {
+  public:
+    explicit Limit(Effort* effort) { CountedPlace::limit(effort); }
+    ~Limit() { CountedPlace::limit(nullptr); }
+    Limit(const Limit&) = delete;
+    Limit& operator=(const Limit&) = delete;
+};
+
 /// A line, and false, where an expression that backtracks takes too much.
 bool matchesWithin(const Compiled& expression, const std::string& pattern,
                    const std::string& text) {
     Effort effort;
-    CountedPlace::limit(expression.backtracks ? &effort : nullptr);
+    const Limit limit(expression.backtracks ? &effort : nullptr);
     try {
         const CountedPlace begin(text.data());
         const CountedPlace end(text.data() + text.size());

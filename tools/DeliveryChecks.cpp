@@ -105,8 +105,7 @@ std::string DeliveryChecks::nextUpload() const {
     std::int64_t next = daemon.fact("next-events");
     const std::int64_t check = daemon.fact("next-time-check");
     if (next < m_evidence.kernelMs || (check > m_evidence.kernelMs && check < next)) next = check;
-    const std::string above =
-        "above " + number(m_evidence.configuration.minSize) + " bytes at once";
+    std::string above = "above " + number(m_evidence.configuration.minSize) + " bytes at once";
     if (next <= m_evidence.kernelMs) return above;
     return "next in " + Evidence::inWords(next - m_evidence.kernelMs) + ", " + above;
 }

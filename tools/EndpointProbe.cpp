@@ -111,7 +111,7 @@ std::string lastTlsError() {
 std::string EndpointProbe::hostOf(const std::string& url) {
     const std::string whole = asUrl(url);
     const std::size_t begin = whole.find("://") + 3;
-    const std::string host = whole.substr(begin, whole.find('/', begin) - begin);
+    std::string host = whole.substr(begin, whole.find('/', begin) - begin);
     if (host.find(':') != std::string::npos) return host;
     return host + (isHttp(whole) ? ":80" : ":443");
 }

@@ -86,8 +86,11 @@ void Explanation::judgeStorage(const JsonObject& event) {
 std::string Explanation::text() const {
     std::string lines = (m_kept ? "kept: " : "not kept: ") + m_decision + "\n";
     for (const auto& [step, why] : m_steps) {
-        lines +=
-            "  " + step + std::string(step.size() < 18 ? 18 - step.size() : 1, ' ') + why + "\n";
+        lines += "  ";
+        lines += step;
+        lines.append(step.size() < 18 ? 18 - step.size() : 1, ' ');
+        lines += why;
+        lines += '\n';
     }
     return lines;
 }
