@@ -107,10 +107,18 @@ FilesTable::Outcome FilesTable::insert(const Announcement& file) {
     }
     if (insert.step() == SQLITE_DONE) return Outcome::Registered;
     const Outcome outcome = outcomeOfFailure();
+    if (outcome == Outcome::Refused && isMissing()) return Outcome::NotNow;
     if (outcome == Outcome::Refused) {
         std::fprintf(stderr, "%s Can't Insert into table Files\n", s_log.tag());
     }
     return outcome;
+}
+
+/// Whether the table itself is not there; the next opening makes it.
+bool FilesTable::isMissing() {
+    if (m_connection.prepare("SELECT ROWID FROM Files").isPrepared()) return false;
+    m_connection.askForAnother();
+    return true;
 }
 
 bool FilesTable::isGone(const std::string& id) const {

@@ -67,6 +67,7 @@ class FilesTable {
     Outcome insert(const Announcement& file);
     Outcome exchange(const Announcement& file);
     Outcome outcomeOfFailure() const;
+    bool isMissing();
     bool has(const std::string& id) const;
     bool makeRoom(std::size_t bytes, std::vector<std::string>& dropped);
     bool isRoomFor(std::size_t bytes) const;

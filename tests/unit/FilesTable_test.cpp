@@ -32,6 +32,18 @@ TEST_F(FilesTableTest, TellsWhatBecameOfAFile) {
     EXPECT_FALSE(db->addFile("c", "/c", ""));
 }
 
+/// Where the table itself is missing a file can wait: the next opening makes it.
+TEST_F(FilesTableTest, AFileWaitsForATableThatIsMissing) {
+    onStore("DROP TABLE Files");
+    OutputCapture capture;
+    EXPECT_EQ(db->registerFile({"a", "/a", ""}), FilesTable::Outcome::NotNow);
+    capture.stop();
+    EXPECT_EQ(capture.err(), "");
+    DBPeer::letTimePassSinceOpening(*db, std::chrono::seconds(5));
+    EXPECT_EQ(db->registerFile({"a", "/a", ""}), FilesTable::Outcome::Registered);
+    EXPECT_EQ(rows("SELECT id FROM Files"), Texts{"a"});
+}
+
 /// An info above 4096 bytes is refused with a line; one of 4096 is taken.
 TEST_F(FilesTableTest, ALongInfoIsRefusedWithALine) {
     OutputCapture capture;

@@ -229,7 +229,7 @@ TEST_F(GatewayImplFailingTest, KeepsTheEventOfAFileThatCannotBeRegistered) {
     ASSERT_EQ(all.size(), 2u);
     const std::string id = JsonObject::parse(all[1].data).optString("oob-id");
     EXPECT_EQ(id.rfind("oob_dev1_", 0), 0u);
-    EXPECT_TRUE(WaitUntil([&] { return files().size() == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return files().size() == 1; }));
     EXPECT_EQ(files()[0].id, id);
     EXPECT_EQ(files()[0].url, "/tmp/a\n.log");
     const auto askedForFiles = [this] {
